@@ -1,0 +1,28 @@
+package android.kus;
+
+/** One attached device, as the platform describes it and as the service decided on it. */
+parcelable DeviceInfo {
+    /** Display name of the device. */
+    @utf8InCpp String deviceName = "";
+    /** Bus number * 1000 + device number: the device's key in the service's lists. */
+    int deviceId = 0;
+    /** USB device class code; for an input device its input-source bits. */
+    int deviceClass = 0;
+    /** USB class code of each interface, in order. */
+    int[] interfaceClassList = {};
+    int vendorId = 0;
+    int productId = 0;
+    /** Set by the service: 1 = enabled, 0 = disabled. */
+    int status = 0;
+    /** 1 = HID device reported by the input subsystem, 0 = any other device. */
+    int deviceType = 0;
+    /** Set by the service: why the device is enabled or disabled. */
+    @utf8InCpp String reason = "";
+    /**
+     * Set by the service: sum of its interfaces' categories
+     * (1 network, 2 serial tty, 4 mass storage, 8 vendor-specific HID, 0 none of these).
+     */
+    int category = 0;
+    /** Set by the service: kernel names behind the category, each followed by ";". */
+    @utf8InCpp String categoryPath = "";
+}
