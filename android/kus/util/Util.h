@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace android::kus {
+
+inline constexpr char configFilePath[] = "/data/system/usbdeviceconfig/usb_device_config.xml";
+inline constexpr char backupFilePath[] =
+    "/data/system/usbdeviceconfig/usb_device_config_backup.xml";
+inline constexpr char statusFilePath[] = "/data/system/usbdeviceconfig/status.txt";
+
+/** The administrator's rules: their file, the tables it fills, and the questions asked of them. */
+class Util {
+  public:
+    /**
+     * Clears the rule tables and fills them from the rules file at `path`, under an exclusive
+     * ruleTablesLock. The outcome is in xml_parse_status and errorMessage; a rejection is also
+     * written to the status file and leaves in the tables what came before it. Aborts on a number
+     * that does not fit 32 bits, and crashes on a document without any element.
+     */
+    static void createMapFromConfig(const std::string& path);
+
+    /** True for one or more decimal digits and nothing else. */
+    static bool isValidNumber(const std::string& s);
+
+    /** The code of a class name, compared as a whole with case, or NO_CLASS. */
+    static uint32_t convert(const std::string& name);
+
+    /** "default", "whitelist", "blacklist", or the invalid text of the last rejected file. */
+    static std::string getMode();
+
+    static bool validateClass(unsigned int code);
+    static bool validateRestrictedClass(unsigned int code);
+
+    /**
+     * True when the vendor is listed and it, or any vendor with a greater id, is listed without
+     * product ids.
+     */
+    static bool validateVid(int vid);
+    static bool validateVidPid(int vid, int pid);
+
+    /** The name of a USB class or a single input source, or a single blank. */
+    static std::string getClassName(int code);
+
+    /** The single input sources in a mask, ascending; empty when it holds none that has a name. */
+    static std::vector<int32_t> checkMultiClass(int key_val);
+
+    /**
+     * Copies a text file line by line, ending every line with a line feed; what is written is on
+     * disk when it returns. False when a file could not be opened, but an empty source with a
+     * destination that cannot be opened is true. Empties the destination even when there is no
+     * source.
+     */
+    static bool copyFileContent(std::string src, std::string dst);
+
+    /** Replaces the file's content with `message`, on disk when it returns. Fails silently. */
+    static void updateErrorFile(std::string path, std::string message);
+};
+
+}  // namespace android::kus

@@ -1,0 +1,160 @@
+#include <android-base/logging.h>
+#include <tinyxml2.h>
+
+#include <algorithm>
+#include <mutex>
+
+#include "util/Util.h"
+#include "util/rule_tables.h"
+
+namespace android::kus {
+namespace {
+
+using tinyxml2::XMLDocument;
+using tinyxml2::XMLElement;
+
+// What the tables received before a rejection stays in them until the next parse.
+bool reject(const std::string& message, const char* logText) {
+    errorMessage = message;
+    LOG(ERROR) << logText << errorMessage;
+    Util::updateErrorFile(statusFilePath, errorMessage);
+    return false;
+}
+
+// The root's own errors reach the status file before the log.
+bool rejectRoot(const std::string& message, const char* logText) {
+    errorMessage = message;
+    Util::updateErrorFile(statusFilePath, errorMessage);
+    LOG(ERROR) << logText << errorMessage;
+    return false;
+}
+
+bool readClass(const XMLElement& element) {
+    const char* text = element.GetText();
+    if (text == nullptr) return reject("EMPTY CLASS VALUE", "error in class val= ");
+    LOG(INFO) << "class--" << text;
+    const uint32_t code = Util::convert(text);
+    if (code == NO_CLASS || Util::validateRestrictedClass(code)) {
+        return reject(std::string("INVALID CLASS VALUE:") + text, "error in class val= ");
+    }
+    classNameMap.emplace(code, text);
+    classList.push_back(code);
+    LOG(INFO) << "class val--" << code;
+    return true;
+}
+
+// std::stoi throws on an id beyond 32 bits and nothing catches it: the crash handler then brings
+// the last good rules back.
+void addVidPid(const std::string& vendorId, int32_t productId) {
+    vidPidMap.emplace(std::stoi(vendorId), productId);
+}
+
+// From the first pid on, every element counts as a product id, whatever its name.
+bool readProducts(const std::string& vendorId, const XMLElement* element) {
+    for (; element != nullptr; element = element->NextSiblingElement()) {
+        const char* productId = element->GetText();
+        if (productId == nullptr) return reject("EMPTY PRODUCT ID VALUE", "error in pid val= ");
+        LOG(INFO) << "pid--" << productId;
+        if (!Util::isValidNumber(productId)) {
+            return reject(std::string("INVALID PRODUCT ID VALUE:") + productId,
+                          "error in pid val= ");
+        }
+        LOG(INFO) << "pid value print in while--" << productId;
+        addVidPid(vendorId, std::stoi(productId));
+    }
+    return true;
+}
+
+bool readVendor(const XMLElement& element) {
+    if (element.FindAttribute("vendorid") == nullptr) {
+        return reject("vendorid TAG NOT PRESENT", "error in ATTRIBUTE value= ");
+    }
+    const std::string vendorId = element.Attribute("vendorid");
+    LOG(INFO) << "vendorid--" << vendorId;
+    if (!Util::isValidNumber(vendorId)) {
+        return reject(
+            vendorId.empty() ? "EMPTY VENDOR ID VALUE" : "INVALID VENDOR ID VALUE:" + vendorId,
+            "error in vid val= ");
+    }
+    const XMLElement* firstProduct = element.FirstChildElement("pid");
+    if (firstProduct != nullptr) return readProducts(vendorId, firstProduct);
+    // The line ends in the product id's text, which is empty for a whole vendor.
+    LOG(INFO) << "pid value print in else--";
+    addVidPid(vendorId, ANY_PRODUCT);
+    return true;
+}
+
+bool readRule(const XMLElement& element) {
+    const std::string name = element.Value();
+    if (name == "class") return readClass(element);
+    if (name == "vid") return readVendor(element);
+    return reject("INVALID TAG:" + name, "error in class value= ");
+}
+
+bool readRules(const XMLElement& root) {
+    const XMLElement* element = root.FirstChildElement();
+    if (element == nullptr) {
+        LOG(INFO) << "no element, blocking all device";
+        // Not "SUCCESS": an older file's error text may still stand in errorMessage.
+        Util::updateErrorFile(statusFilePath, errorMessage);
+        return true;
+    }
+    LOG(INFO) << " before while first child element name " << element->Value();
+    for (; element != nullptr; element = element->NextSiblingElement()) {
+        if (!readRule(*element)) return false;
+    }
+    return true;
+}
+
+bool readRoot(const XMLDocument& document) {
+    // A document without any element has no root: reading its name ends the process, and the crash
+    // handler then brings the last good rules back.
+    const XMLElement* root = document.FirstChildElement();
+    const std::string name = root->Value();
+    if (name != "usbconfig") {
+        return rejectRoot("INVALID ROOT ELEMENT : " + name, "Invalid root element --");
+    }
+    if (root->FindAttribute("mode") == nullptr) {
+        return reject("MODE NOT PRESENT", "error in ATTRIBUTE MODE value= ");
+    }
+    const std::string mode = root->Attribute("mode");
+    LOG(INFO) << "attribute--" << mode;
+    // Kept before it is validated, so an invalid mode stays in force: it decides like "whitelist".
+    configMode = mode;
+    if (mode == "default") return true;
+    if (mode != "whitelist" && mode != "blacklist") {
+        return rejectRoot("INVALID MODE", "Invalid mode is set in xml--");
+    }
+    return readRules(*root);
+}
+
+// The library's error text goes to the status file alone; errorMessage keeps its value.
+void reportLoadError(const XMLDocument& document) {
+    const tinyxml2::XMLError error = document.ErrorID();
+    LOG(ERROR) << "xmlinput --Found error " << error
+               << " name: " << XMLDocument::ErrorIDToName(error);
+    LOG(ERROR) << "xmlinput -- error string " << document.ErrorStr();
+    Util::updateErrorFile(statusFilePath, document.ErrorStr());
+}
+
+}  // namespace
+
+void Util::createMapFromConfig(const std::string& path) {
+    const std::unique_lock lock(ruleTablesLock);
+    XMLDocument document(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE);
+    classList.clear();
+    classNameMap.clear();
+    vidPidMap.clear();
+    const bool loaded = document.LoadFile(path.c_str()) == tinyxml2::XML_SUCCESS;
+    xml_parse_status = false;
+    if (!loaded) return reportLoadError(document);
+    xml_parse_status = readRoot(document);
+}
+
+bool Util::isValidNumber(const std::string& s) {
+    LOG(INFO) << "isValidNumber s--" << s;
+    return !s.empty() &&
+           std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+}  // namespace android::kus

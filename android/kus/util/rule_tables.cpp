@@ -1,0 +1,27 @@
+#include "util/rule_tables.h"
+
+namespace android::kus {
+namespace {
+
+std::map<int32_t, std::string> inputSourceRows() {
+    std::map<int32_t, std::string> rows;
+    for (const auto& [code, name] : classNameTable) {
+        if (code > 0xFF) rows.emplace(code, name);
+    }
+    return rows;
+}
+
+}  // namespace
+
+std::shared_mutex ruleTablesLock;
+
+std::string configMode = "default";
+std::vector<int32_t> classList;
+std::map<int32_t, std::string> classNameMap;
+std::multimap<int32_t, int32_t> vidPidMap;
+std::string errorMessage = "SUCCESS";
+const std::vector<int32_t> restrictedClasses = {0x00, 0x03, 0x09, 0xEF, 0xFE, 0xFF};
+const std::map<int32_t, std::string> inputSourceNames = inputSourceRows();
+bool xml_parse_status = false;
+
+}  // namespace android::kus
