@@ -1,0 +1,61 @@
+#include <android-base/file.h>
+#include <android-base/logging.h>
+#include <android-base/unique_fd.h>
+#include <binder/IPCThreadState.h>
+#include <binder/ProcessState.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include "ku_service/KUsbService.h"
+#include "util/Util.h"
+
+namespace {
+
+using android::IPCThreadState;
+using android::ProcessState;
+using android::kus::KUsbService;
+
+constexpr char kStartupTasksArgument[] = "run-startup-tasks";
+constexpr char kConfigDirectory[] = "/data/system/usbdeviceconfig";
+
+// 78 bytes, without a line feed at the end.
+constexpr char kDefaultConfig[] =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+    "<usbconfig mode=\"default\">\n"
+    "</usbconfig>";
+
+void createDefaultConfig() {
+    struct stat st;
+    // The directory is the platform's to create, with its owner and label.
+    if (stat(kConfigDirectory, &st) != 0 || !S_ISDIR(st.st_mode)) {
+        LOG(INFO) << "no Directory exist";
+        return;
+    }
+    LOG(INFO) << "Directory exist, creating file";
+    if (stat(android::kus::configFilePath, &st) == 0) return;
+    const android::base::unique_fd file(
+        open(android::kus::configFilePath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    if (file.ok()) android::base::WriteStringToFd(kDefaultConfig, file.get());
+}
+
+void serveBinderCalls() {
+    ProcessState::self()->startThreadPool();
+    ProcessState::self()->giveThreadPoolName();
+    IPCThreadState::self()->joinThreadPool(/*isMain=*/true);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    LOG(INFO) << "kus main called with argc: " << argc << "and argv: " << argv;
+    if (argc >= 2 && strcmp(argv[1], kStartupTasksArgument) == 0) {
+        LOG(INFO) << "kus main called with run-startup-tasks";
+        createDefaultConfig();
+        exit(0);
+    }
+    KUsbService::Register();
+    serveBinderCalls();
+    exit(0);
+}
