@@ -8,6 +8,7 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include "daemon/crash_handler.h"
 #include "ku_service/KUsbService.h"
 #include "util/Util.h"
 
@@ -40,6 +41,15 @@ void createDefaultConfig() {
     if (file.ok()) android::base::WriteStringToFd(kDefaultConfig, file.get());
 }
 
+void installCrashHandler() {
+    struct sigaction action = {};
+    action.sa_sigaction = signalHandler;
+    action.sa_flags = SA_SIGINFO;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGSEGV, &action, nullptr);
+    sigaction(SIGABRT, &action, nullptr);
+}
+
 void serveBinderCalls() {
     ProcessState::self()->startThreadPool();
     ProcessState::self()->giveThreadPoolName();
@@ -55,6 +65,7 @@ int main(int argc, char** argv) {
         createDefaultConfig();
         exit(0);
     }
+    installCrashHandler();
     KUsbService::Register();
     serveBinderCalls();
     exit(0);

@@ -53,10 +53,15 @@ class KUsbService : public BnKUsbService {
     };
 
     /**
-     * Loads the rules and publishes the service. Called once, before the binder threads start.
-     * Aborts when the service manager refuses the service.
+     * Loads the rules, publishes the service and starts the observer of the rules file. Called
+     * once, before the binder threads start. Aborts when the service manager refuses the service.
      */
     static void Register();
+
+    /** Starts the thread that follows rewrites of the rules file. */
+    static void registerFileObserverViaThread();
+    /** The thread's entry. It returns, and nothing restarts it, when inotify cannot be read. */
+    static void* registerFileObserver(void*);
 
     binder::Status registerKusCallback(const sp<IKUsbServiceCallback>& callback) override;
     binder::Status unregisterKusCallback(const sp<IKUsbServiceCallback>& callback) override;
@@ -66,6 +71,8 @@ class KUsbService : public BnKUsbService {
     binder::Status resetUsbDevices(int32_t waitMs) override;
 
   private:
+    static void readFileChangeEvent();
+
     using Callbacks = std::multimap<IBinder*, sp<CallbackDeathRecipient>>;
 
     /** Removes one registration; false when its death link could not be removed. Locked. */

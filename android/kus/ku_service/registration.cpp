@@ -50,6 +50,7 @@ void KUsbService::Register() {
         /*allowIsolated=*/false, IServiceManager::DUMP_FLAG_PRIORITY_DEFAULT);
     if (status != OK) LOG(FATAL) << "Could not register KUS" << status;
     LOG(INFO) << "kus service Registered successfully";
+    registerFileObserverViaThread();
 }
 
 binder::Status KUsbService::registerKusCallback(const sp<IKUsbServiceCallback>& callback) {
