@@ -70,6 +70,9 @@ class KUsbService : public BnKUsbService {
     binder::Status isDeviceAllowed(const DeviceInfo& device, bool* allowed) override;
     binder::Status resetUsbDevices(int32_t waitMs) override;
 
+    /** Prints the recorded devices, or with the argument "test" the USB topology. */
+    status_t dump(int fd, const Vector<String16>& args) override;
+
   private:
     static void readFileChangeEvent();
 
@@ -83,6 +86,8 @@ class KUsbService : public BnKUsbService {
 
     /** Records a decision and, for a USB device, tells every client. */
     void addDeviceList(DeviceInfo device, bool status, std::string reason);
+
+    void dumpPrint(int fd, DeviceInfo device);
 
     std::mutex callbacksLock_;
     /**

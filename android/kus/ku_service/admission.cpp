@@ -1,3 +1,5 @@
+#include "ku_service/admission.h"
+
 #include <android-base/logging.h>
 #include <cutils/properties.h>
 
@@ -15,16 +17,15 @@ namespace {
 
 constexpr int32_t kHidClass = 3;
 
-/**
- * Brings the device-id map up to date, and tells whether the input subsystem is left to ask about
- * the device: it has no interface but HID ones, and none of them is vendor-specific.
- */
+auto firstNonHid(const DeviceInfo& device) {
+    return std::find_if(device.interfaceClassList.begin(), device.interfaceClassList.end(),
+                        [](int32_t code) { return code != kHidClass; });
+}
+
+/** Brings the device-id map up to date, and tells whether the input subsystem is left to ask. */
 bool isLeftToInputSubsystem(const DeviceInfo& device) {
-    const auto& classes = device.interfaceClassList;
-    const auto other = std::find_if(classes.begin(), classes.end(),
-                                    [](int32_t code) { return code != kHidClass; });
-    if (other != classes.end()) {
-        LOG(INFO) << "class is " << *other << "not HID";
+    if (!hasOnlyHidInterfaces(device)) {
+        LOG(INFO) << "class is " << *firstNonHid(device) << "not HID";
         UsbDevice::create_usb_device_map();
         return false;
     }
@@ -89,7 +90,12 @@ bool matchVendorRules(const DeviceInfo& device, std::string* reason) {
     return false;
 }
 
-/** The answer of the rules in force. A mode that is no known one decides like "whitelist". */
+}  // namespace
+
+bool hasOnlyHidInterfaces(const DeviceInfo& device) {
+    return firstNonHid(device) == device.interfaceClassList.end();
+}
+
 bool evaluateRules(const DeviceInfo& device, const std::string& mode, std::string* reason) {
     *reason = "Enabled by default rule";
     if (mode == "default") return true;
@@ -104,8 +110,6 @@ bool evaluateRules(const DeviceInfo& device, const std::string& mode, std::strin
         matched ? "Whitelisted: " + *reason : "No matching rule found to Whitelist the device";
     return matched;
 }
-
-}  // namespace
 
 binder::Status KUsbService::isDeviceAllowed(const DeviceInfo& device, bool* allowed) {
     if (property_get_int32(kAutomationProperty, 0) == 1) {

@@ -45,6 +45,12 @@ class UsbDevice {
      */
     static void usb_host_reset(int value);
 
+    /**
+     * Rescans, which rebuilds the device-id map too, and prints the device tree, the interfaces and
+     * the map to `fd`.
+     */
+    static void dump_print_test(int fd);
+
     // The scan. Whoever calls these holds topologyLock and leaves the lists empty.
 
     static unsigned int read_sysfs_file_int(const char* d_name, const char* file, int base);
@@ -62,6 +68,12 @@ class UsbDevice {
     static void delete_all_nodes();
     static void empty_list();
 
+    // The printing, of a scanned tree. Write errors on `fd` are ignored.
+
+    static void print_tree(int fd);
+    static void print_tree_dev_children(usbdevice* first, int fd);
+    static void print_usbdevice(usbdevice* d, usbinterface* i, int fd);
+    static void print_interfacelist(int fd);
     /** Writes the map to the log, and to `fd` unless that is -1. The caller holds topologyLock. */
     static void print_deviceid_map(int fd);
 
@@ -103,6 +115,9 @@ class UsbDevice {
     static std::atomic<bool> virtualDockDone;
 
   private:
+    /** Scans the bus and links what it finds; false, with nothing scanned, where it cannot. */
+    static bool scan_bus_entries();
+    static int32_t device_id(const usbdevice& device);
     static void fill_deviceid_map();
     static std::vector<usbinterface_custom> records_of(int deviceId);
 };

@@ -85,18 +85,24 @@ std::multimap<int32_t, usbinterface_custom> UsbDevice::deviceid_map;
 void UsbDevice::create_usb_device_map() {
     LOG(INFO) << "create_usb_device_map called";
     const std::lock_guard lock(topologyLock);
-    const UniqueDir dir(opendir(kUsbDevicesPath));
     deviceid_map.clear();
-    if (dir != nullptr) {
-        while (const dirent* entry = readdir(dir.get())) inspect_bus_entry(entry->d_name);
-        connect_devices();
-    } else {
-        perror(kUsbDevicesPath);
-    }
+    if (!scan_bus_entries()) perror(kUsbDevicesPath);
     delete_all_nodes();
     empty_list();
     print_deviceid_map(-1);
     LOG(INFO) << "create_usb_device_map returned check loop";
+}
+
+bool UsbDevice::scan_bus_entries() {
+    const UniqueDir dir(opendir(kUsbDevicesPath));
+    if (dir == nullptr) return false;
+    while (const dirent* entry = readdir(dir.get())) inspect_bus_entry(entry->d_name);
+    connect_devices();
+    return true;
+}
+
+int32_t UsbDevice::device_id(const usbdevice& device) {
+    return device.busnum * 1000 + device.devnum;
 }
 
 void UsbDevice::fill_deviceid_map() {
@@ -109,7 +115,7 @@ void UsbDevice::fill_deviceid_map() {
         populate_category_device(&interface);
 
         const usbdevice& device = *interface.parent;
-        const int32_t id = device.busnum * 1000 + device.devnum;
+        const int32_t id = device_id(device);
         usbinterface_custom record = {};
         record.busnum = device.busnum;
         record.devnum = device.devnum;

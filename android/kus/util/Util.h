@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,12 @@ class Util {
      * that does not fit 32 bits, and crashes on a document without any element.
      */
     static void createMapFromConfig(const std::string& path);
+
+    /** Receives a status text and the line of the rules file that it is about. */
+    using StatusWriter = std::function<void(const std::string& message, int line)>;
+
+    /** createMapFromConfig with the status texts going elsewhere: for checks of a file. */
+    static void readConfig(const std::string& path, const StatusWriter& writeStatus);
 
     /** True for one or more decimal digits and nothing else. */
     static bool isValidNumber(const std::string& s);

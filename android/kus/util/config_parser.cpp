@@ -13,29 +13,78 @@ namespace {
 using tinyxml2::XMLDocument;
 using tinyxml2::XMLElement;
 
-// What the tables received before a rejection stays in them until the next parse.
-bool reject(const std::string& message, const char* logText) {
-    errorMessage = message;
-    LOG(ERROR) << logText << errorMessage;
-    Util::updateErrorFile(statusFilePath, errorMessage);
-    return false;
+/** Reads one file into the rule tables. Each step is false when it rejected the file. */
+class ConfigReader {
+  public:
+    explicit ConfigReader(const Util::StatusWriter& writeStatus) : writeStatus_(writeStatus) {}
+
+    bool readRoot(const XMLDocument& document);
+    void reportLoadError(const XMLDocument& document);
+
+  private:
+    bool readRules(const XMLElement& root);
+    bool readRule(const XMLElement& element);
+    bool readClass(const XMLElement& element);
+    bool readVendor(const XMLElement& element);
+    bool readProducts(const std::string& vendorId, const XMLElement* element);
+
+    bool reject(const XMLElement& element, const std::string& message, const char* logText);
+    bool rejectRoot(const XMLElement& root, const std::string& message, const char* logText);
+
+    const Util::StatusWriter& writeStatus_;
+};
+
+bool ConfigReader::readRoot(const XMLDocument& document) {
+    // A document without any element has no root: reading its name ends the process, and the crash
+    // handler then brings the last good rules back.
+    const XMLElement* root = document.FirstChildElement();
+    const std::string name = root->Value();
+    if (name != "usbconfig") {
+        return rejectRoot(*root, "INVALID ROOT ELEMENT : " + name, "Invalid root element --");
+    }
+    if (root->FindAttribute("mode") == nullptr) {
+        return reject(*root, "MODE NOT PRESENT", "error in ATTRIBUTE MODE value= ");
+    }
+    const std::string mode = root->Attribute("mode");
+    LOG(INFO) << "attribute--" << mode;
+    // Kept before it is validated, so an invalid mode stays in force: it decides like "whitelist".
+    configMode = mode;
+    if (mode == "default") return true;
+    if (mode != "whitelist" && mode != "blacklist") {
+        return rejectRoot(*root, "INVALID MODE", "Invalid mode is set in xml--");
+    }
+    return readRules(*root);
 }
 
-// The root's own errors reach the status file before the log.
-bool rejectRoot(const std::string& message, const char* logText) {
-    errorMessage = message;
-    Util::updateErrorFile(statusFilePath, errorMessage);
-    LOG(ERROR) << logText << errorMessage;
-    return false;
+bool ConfigReader::readRules(const XMLElement& root) {
+    const XMLElement* element = root.FirstChildElement();
+    if (element == nullptr) {
+        LOG(INFO) << "no element, blocking all device";
+        // Not "SUCCESS": an older file's error text may still stand in errorMessage.
+        writeStatus_(errorMessage, root.GetLineNum());
+        return true;
+    }
+    LOG(INFO) << " before while first child element name " << element->Value();
+    for (; element != nullptr; element = element->NextSiblingElement()) {
+        if (!readRule(*element)) return false;
+    }
+    return true;
 }
 
-bool readClass(const XMLElement& element) {
+bool ConfigReader::readRule(const XMLElement& element) {
+    const std::string name = element.Value();
+    if (name == "class") return readClass(element);
+    if (name == "vid") return readVendor(element);
+    return reject(element, "INVALID TAG:" + name, "error in class value= ");
+}
+
+bool ConfigReader::readClass(const XMLElement& element) {
     const char* text = element.GetText();
-    if (text == nullptr) return reject("EMPTY CLASS VALUE", "error in class val= ");
+    if (text == nullptr) return reject(element, "EMPTY CLASS VALUE", "error in class val= ");
     LOG(INFO) << "class--" << text;
     const uint32_t code = Util::convert(text);
     if (code == NO_CLASS || Util::validateRestrictedClass(code)) {
-        return reject(std::string("INVALID CLASS VALUE:") + text, "error in class val= ");
+        return reject(element, std::string("INVALID CLASS VALUE:") + text, "error in class val= ");
     }
     classNameMap.emplace(code, text);
     classList.push_back(code);
@@ -49,30 +98,15 @@ void addVidPid(const std::string& vendorId, int32_t productId) {
     vidPidMap.emplace(std::stoi(vendorId), productId);
 }
 
-// From the first pid on, every element counts as a product id, whatever its name.
-bool readProducts(const std::string& vendorId, const XMLElement* element) {
-    for (; element != nullptr; element = element->NextSiblingElement()) {
-        const char* productId = element->GetText();
-        if (productId == nullptr) return reject("EMPTY PRODUCT ID VALUE", "error in pid val= ");
-        LOG(INFO) << "pid--" << productId;
-        if (!Util::isValidNumber(productId)) {
-            return reject(std::string("INVALID PRODUCT ID VALUE:") + productId,
-                          "error in pid val= ");
-        }
-        LOG(INFO) << "pid value print in while--" << productId;
-        addVidPid(vendorId, std::stoi(productId));
-    }
-    return true;
-}
-
-bool readVendor(const XMLElement& element) {
+bool ConfigReader::readVendor(const XMLElement& element) {
     if (element.FindAttribute("vendorid") == nullptr) {
-        return reject("vendorid TAG NOT PRESENT", "error in ATTRIBUTE value= ");
+        return reject(element, "vendorid TAG NOT PRESENT", "error in ATTRIBUTE value= ");
     }
     const std::string vendorId = element.Attribute("vendorid");
     LOG(INFO) << "vendorid--" << vendorId;
     if (!Util::isValidNumber(vendorId)) {
         return reject(
+            element,
             vendorId.empty() ? "EMPTY VENDOR ID VALUE" : "INVALID VENDOR ID VALUE:" + vendorId,
             "error in vid val= ");
     }
@@ -84,62 +118,59 @@ bool readVendor(const XMLElement& element) {
     return true;
 }
 
-bool readRule(const XMLElement& element) {
-    const std::string name = element.Value();
-    if (name == "class") return readClass(element);
-    if (name == "vid") return readVendor(element);
-    return reject("INVALID TAG:" + name, "error in class value= ");
-}
-
-bool readRules(const XMLElement& root) {
-    const XMLElement* element = root.FirstChildElement();
-    if (element == nullptr) {
-        LOG(INFO) << "no element, blocking all device";
-        // Not "SUCCESS": an older file's error text may still stand in errorMessage.
-        Util::updateErrorFile(statusFilePath, errorMessage);
-        return true;
-    }
-    LOG(INFO) << " before while first child element name " << element->Value();
+// From the first pid on, every element counts as a product id, whatever its name.
+bool ConfigReader::readProducts(const std::string& vendorId, const XMLElement* element) {
     for (; element != nullptr; element = element->NextSiblingElement()) {
-        if (!readRule(*element)) return false;
+        const char* productId = element->GetText();
+        if (productId == nullptr) {
+            return reject(*element, "EMPTY PRODUCT ID VALUE", "error in pid val= ");
+        }
+        LOG(INFO) << "pid--" << productId;
+        if (!Util::isValidNumber(productId)) {
+            return reject(*element, std::string("INVALID PRODUCT ID VALUE:") + productId,
+                          "error in pid val= ");
+        }
+        LOG(INFO) << "pid value print in while--" << productId;
+        addVidPid(vendorId, std::stoi(productId));
     }
     return true;
 }
 
-bool readRoot(const XMLDocument& document) {
-    // A document without any element has no root: reading its name ends the process, and the crash
-    // handler then brings the last good rules back.
-    const XMLElement* root = document.FirstChildElement();
-    const std::string name = root->Value();
-    if (name != "usbconfig") {
-        return rejectRoot("INVALID ROOT ELEMENT : " + name, "Invalid root element --");
-    }
-    if (root->FindAttribute("mode") == nullptr) {
-        return reject("MODE NOT PRESENT", "error in ATTRIBUTE MODE value= ");
-    }
-    const std::string mode = root->Attribute("mode");
-    LOG(INFO) << "attribute--" << mode;
-    // Kept before it is validated, so an invalid mode stays in force: it decides like "whitelist".
-    configMode = mode;
-    if (mode == "default") return true;
-    if (mode != "whitelist" && mode != "blacklist") {
-        return rejectRoot("INVALID MODE", "Invalid mode is set in xml--");
-    }
-    return readRules(*root);
+// What the tables received before a rejection stays in them until the next parse.
+bool ConfigReader::reject(const XMLElement& element, const std::string& message,
+                          const char* logText) {
+    errorMessage = message;
+    LOG(ERROR) << logText << errorMessage;
+    writeStatus_(errorMessage, element.GetLineNum());
+    return false;
+}
+
+// The root's name and mode reach the status file before the log.
+bool ConfigReader::rejectRoot(const XMLElement& root, const std::string& message,
+                              const char* logText) {
+    errorMessage = message;
+    writeStatus_(errorMessage, root.GetLineNum());
+    LOG(ERROR) << logText << errorMessage;
+    return false;
 }
 
 // The library's error text goes to the status file alone; errorMessage keeps its value.
-void reportLoadError(const XMLDocument& document) {
+void ConfigReader::reportLoadError(const XMLDocument& document) {
     const tinyxml2::XMLError error = document.ErrorID();
     LOG(ERROR) << "xmlinput --Found error " << error
                << " name: " << XMLDocument::ErrorIDToName(error);
     LOG(ERROR) << "xmlinput -- error string " << document.ErrorStr();
-    Util::updateErrorFile(statusFilePath, document.ErrorStr());
+    writeStatus_(document.ErrorStr(), document.ErrorLineNum());
 }
 
 }  // namespace
 
 void Util::createMapFromConfig(const std::string& path) {
+    readConfig(path,
+               [](const std::string& message, int) { updateErrorFile(statusFilePath, message); });
+}
+
+void Util::readConfig(const std::string& path, const StatusWriter& writeStatus) {
     const std::unique_lock lock(ruleTablesLock);
     XMLDocument document(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE);
     classList.clear();
@@ -147,8 +178,12 @@ void Util::createMapFromConfig(const std::string& path) {
     vidPidMap.clear();
     const bool loaded = document.LoadFile(path.c_str()) == tinyxml2::XML_SUCCESS;
     xml_parse_status = false;
-    if (!loaded) return reportLoadError(document);
-    xml_parse_status = readRoot(document);
+    ConfigReader reader(writeStatus);
+    if (loaded) {
+        xml_parse_status = reader.readRoot(document);
+    } else {
+        reader.reportLoadError(document);
+    }
 }
 
 bool Util::isValidNumber(const std::string& s) {
