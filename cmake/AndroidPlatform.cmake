@@ -18,6 +18,7 @@ find_program(AIDL aidl REQUIRED)
 # Compiles AIDL files, given relative to `root`, into `target` as C++.
 function(target_aidl_sources target root)
   set(out ${CMAKE_CURRENT_BINARY_DIR}/${target}-aidl)
+  list(TRANSFORM ARGN PREPEND ${root}/ OUTPUT_VARIABLE sources)
   set(gen)
   foreach(aidl ${ARGN})
     string(REGEX REPLACE "\\.aidl$" ".cpp" cpp ${aidl})
@@ -26,7 +27,7 @@ function(target_aidl_sources target root)
       COMMAND ${AIDL} --lang=cpp --structured -I ${root} -o ${out} -h ${out} ${aidl}
       WORKING_DIRECTORY ${root}
       # An interface's code depends on the parcelables that it imports.
-      DEPENDS ${ARGN}
+      DEPENDS ${sources}
       VERBATIM)
     list(APPEND gen ${out}/${cpp})
   endforeach()

@@ -4,9 +4,11 @@
 #include <binder/IPCThreadState.h>
 #include <binder/ProcessState.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "daemon/crash_handler.h"
 #include "ku_service/KUsbService.h"
@@ -19,7 +21,6 @@ using android::ProcessState;
 using android::kus::KUsbService;
 
 constexpr char kStartupTasksArgument[] = "run-startup-tasks";
-constexpr char kConfigDirectory[] = "/data/system/usbdeviceconfig";
 
 // 78 bytes, without a line feed at the end.
 constexpr char kDefaultConfig[] =
@@ -29,8 +30,7 @@ constexpr char kDefaultConfig[] =
 
 void createDefaultConfig() {
     struct stat st;
-    // The directory is the platform's to create, with its owner and label.
-    if (stat(kConfigDirectory, &st) != 0 || !S_ISDIR(st.st_mode)) {
+    if (stat(android::kus::configDirectory, &st) != 0 || !S_ISDIR(st.st_mode)) {
         LOG(INFO) << "no Directory exist";
         return;
     }
@@ -38,17 +38,20 @@ void createDefaultConfig() {
     if (stat(android::kus::configFilePath, &st) == 0) return;
     const android::base::unique_fd file(
         open(android::kus::configFilePath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-    if (file.ok()) android::base::WriteStringToFd(kDefaultConfig, file.get());
+    if (file.ok() && android::base::WriteStringToFd(kDefaultConfig, file.get())) fsync(file.get());
 }
 
 void installCrashHandler() {
     struct sigaction action = {};
-    action.sa_sigaction = signalHandler;
+    action.sa_sigaction = android::kus::signalHandler;
     action.sa_flags = SA_SIGINFO;
     sigemptyset(&action.sa_mask);
     sigaction(SIGSEGV, &action, nullptr);
     sigaction(SIGABRT, &action, nullptr);
 }
+
+// A client that closes its end of a dump must not end the daemon.
+void ignoreBrokenPipes() { signal(SIGPIPE, SIG_IGN); }
 
 void serveBinderCalls() {
     ProcessState::self()->startThreadPool();
@@ -66,6 +69,7 @@ int main(int argc, char** argv) {
         exit(0);
     }
     installCrashHandler();
+    ignoreBrokenPipes();
     KUsbService::Register();
     serveBinderCalls();
     exit(0);

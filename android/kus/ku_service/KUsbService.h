@@ -78,7 +78,10 @@ class KUsbService : public BnKUsbService {
 
     using Callbacks = std::multimap<IBinder*, sp<CallbackDeathRecipient>>;
 
-    /** Removes one registration; false when its death link could not be removed. Locked. */
+    /**
+     * Removes one registration; false when its death link could not be removed.
+     * The caller holds callbacksLock_.
+     */
     bool UnregisterInternal(Callbacks::iterator it);
 
     /** The registered clients in the registry's order, to be called outside the lock. */

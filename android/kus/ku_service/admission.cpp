@@ -24,20 +24,18 @@ auto firstNonHid(const DeviceInfo& device) {
 
 /** Brings the device-id map up to date, and tells whether the input subsystem is left to ask. */
 bool isLeftToInputSubsystem(const DeviceInfo& device) {
-    if (!hasOnlyHidInterfaces(device)) {
-        LOG(INFO) << "class is " << *firstNonHid(device) << "not HID";
-        UsbDevice::create_usb_device_map();
-        return false;
-    }
+    const auto nonHid = firstNonHid(device);
+    const bool onlyHid = nonHid == device.interfaceClassList.end();
+    if (!onlyHid) LOG(INFO) << "class is " << *nonHid << "not HID";
     UsbDevice::create_usb_device_map();
-    if (UsbDevice::check_vendor_hid(device.deviceId)) return false;
+    if (!onlyHid || UsbDevice::check_vendor_hid(device.deviceId)) return false;
     LOG(INFO) << "The HID device is controlled by Input Subsystem  ";
     return true;
 }
 
 /**
  * True when every interface class is listed, apart from restricted ones, and at least one is. The
- * names of the listed ones go into the reason, also when a later one breaks the match.
+ * names of the listed ones go into the reason.
  */
 bool matchInterfaceClasses(const std::vector<int32_t>& classes, std::string* reason) {
     bool matched = false;
@@ -129,7 +127,7 @@ binder::Status KUsbService::isDeviceAllowed(const DeviceInfo& device, bool* allo
     rules.unlock();
 
     LOG(INFO) << "isDeviceAllowed res val:" << result;
-    if (!result && mode != "default" && device.deviceType == 0) {
+    if (!result && device.deviceType == 0) {
         LOG(INFO) << "isDeviceAllowed called and updating status authorized to 0";
         UsbDevice::update_status(device.deviceId, 0);
     }

@@ -13,8 +13,8 @@ namespace android::kus {
 bool hasOnlyHidInterfaces(const DeviceInfo& device);
 
 /**
- * The answer of the rule tables under `mode`, and its reason. A mode that is no known one decides
- * like "whitelist". The caller holds ruleTablesLock, and holds it since it read the mode.
+ * The answer of the rule tables under `mode`, and its reason. An unknown mode decides like
+ * "whitelist". The caller holds ruleTablesLock, and holds it since it read the mode.
  */
 bool evaluateRules(const DeviceInfo& device, const std::string& mode, std::string* reason);
 

@@ -14,7 +14,6 @@
 namespace android::kus {
 namespace {
 
-constexpr char kConfigDirectory[] = "/data/system/usbdeviceconfig";
 constexpr char kConfigFileName[] = "usb_device_config.xml";
 
 // Room for the longest event: inotify(7) asks for a header and NAME_MAX + 1 bytes of name.
@@ -69,8 +68,7 @@ void handleRewrite() {
 
 void handleEvent(const inotify_event& event) {
     if (event.len == 0 || event.wd != directoryWatch || !(event.mask & IN_CLOSE_WRITE)) return;
-    LOG(INFO) << "CLOSE_WRITE event triggered on filename " << kConfigDirectory << "/"
-              << event.name;
+    LOG(INFO) << "CLOSE_WRITE event triggered on filename " << configDirectory << "/" << event.name;
     if (strcmp(event.name, kConfigFileName) == 0) handleRewrite();
 }
 
@@ -83,12 +81,12 @@ void KUsbService::registerFileObserverViaThread() {
 
 void* KUsbService::registerFileObserver(void*) {
     inotifyFd = inotify_init();
-    if (!isDirectory(kConfigDirectory)) LOG(INFO) << "No directory";
-    directoryWatch = inotify_add_watch(inotifyFd, kConfigDirectory, IN_ALL_EVENTS);
+    if (!isDirectory(configDirectory)) LOG(INFO) << "No directory";
+    directoryWatch = inotify_add_watch(inotifyFd, configDirectory, IN_ALL_EVENTS);
     if (directoryWatch >= 0) {
         LOG(INFO) << "registered successfully file observer";
     } else {
-        LOG(ERROR) << directoryWatch << " < 0 Could not register INotify for" << kConfigDirectory;
+        LOG(ERROR) << directoryWatch << " < 0 Could not register INotify for" << configDirectory;
     }
     readFileChangeEvent();
     return nullptr;

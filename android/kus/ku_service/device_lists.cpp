@@ -7,7 +7,10 @@
 namespace android::kus {
 namespace {
 
-/** Fills in the sum of the interfaces' categories, and their paths without repeats. */
+/**
+ * Fills in the sum of the interfaces' categories, and their paths; one that is part of what the
+ * others before it gave is left out.
+ */
 void categorise(DeviceInfo* device) {
     const std::vector<usbinterface_custom> interfaces =
         UsbDevice::get_deviceid_data(device->deviceId);

@@ -47,7 +47,7 @@ void classNames(const std::vector<int32_t>& classes, std::string* ordinary,
 
 status_t KUsbService::dump(int fd, const Vector<String16>& args) {
     if (!args.isEmpty()) {
-        LOG(INFO) << "args[0] is" << String8(args[0]).string();
+        LOG(INFO) << "args[0] is" << String8(args[0]).c_str();
         if (args[0] == kTopologyArgument) {
             dprintf(fd, "USB Test \n");
             UsbDevice::dump_print_test(fd);

@@ -66,12 +66,12 @@ binder::Status KUsbService::registerKusCallback(const sp<IKUsbServiceCallback>& 
         return binder::Status::ok();
     }
     callbacks_.emplace(binder.get(), recipient);
-    // An error in no way; the level makes it show in logs that keep only errors.
+    // No error: the level makes it show in logs that keep only errors.
     LOG(ERROR) << "Size of callbacks at registerKusCallback " << callbacks_.size();
     if (isUserDebugBuild) {
         for (const auto& [key, value] : callbacks_) {
-            LOG(INFO) << "registerKusCallback--: iterating map "
-                      << "key:" << key << " value:" << value.get();
+            LOG(INFO) << "registerKusCallback--: iterating map key:" << key
+                      << " value:" << value.get();
         }
     }
     return binder::Status::ok();
@@ -83,8 +83,8 @@ binder::Status KUsbService::unregisterKusCallback(const sp<IKUsbServiceCallback>
     LOG(INFO) << "unregisterKusCallback binder" << binder.get();
 
     const std::lock_guard lock(callbacksLock_);
-    const auto it = callbacks_.find(binder.get());
-    if (it == callbacks_.end()) {
+    const auto [it, end] = callbacks_.equal_range(binder.get());
+    if (it == end) {
         LOG(INFO) << "Given callback not registered with this list";
         return binder::Status::ok();
     }
@@ -93,8 +93,8 @@ binder::Status KUsbService::unregisterKusCallback(const sp<IKUsbServiceCallback>
     if (isUserDebugBuild) {
         for (const auto& [key, value] : callbacks_) {
             // "before" although it lists what is left.
-            LOG(INFO) << "unregisterKusCallback--: before erase iterating map "
-                      << "key:" << key << " value:" << value.get();
+            LOG(INFO) << "unregisterKusCallback--: before erase iterating map key:" << key
+                      << " value:" << value.get();
         }
     }
     return binder::Status::ok();
@@ -136,7 +136,10 @@ void KUsbService::CallbackDeathRecipient::binderDied(const wp<IBinder>& who) {
     const std::lock_guard lock(owner_->callbacksLock_);
     // The client died while it unregistered: the entry is gone, and rightly so.
     if (unregistered_) return;
-    const auto iter = owner_->callbacks_.find(binder.get());
+    auto iter = owner_->callbacks_.lower_bound(binder.get());
+    if (iter != owner_->callbacks_.end() && iter->first != binder.get()) {
+        iter = owner_->callbacks_.end();
+    }
     CHECK(iter != owner_->callbacks_.end());
     owner_->callbacks_.erase(iter);
     LOG(INFO) << "Size of callbacks at unregisterKusCallback binderDied "

@@ -34,7 +34,8 @@ bool isDirectory(const dirent* entry) { return entry->d_type == DT_DIR; }
 class InterfacePath {
   public:
     explicit InterfacePath(const usbinterface& interface) {
-        snprintf(path_, kNameSize, "%s/%s", kUsbDevicesPath, interface.name);
+        snprintf(path_, sizeof(path_), "%s/%s", kUsbDevicesPath, interface.name);
+        path_[kNameSize - 1] = '\0';
     }
 
     // Never shortened again: an interface has at most one of the subdirectories that are entered.
@@ -61,7 +62,7 @@ bool firstSubdirectory(const InterfacePath& path, char (&name)[kTextSize]) {
     if (dir == nullptr) return false;
     while (const dirent* entry = readdir(dir.get())) {
         if (isDots(entry) || !isDirectory(entry)) continue;
-        snprintf(name, sizeof(name), "%s", entry->d_name);
+        snprintf(name, sizeof(name), "%.*s", static_cast<int>(sizeof(name) - 1), entry->d_name);
         return true;
     }
     return false;

@@ -1,6 +1,9 @@
+#include <android-base/file.h>
 #include <android-base/logging.h>
-#include <dirent.h>
+#include <android-base/unique_fd.h>
 #include <stdio.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -8,6 +11,8 @@
 
 namespace android::kus {
 namespace {
+
+using android::base::unique_fd;
 
 // One prefix at every depth: the order of the lines alone shows the nesting.
 constexpr char kLinePrefix[] = "   |__ ";
@@ -21,16 +26,25 @@ constexpr int kPrintDetail = 2;
 
 void UsbDevice::dump_print_test(int fd) {
     LOG(INFO) << "dump_print_test called " << fd;
-    const std::lock_guard lock(topologyLock);
-    deviceid_map.clear();
-    // Silent where the directory cannot be read, unlike create_usb_device_map.
-    if (scan_bus_entries()) {
-        print_tree(fd);
-        print_interfacelist(fd);
+    // Into memory first: a reader that does not drain its descriptor must not hold the topology,
+    // and with it every decision.
+    const unique_fd text(memfd_create("usb_topology", MFD_CLOEXEC));
+    {
+        const std::lock_guard lock(topologyLock);
+        deviceid_map.clear();
+        // Silent where the directory cannot be read, unlike create_usb_device_map.
+        if (scan_bus_entries()) {
+            print_tree(text.get());
+            print_interfacelist(text.get());
+        }
+        delete_all_nodes();
+        empty_list();
+        print_deviceid_map(text.get());
     }
-    delete_all_nodes();
-    empty_list();
-    print_deviceid_map(fd);
+    std::string content;
+    if (lseek(text.get(), 0, SEEK_SET) == 0 && base::ReadFdToString(text.get(), &content)) {
+        base::WriteStringToFd(content, fd);
+    }
 }
 
 void UsbDevice::print_tree(int fd) {

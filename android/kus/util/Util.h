@@ -7,6 +7,9 @@
 
 namespace android::kus {
 
+/** Made by the platform, with its owner and label; this program never creates it. */
+inline constexpr char configDirectory[] = "/data/system/usbdeviceconfig";
+
 inline constexpr char configFilePath[] = "/data/system/usbdeviceconfig/usb_device_config.xml";
 inline constexpr char backupFilePath[] =
     "/data/system/usbdeviceconfig/usb_device_config_backup.xml";

@@ -23,6 +23,9 @@ parcelable DeviceInfo {
      * (1 network, 2 serial tty, 4 mass storage, 8 vendor-specific HID, 0 none of these).
      */
     int category = 0;
-    /** Set by the service: kernel names behind the category, each followed by ";". */
+    /**
+     * Set by the service: what is behind the category, each text once and followed by ";": the
+     * kernel's name of a network device or tty, "sdcard" for mass storage, "empty" for the rest.
+     */
     @utf8InCpp String categoryPath = "";
 }

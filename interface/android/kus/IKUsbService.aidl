@@ -13,13 +13,22 @@ interface IKUsbService {
      * it every notification twice.
      */
     void registerKusCallback(IKUsbServiceCallback callback);
-    /** Removes one registration of the callback. */
+    /**
+     * Removes one registration of the callback. A notification that is under way may still come.
+     */
     void unregisterKusCallback(IKUsbServiceCallback callback);
     /** All recorded devices: input devices first, then USB devices, each by ascending id. */
     DeviceInfo[] getDeviceList();
-    /** Reports that a device was removed (updateStatus 0) or added (any other value). */
+    /**
+     * Reports that a device was removed (updateStatus 0). Any other value is only logged: devices
+     * are recorded by isDeviceAllowed.
+     */
     void updateDeviceList(in DeviceInfo device, int updateStatus);
-    /** Decides on a device that was just attached, and de-authorizes it when it is refused. */
+    /**
+     * Decides on a device that was just attached, and de-authorizes the interfaces of a USB device
+     * that it refuses. A USB device with no interface but HID ones, none of them vendor-specific,
+     * gets false without being recorded: the input subsystem asks about it with deviceType 1.
+     */
     boolean isDeviceAllowed(in DeviceInfo device);
     /**
      * Makes attached devices enumerate again. 0 or less toggles the host controllers' role; a
