@@ -77,8 +77,9 @@ class UsbDevice {
     /** Writes the map to the log, and to `fd` unless that is -1. The caller holds topologyLock. */
     static void print_deviceid_map(int fd);
 
-    // The reset.
+    // The reset. Waits are in milliseconds.
 
+    /** The caller holds hostResetMutex. */
     static void virtual_undock_dock_event(int wait);
     static void registersysfsObserverViaThread();
     static void* registersysfsObserver(void*);

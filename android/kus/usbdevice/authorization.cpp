@@ -40,7 +40,6 @@ void UsbDevice::update_status(int deviceId, int status) {
         }
         if (write(fd.get(), status != 0 ? "1" : "0", 1) != 1) {
             perror("Error writing to sysfs file");
-            // The same text as for the open.
             LOG(ERROR) << "Error! Could not open file";
             return;
         }

@@ -3,6 +3,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <iterator>
 #include <memory>
 
 #include "usbdevice/UsbDevice.h"
@@ -95,9 +96,10 @@ void UsbDevice::create_usb_device_map() {
 }
 
 bool UsbDevice::scan_bus_entries() {
-    const UniqueDir dir(opendir(kUsbDevicesPath));
+    UniqueDir dir(opendir(kUsbDevicesPath));
     if (dir == nullptr) return false;
     while (const dirent* entry = readdir(dir.get())) inspect_bus_entry(entry->d_name);
+    dir.reset();
     connect_devices();
     return true;
 }
@@ -205,6 +207,7 @@ void UsbDevice::populate_category_device(usbinterface* i) {
 std::vector<usbinterface_custom> UsbDevice::records_of(int deviceId) {
     const auto [first, last] = deviceid_map.equal_range(deviceId);
     std::vector<usbinterface_custom> records;
+    records.reserve(std::distance(first, last));
     for (auto it = first; it != last; ++it) records.push_back(it->second);
     return records;
 }

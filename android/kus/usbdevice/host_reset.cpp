@@ -49,17 +49,15 @@ const char* const controllerModeNodes[] = {"c200000.hsusb/mode", "a800000.ssusb/
 std::mutex dockPollLock;
 char dockPollBuffer[kBufferSize];  // guarded by dockPollLock
 
-pthread_t dockPollThread;
-
 bool exists(const std::string& path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0;
 }
 
-/** `buf` is the caller's: a controller that cannot be read must find it cleared. */
-bool isInHostRole(const std::string& path, char* buf) {
-    return exists(path) && UsbDevice::read_sysfs_val(path.c_str(), buf, kBufferSize) > 0 &&
-           strncmp(buf, kHostRole, kRoleLength) == 0;
+bool isInHostRole(const std::string& path) {
+    char role[kBufferSize] = {};
+    return exists(path) && UsbDevice::read_sysfs_val(path.c_str(), role, sizeof(role)) > 0 &&
+           strncmp(role, kHostRole, kRoleLength) == 0;
 }
 
 void writeRole(const std::string& path, const char* role) {
@@ -87,10 +85,9 @@ void requestDock() {
 }
 
 void toggleControllers() {
-    char role[kBufferSize] = {};
     for (const char* node : controllerModeNodes) {
         const std::string path = std::string(kSocPath) + node;
-        if (!isInHostRole(path, role)) continue;
+        if (!isInHostRole(path)) continue;
         writeRole(path, kNoRole);
         LOG(INFO) << "usb_host_reset mode set to none for syspath: " << path;
         sleep_for(kRoleSettleTime);
@@ -124,8 +121,7 @@ bool hasPower() {
 
 /** The role stays "none" where the power is gone: the dock was pulled meanwhile. */
 void toggleDisplayLinkController(const std::string& path, milliseconds wait) {
-    char role[kBufferSize] = {};
-    if (!isInHostRole(path, role)) return;
+    if (!isInHostRole(path)) return;
     writeRole(path, kNoRole);
     LOG(INFO) << "virtual_undock_dock_event mode set to none for syspath: " << path;
     sleep_for(wait);
@@ -177,6 +173,7 @@ void UsbDevice::virtual_undock_dock_event(int wait) {
 }
 
 void UsbDevice::registersysfsObserverViaThread() {
+    pthread_t dockPollThread;
     const int result = pthread_create(&dockPollThread, nullptr, registersysfsObserver, nullptr);
     // Never joined, so it gives its stack back by itself.
     if (result == 0) pthread_detach(dockPollThread);
@@ -249,7 +246,8 @@ std::string UsbDevice::get_displaylink_soc_path() {
     snprintf(path, sizeof(path), "%s/%s%c/%s", kUsbDevicesPath, "usb", bus, "devspec");
     LOG(INFO) << "get_displaylink_soc_path " << path;
     char devspec[kBufferSize] = {};
-    if (read_sysfs_val(path, devspec, sizeof(devspec)) == 0) return "";
+    read_sysfs_val(path, devspec, sizeof(devspec));
+    if (devspec[0] == '\0') return "";
     LOG(INFO) << "get_displaylink_soc_path devspec_val : " << devspec;
 
     // For instance /soc/ssusb@a800000/dwc3@a800000.

@@ -17,7 +17,7 @@ using android::base::unique_fd;
 
 constexpr size_t kPathSize = 4096;
 
-// The longest integer attribute worth reading; the rest of a longer one is ignored.
+// 11 characters of an integer attribute and a terminator; the rest of a longer one is ignored.
 constexpr size_t kIntTextSize = 12;
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
@@ -55,7 +55,10 @@ int readDriver(const char* d_name, char (&driver)[kNameSize]) {
     return length;
 }
 
-/** Appends to a sibling chain, unless the record is in it already. */
+/**
+ * Appends to a sibling chain, unless the record is in it already: an interface without a parent is
+ * offered again with every device, and a device to every bus of its number.
+ */
 template <typename Record>
 void appendSibling(Record** link, Record* record) {
     for (; *link != nullptr; link = &(*link)->next_sibling) {
@@ -295,8 +298,8 @@ void UsbDevice::assign_interface_to_parent(usbdevice* d, usbinterface* i) {
     char* end;
     const uint32_t busnum = strtoul(prefix, &end, 10);
     if (end == prefix) return;
-    // The configuration digit, not the port: a root hub's interface (1-0:1.0) has a 1 here, so it
-    // keeps no parent and stays out of the device-id map.
+    // The configuration digit, not the port: a root hub's interface (1-0:1.0) has a 1 here, and so
+    // is on no bus.
     if (colon[1] != '0') return;
     if (verbose_trace) {
         LOG(INFO) << " append_businterface usbdevice:" << d->name

@@ -19,9 +19,6 @@ constexpr char kLinePrefix[] = "   |__ ";
 
 constexpr uint32_t kHubClass = 9;
 
-// 0 prints the main line, 1 adds the ids, 2 the details.
-constexpr int kPrintDetail = 2;
-
 }  // namespace
 
 void UsbDevice::dump_print_test(int fd) {
@@ -73,19 +70,15 @@ void UsbDevice::print_usbdevice(usbdevice* d, usbinterface* i, int fd) {
         ", Driver : " + i->driver;
     line += isHub ? "\n  " : " \n";
     dprintf(fd, isHub ? " %s\n" : " %s", line.c_str());
-    if (kPrintDetail != 0) {
-        dprintf(fd, "       Vendor:Product ID %04x:%04x ", d->idVendor, d->idProduct);
-        LOG(INFO) << "ID " << d->idVendor << ":" << d->idProduct;
-    }
-    if (kPrintDetail >= 2) {
-        dprintf(fd, "\n%s/%s  /dev/bus/usb/%03d/%03d\n", kUsbDevicesPath, d->name, d->busnum,
-                d->devnum);
-        dprintf(fd, "printing interfaces for device device:%s and first_interface:%s \n", d->name,
-                d->first_interface->name);
-        if (d->parent != nullptr) dprintf(fd, "parent name :%s\n", d->parent->name);
-        dprintf(fd, "parent_portnum:%d\n", d->parent_portnum);
-        dprintf(fd, "************************\n");
-    }
+    dprintf(fd, "       Vendor:Product ID %04x:%04x ", d->idVendor, d->idProduct);
+    LOG(INFO) << "ID " << d->idVendor << ":" << d->idProduct;
+    dprintf(fd, "\n%s/%s  /dev/bus/usb/%03d/%03d\n", kUsbDevicesPath, d->name, d->busnum,
+            d->devnum);
+    dprintf(fd, "printing interfaces for device device:%s and first_interface:%s \n", d->name,
+            d->first_interface->name);
+    if (d->parent != nullptr) dprintf(fd, "parent name :%s\n", d->parent->name);
+    dprintf(fd, "parent_portnum:%d\n", d->parent_portnum);
+    dprintf(fd, "************************\n");
 }
 
 void UsbDevice::print_interfacelist(int fd) {
@@ -111,8 +104,8 @@ void UsbDevice::print_deviceid_map(int fd) {
                   << " Product ID:" << record.idProduct;
         if (fd != -1) {
             dprintf(fd,
-                    "\n DeviceId : %d, Interface name : %s, class : %u, Vendor ID : %u, "
-                    "Product ID : %u \n",
+                    " \n DeviceId : %d, Interface name : %s, class : %u, Vendor ID : %u, "
+                    "Product ID : %u\n",
                     id, record.name, record.bInterfaceClass, record.idVendor, record.idProduct);
         }
     }

@@ -2,11 +2,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <iterator>
 
 namespace android::kus {
 
-/** One directory entry a bus, device and interface. */
+/** One entry for each bus, device and interface. */
 inline constexpr char kUsbDevicesPath[] = "/sys/bus/usb/devices";
 
 /**
@@ -28,31 +27,26 @@ struct list_links {
     list_links* prev;
 };
 
-/** A circular doubly linked list that owns its records, which derive from list_links<Record>. */
+/** A circular doubly linked list of records, which clear() alone frees. */
 template <typename Record>
 class record_list {
   public:
     class iterator {
       public:
-        using iterator_category = std::forward_iterator_tag;
-        using value_type = Record;
-        using difference_type = std::ptrdiff_t;
-        using pointer = Record*;
-        using reference = Record&;
-
         explicit iterator(list_links<Record>* at) : at_(at) {}
         Record& operator*() const { return *static_cast<Record*>(at_); }
-        Record* operator->() const { return static_cast<Record*>(at_); }
         iterator& operator++() {
             at_ = at_->next;
             return *this;
         }
-        bool operator==(const iterator& other) const { return at_ == other.at_; }
         bool operator!=(const iterator& other) const { return at_ != other.at_; }
 
       private:
         list_links<Record>* at_;
     };
+
+    record_list() = default;
+    record_list(const record_list&) = delete;
 
     iterator begin() { return iterator(sentinel_.next); }
     iterator end() { return iterator(&sentinel_); }

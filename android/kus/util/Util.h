@@ -22,11 +22,14 @@ class Util {
      * Clears the rule tables and fills them from the rules file at `path`, under an exclusive
      * ruleTablesLock. The outcome is in xml_parse_status and errorMessage; a rejection is also
      * written to the status file and leaves in the tables what came before it. Aborts on a number
-     * that does not fit 32 bits, and crashes on a document without any element.
+     * that does not fit a signed 32-bit integer, and crashes on a document without any element.
      */
     static void createMapFromConfig(const std::string& path);
 
-    /** Receives a status text and the line of the rules file that it is about. */
+    /**
+     * Receives a status text and the line of the rules file that it is about, 0 where there is
+     * none. Called with ruleTablesLock held exclusively.
+     */
     using StatusWriter = std::function<void(const std::string& message, int line)>;
 
     /** createMapFromConfig with the status texts going elsewhere: for checks of a file. */
@@ -58,14 +61,13 @@ class Util {
     static std::vector<int32_t> checkMultiClass(int key_val);
 
     /**
-     * Copies a text file line by line, ending every line with a line feed; what is written is on
-     * disk when it returns. False when a file could not be opened, but an empty source with a
-     * destination that cannot be opened is true. Empties the destination even when there is no
-     * source.
+     * Copies a text file line by line, ending every line with a line feed, and syncs what it wrote.
+     * False when a file could not be opened or written, but an empty source is true whatever the
+     * destination. Empties the destination even when there is no source.
      */
     static bool copyFileContent(std::string src, std::string dst);
 
-    /** Replaces the file's content with `message`, on disk when it returns. Fails silently. */
+    /** Replaces the file's content with `message` and syncs it. Fails silently. */
     static void updateErrorFile(std::string path, std::string message);
 };
 

@@ -3,7 +3,7 @@
 
 namespace android::kus {
 
-// "USB_CLASS_PHYSICA" has no final L: rules files in the field are written that way.
+// "USB_CLASS_PHYSICA" has no final L, on purpose: the spelling is part of the file's format.
 // Input sources stand without the class byte that AINPUT_SOURCE_* constants carry (a keyboard is
 // 0x100, not 0x101), because checkMultiClass strips it before it looks them up.
 const ClassName classNameTable[29] = {

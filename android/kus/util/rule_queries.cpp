@@ -35,7 +35,7 @@ bool Util::validateVid(int vid) {
     const auto first = vidPidMap.lower_bound(vid);
     if (first == vidPidMap.end() || first->first != vid) return false;
     // The walk goes past the vendor's own entries on purpose: a greater vendor that is listed
-    // without products makes this one match as a whole, and deployed rules rely on it.
+    // without products makes this one match as a whole.
     const auto any = std::find_if(first, vidPidMap.end(),
                                   [](const auto& entry) { return entry.second == ANY_PRODUCT; });
     if (any == vidPidMap.end()) return false;
@@ -56,7 +56,7 @@ std::vector<int32_t> Util::checkMultiClass(int key_val) {
     LOG(INFO) << "checkMultiClass key_val" << key_val;
     const int mask = key_val & ~kSourceClassMask;
     LOG(INFO) << "checkMultiClass--" << mask;
-    // Both lines below end in a line feed of their own, which the log shows as an empty line.
+    // The line end is part of both texts.
     if (inputSourceNames.count(mask) != 0) {
         LOG(INFO) << "Key found" << std::endl;
         return {mask};
