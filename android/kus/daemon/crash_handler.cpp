@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <unwindstack/AndroidUnwinder.h>
 
+#include "ku_service/KUsbService.h"
 #include "util/Util.h"
 
 namespace android::kus {
@@ -24,6 +25,8 @@ void logStackTrace() {
 void signalHandler(int signum, siginfo_t*, void*) {
     // One text for every signal: an abort logs it too.
     LOG(INFO) << "Segmentation faultsignum" << signum << std::endl;
+    // Or the observer would take the restored rules for a good rewrite and report success.
+    KUsbService::suspendFileObserver();
     // The rules first: they must be back even if the diagnostics fail.
     Util::copyFileContent(backupFilePath, configFilePath);
     Util::updateErrorFile(statusFilePath, "Unable to apply the USB Admin config rules");

@@ -62,6 +62,8 @@ class KUsbService : public BnKUsbService {
     static void registerFileObserverViaThread();
     /** The thread's entry. It returns, and nothing restarts it, when inotify cannot be read. */
     static void* registerFileObserver(void*);
+    /** Makes the observer pass over every further rewrite. May be called from a signal handler. */
+    static void suspendFileObserver();
 
     binder::Status registerKusCallback(const sp<IKUsbServiceCallback>& callback) override;
     binder::Status unregisterKusCallback(const sp<IKUsbServiceCallback>& callback) override;

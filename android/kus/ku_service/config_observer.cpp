@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include "ku_service/KUsbService.h"
 #include "usbdevice/UsbDevice.h"
 #include "util/Util.h"
@@ -20,6 +22,8 @@ constexpr char kConfigFileName[] = "usb_device_config.xml";
 constexpr size_t kEventBufferSize = 512;
 
 pthread_t observerThread;  // never joined
+
+std::atomic<bool> suspended = false;
 
 // The rest belongs to the observer thread.
 int inotifyFd;
@@ -69,7 +73,7 @@ void handleRewrite() {
 void handleEvent(const inotify_event& event) {
     if (event.len == 0 || event.wd != directoryWatch || !(event.mask & IN_CLOSE_WRITE)) return;
     LOG(INFO) << "CLOSE_WRITE event triggered on filename " << configDirectory << "/" << event.name;
-    if (strcmp(event.name, kConfigFileName) == 0) handleRewrite();
+    if (strcmp(event.name, kConfigFileName) == 0 && !suspended) handleRewrite();
 }
 
 }  // namespace
@@ -91,6 +95,8 @@ void* KUsbService::registerFileObserver(void*) {
     readFileChangeEvent();
     return nullptr;
 }
+
+void KUsbService::suspendFileObserver() { suspended = true; }
 
 void KUsbService::readFileChangeEvent() {
     alignas(inotify_event) char buffer[kEventBufferSize];
