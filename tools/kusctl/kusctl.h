@@ -1,0 +1,83 @@
+#pragma once
+
+#include <android/kus/DeviceInfo.h>
+#include <android/kus/IKUsbService.h>
+#include <getopt.h>
+#include <json/json.h>
+
+#include <string>
+#include <vector>
+
+namespace android::kus {
+
+inline constexpr int kYes = 0;
+inline constexpr int kNoOrFailed = 1;
+inline constexpr int kWrongUse = 2;
+
+struct Command {
+    const char* name;
+    const char* summary;
+    const char* help;
+    /** Gets the command's name as argv[0]. Returns the exit status. */
+    int (*run)(int argc, char** argv);
+};
+
+extern const Command kCheckCommand, kDumpCommand, kGenerateCommand, kLintCommand, kListCommand,
+    kResetCommand, kWatchCommand;
+
+// The command line: main.cpp
+
+/**
+ * getopt_long for the running command: answers --help, and ends the program on a wrong option. The
+ * options' `val` is what it returns; -1 at the end.
+ */
+int nextOption(int argc, char** argv, const std::vector<option>& options);
+/** Ends the program on arguments beyond the options. */
+void expectNoArguments(int argc, char** argv);
+[[noreturn]] void wrongUse(const std::string& message);
+[[noreturn]] void fail(const std::string& message);
+/** A line on standard error that changes no outcome. */
+void note(const std::string& message);
+
+// The service: service.cpp
+
+/** Ends the program where the service, or binder itself, cannot be reached. */
+sp<IKUsbService> connectToService();
+/** Waits for as long as it takes. */
+sp<IKUsbService> waitForService();
+/** Ends the program when a call did not reach the service. */
+void expectOk(const binder::Status& status);
+
+// Texts: text.cpp
+
+/** Control characters and bytes that are no UTF-8 as \n, \t, \r or \xNN. */
+std::string printable(const std::string& text);
+/** Names of the device's USB classes or input sources, each once; a number for one without. */
+std::vector<std::string> classNames(const DeviceInfo& device);
+/** "allowed" or "refused", in colour on a terminal. */
+std::string verdictText(bool allowed);
+/** What a device is, without what the service adds to its record. */
+Json::Value identityToJson(const DeviceInfo& device);
+Json::Value recordToJson(const DeviceInfo& device);
+/** On one line when `indentation` is empty. What is no UTF-8 is replaced. */
+std::string jsonText(const Json::Value& value, const std::string& indentation = "  ");
+
+// Rules files, read by the daemon's own parser: verdict.cpp
+
+struct Verdict {
+    enum class Outcome { kAccepted, kRefused, kCrash } outcome;
+    /** What the device's status file would say. */
+    std::string status;
+    /** Of the rules file, or 0 where there is none to name. */
+    int line;
+};
+
+/** Why a path cannot be given to the parser, or an empty text. */
+std::string whyUnreadable(const std::string& path);
+/**
+ * Parses in a child process, because some files end the process that reads them. The rule tables of
+ * this process stay as they are.
+ */
+Verdict judgeRules(const std::string& path);
+
+}  // namespace android::kus
