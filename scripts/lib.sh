@@ -1,0 +1,54 @@
+# shellcheck shell=bash
+# Shared by the scripts beside it.
+repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+# What the virtual device runs.
+# shellcheck disable=SC2034
+device_programs=(getprop setprop servicemanager kusd kusctl usb_host_stack usb_client)
+
+die() {
+    echo "${0##*/}: $*" >&2
+    exit 1
+}
+
+usage_error() {
+    echo "${0##*/}: $* (--help shows the usage)" >&2
+    exit 2
+}
+
+# step TEXT COMMAND...: runs COMMAND with its output in $log and reports how long it took. Where
+# COMMAND fails the end of its output is shown, and the script ends.
+step() {
+    local text=$1 start=$SECONDS ticker='' status=0
+    shift
+    mkdir -p "$repo/build/log"
+    log=$repo/build/log/${text//[^a-zA-Z0-9]/-}
+    printf '%-60s' "$text" >&2
+    if [[ -t 2 ]]; then
+        while sleep 1; do
+            printf '\r%-60s%4d s' "$text" $((SECONDS - start)) >&2
+        done &
+        ticker=$!
+    fi
+    "$@" >"$log" 2>&1 </dev/null || status=$?
+    [[ ! $ticker ]] || kill $ticker
+    [[ ! -t 2 ]] || printf '\r%-60s' "$text" >&2
+    if [[ $status -ne 0 ]]; then
+        printf 'failed\n' >&2
+        tail -n 30 "$log" >&2
+        die "$text: failed with status $status; all of its output is in $log"
+    fi
+    printf '%4d s\n' $((SECONDS - start)) >&2
+}
+
+# build_native DIR SANITIZER: the unit tests, for this machine.
+build_native() {
+    cmake -G Ninja -S "$repo" -B "$repo/build/$1" -DKUS_SANITIZER="$2" &&
+        ninja -C "$repo/build/$1" unit_tests
+}
+
+build_for_device() {
+    cmake -G Ninja -S "$repo" -B "$repo/build/arm64" \
+        -DCMAKE_TOOLCHAIN_FILE="$repo/cmake/arm64.cmake" &&
+        ninja -C "$repo/build/arm64" "$@"
+}
