@@ -1,0 +1,54 @@
+#include <android/kus/BnKUsbServiceCallback.h>
+#include <binder/ProcessState.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "device_test.h"
+#include "process.h"
+
+namespace android::kus {
+namespace {
+
+constexpr char kSelf[] = "/proc/self/exe";
+constexpr char kClientRole[] = "--client";
+
+class PrintingCallback : public BnKUsbServiceCallback {
+    binder::Status onDeviceAdded(const DeviceInfo& device) override {
+        std::vector<DeviceInfo> devices;
+        if (service()->getDeviceList(&devices).isOk()) {
+            printf("added %d %d\n", device.deviceId, device.status);
+        }
+        return binder::Status::ok();
+    }
+
+    binder::Status onDeviceRemoved(const DeviceInfo& device) override {
+        printf("removed %d\n", device.deviceId);
+        return binder::Status::ok();
+    }
+};
+
+int runClient(int registrations) {
+    ProcessState::self()->startThreadPool();
+    const sp<PrintingCallback> callback = new PrintingCallback();
+    for (int i = 0; i < registrations; ++i) service()->registerKusCallback(callback);
+    puts("registered");
+    while (getchar() != EOF) {
+        service()->unregisterKusCallback(callback);
+        puts("unregistered");
+    }
+    return 0;
+}
+
+}  // namespace
+
+int runAsClient(int argc, char** argv) {
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    return argc == 3 && strcmp(argv[1], kClientRole) == 0 ? runClient(atoi(argv[2])) : -1;
+}
+
+Client::Client(int registrations) : Process({kSelf, kClientRole, std::to_string(registrations)}) {
+    EXPECT_EQ(line(), "registered");
+}
+
+}  // namespace android::kus

@@ -1,0 +1,211 @@
+#include "device_test.h"
+
+#include <android-base/file.h>
+#include <android-base/strings.h>
+#include <binder/IServiceManager.h>
+#include <dirent.h>
+#include <limits.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "util/Util.h"
+
+namespace android::kus {
+namespace {
+
+using android::base::Trim;
+namespace fs = std::filesystem;
+
+constexpr char kUsbDevices[] = "/sys/bus/usb/devices/";
+const std::string kSoc = "/sys/devices/platform/soc/";
+
+/** Longer than the time between two writes of a reset. */
+constexpr auto kQuietTime = 600ms;
+
+DeviceInfo findRecorded(const std::function<bool(const DeviceInfo&)>& wanted) {
+    std::vector<DeviceInfo> devices;
+    service()->getDeviceList(&devices);
+    for (const DeviceInfo& device : devices) {
+        if (wanted(device)) return device;
+    }
+    return {};
+}
+
+}  // namespace
+
+std::string shell(const std::string& command) {
+    FILE* pipe = popen(command.c_str(), "r");
+    std::string output;
+    for (int c; (c = getc(pipe)) != EOF;) output += static_cast<char>(c);
+    EXPECT_EQ(pclose(pipe), 0) << command;
+    return Trim(output);
+}
+
+bool fullRun() { return getenv("KUS_FULL_RUN") != nullptr; }
+
+bool eventually(const std::function<bool()>& condition, std::chrono::seconds timeout) {
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(20ms);
+    }
+    return true;
+}
+
+std::string contentOf(const std::string& path) {
+    std::string content;
+    base::ReadFileToString(path, &content);
+    return Trim(content);
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+    ASSERT_TRUE(base::WriteStringToFile(content, path)) << path;
+}
+
+std::string rulesText(const std::string& mode, const std::string& rules) {
+    return "<usbconfig mode=\"" + mode + "\">" + rules + "</usbconfig>\n";
+}
+
+sp<IKUsbService> service() {
+    static sp<IKUsbService> current;
+    EXPECT_TRUE(eventually([] {
+        if (current != nullptr && IInterface::asBinder(current)->pingBinder() == OK) return true;
+        current = waitForService<IKUsbService>(String16("kusbservice"));
+        return false;
+    }));
+    return current;
+}
+
+DeviceInfo recorded(int id) {
+    return findRecorded([id](const DeviceInfo& device) { return device.deviceId == id; });
+}
+
+DeviceInfo recorded(const std::string& name) {
+    return findRecorded([&](const DeviceInfo& device) { return device.deviceName == name; });
+}
+
+bool isAllowed(const std::vector<int>& interfaceClasses) {
+    DeviceInfo device;
+    device.deviceName = "asked about";
+    device.deviceId = 99000;
+    device.interfaceClassList = interfaceClasses;
+    bool allowed = false;
+    EXPECT_TRUE(service()->isDeviceAllowed(device, &allowed).isOk());
+    service()->updateDeviceList(device, 0);
+    return allowed;
+}
+
+pid_t daemonPid() { return atoi(shell("pidof kusd || true").c_str()); }
+
+void awaitDaemon() {
+    EXPECT_TRUE(eventually([] {
+        return !shell("grep -l '^inotify' /proc/$(pidof kusd)/fdinfo/* 2>/dev/null || true")
+                    .empty();
+    })) << "no daemon watches the rules file";
+    service();
+}
+
+Plugged::Plugged(const std::string& name, const std::string& options)
+    : name_(name), entry_(shell("plug " + name + " " + options)) {}
+
+Plugged::~Plugged() { shell("unplug " + name_); }
+
+void Plugged::replug() { entry_ = shell("replug " + name_); }
+
+int Plugged::id() const {
+    const std::string device = kUsbDevices + entry_;
+    const std::string devnum = contentOf(device + "/devnum");
+    return devnum.empty() ? 0 : atoi(contentOf(device + "/busnum").c_str()) * 1000 + stoi(devnum);
+}
+
+DeviceInfo Plugged::decision() const {
+    DeviceInfo device;
+    EXPECT_TRUE(eventually([&] {
+        const int present = id();
+        if (present != 0) device = recorded(present);
+        return present != 0 && device.deviceId == present;
+    })) << "no decision on "
+        << name_;
+    return device;
+}
+
+std::string Plugged::interfaceState(int number) const {
+    const std::string interface = kUsbDevices + entry_ + ":1." + std::to_string(number);
+    std::error_code unbound;
+    const std::string driver = fs::read_symlink(interface + "/driver", unbound).filename();
+    return driver + " " + contentOf(interface + "/authorized");
+}
+
+std::vector<std::string> sticks() {
+    std::vector<std::string> names;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/sys/block")) {
+        const std::string name = entry.path().filename();
+        if (base::StartsWith(name, "sd")) names.push_back(name);
+    }
+    return names;
+}
+
+RoleWatch::RoleWatch() : fd_(inotify_init1(IN_NONBLOCK)) {
+    hsusb_ = inotify_add_watch(fd_, (kSoc + "c200000.hsusb/mode").c_str(), IN_MODIFY);
+    inotify_add_watch(fd_, (kSoc + "a800000.ssusb/mode").c_str(), IN_MODIFY);
+    thread_ = std::thread([this] { record(); });
+}
+
+RoleWatch::~RoleWatch() {
+    done_ = true;
+    thread_.join();
+    close(fd_);
+}
+
+// At once, because the next write comes 100 ms later.
+void RoleWatch::record() {
+    while (!done_) {
+        pollfd events = {fd_, POLLIN, 0};
+        poll(&events, 1, 100);
+        inotify_event event;
+        while (read(fd_, &event, sizeof(event)) == sizeof(event)) {
+            const std::lock_guard lock(lock_);
+            writes_.push_back(event.wd == hsusb_
+                                  ? "hsusb " + contentOf(kSoc + "c200000.hsusb/mode")
+                                  : "ssusb " + contentOf(kSoc + "a800000.ssusb/mode"));
+        }
+    }
+}
+
+std::vector<std::string> RoleWatch::writes(size_t expected) {
+    const auto written = [this] {
+        const std::lock_guard lock(lock_);
+        return writes_;
+    };
+    eventually([&] { return written().size() >= expected; });
+    size_t settled;
+    do {
+        settled = written().size();
+        std::this_thread::sleep_for(kQuietTime);
+    } while (written().size() != settled);
+    const std::lock_guard lock(lock_);
+    return std::exchange(writes_, {});
+}
+
+std::vector<std::string> oneToggle() {
+    return {"hsusb none", "hsusb host", "ssusb none", "ssusb host"};
+}
+
+void DeviceTest::SetUp() {
+    awaitDaemon();
+    setRules("default", "");
+}
+
+void DeviceTest::setRules(const std::string& mode, const std::string& rules) {
+    RoleWatch roles;
+    writeFile(configFilePath, rulesText(mode, rules));
+    ASSERT_EQ(roles.writes(oneToggle().size()), oneToggle());
+    ASSERT_EQ(contentOf(statusFilePath), "SUCCESS");
+}
+
+}  // namespace android::kus

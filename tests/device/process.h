@@ -1,0 +1,44 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace android::kus {
+
+/** A child process, its standard input and output in the test's hands. Killed at the end. */
+class Process {
+  public:
+    explicit Process(std::vector<std::string> command);
+    ~Process();
+    Process(const Process&) = delete;
+
+    /** The next line that it prints; empty when none comes in time. */
+    std::string line(int timeoutMs = 30000);
+    /** Gives it a line to read. */
+    void poke();
+    void kill(int signal);
+    /** Waits for its end: what it exits with, or minus the signal that it dies of. */
+    int exitStatus();
+
+  private:
+    pid_t pid_;
+    int input_;
+    int output_;
+};
+
+/**
+ * A client of the service in a process of its own. It registers one callback this many times and
+ * then prints "registered", and for each callback "added ID STATUS" or "removed ID". From inside
+ * the callbacks it calls the service. For each poke it unregisters once and prints "unregistered".
+ */
+class Client : public Process {
+  public:
+    explicit Client(int registrations);
+};
+
+/** Runs this executable as a Client, when its arguments say so; -1 when not. */
+int runAsClient(int argc, char** argv);
+
+}  // namespace android::kus

@@ -1,0 +1,82 @@
+#include <filesystem>
+
+#include "kus_test.h"
+#include "util/Util.h"
+
+namespace android::kus {
+namespace {
+
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+
+constexpr char kSource[] = "/data/source";
+constexpr char kCopy[] = "/data/copy";
+constexpr char kDone[] = "I Usb Device config file copied successfully..!!";
+
+class ConfigFiles : public KusTest {};
+
+TEST_F(ConfigFiles, CopyEndsEveryLineWithALineFeed) {
+    const struct {
+        std::string source, copy;
+        std::vector<std::string> lines;
+    } cases[] = {
+        {"", "", {}},
+        {"a", "a\n", {"I a"}},
+        {"a\nb\n", "a\nb\n", {"I a", "I b"}},
+        {"\n  a b\n\nlast", "\n  a b\n\nlast\n", {"I ", "I   a b", "I ", "I last"}},
+        {"cr\r\nlf\r\n", "cr\r\nlf\r\n", {"I cr\r", "I lf\r"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.source));
+        writeFile(kSource, c.source);
+        writeFile(kCopy, "an older and longer content that must be gone");
+        EXPECT_TRUE(Util::copyFileContent(kSource, kCopy));
+        EXPECT_EQ(readFile(kCopy), c.copy);
+        std::vector<std::string> log = {"I  USB xml src path is /data/source",
+                                        "I USB xml dest path is /data/copy"};
+        log.insert(log.end(), c.lines.begin(), c.lines.end());
+        log.push_back(kDone);
+        EXPECT_THAT(takeLog(), ElementsAreArray(log));
+    }
+}
+
+TEST_F(ConfigFiles, CopyOfAMissingSourceEmptiesTheDestination) {
+    writeFile(kCopy, "rules");
+    EXPECT_FALSE(Util::copyFileContent("/data/missing", kCopy));
+    EXPECT_EQ(readFile(kCopy), "");
+    EXPECT_THAT(takeLog(), ElementsAre("I  USB xml src path is /data/missing",
+                                       "I USB xml dest path is /data/copy",
+                                       "E USB device error is source file open", kDone));
+}
+
+TEST_F(ConfigFiles, CopyToAClosedDestinationFailsOnceALine) {
+    writeFile(kSource, "one\ntwo\n");
+    EXPECT_FALSE(Util::copyFileContent(kSource, "/data/none/copy"));
+    EXPECT_THAT(
+        takeLog(),
+        ElementsAre("I  USB xml src path is /data/source", "I USB xml dest path is /data/none/copy",
+                    "E ODM error in dest file open", "E ODM error in dest file open", kDone));
+    EXPECT_FALSE(std::filesystem::exists("/data/none"));
+
+    writeFile(kSource, "");
+    EXPECT_TRUE(Util::copyFileContent(kSource, "/data/none/copy"));
+}
+
+TEST_F(ConfigFiles, StatusFileHoldsJustTheText) {
+    for (const std::string text : {"Unable to apply the USB Admin config rules", "SUCCESS", ""}) {
+        Util::updateErrorFile(statusFilePath, text);
+        EXPECT_EQ(readFile(statusFilePath), text);
+        EXPECT_THAT(takeLog(),
+                    ElementsAre("I updateErrorFile called with error message : " + text));
+    }
+}
+
+TEST_F(ConfigFiles, StatusFileWithoutDirectoryIsNotWritten) {
+    std::filesystem::remove_all("/data/system");
+    Util::updateErrorFile(statusFilePath, "SUCCESS");
+    EXPECT_FALSE(std::filesystem::exists("/data/system"));
+    EXPECT_THAT(takeLog(), ElementsAre("I updateErrorFile called with error message : SUCCESS"));
+}
+
+}  // namespace
+}  // namespace android::kus

@@ -1,0 +1,117 @@
+#include <android-base/file.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+#include "service_test.h"
+#include "usb_tree.h"
+#include "usbdevice/UsbDevice.h"
+#include "util/rule_tables.h"
+
+namespace android::kus {
+namespace {
+
+using testing::Contains;
+using testing::HasSubstr;
+
+/** What `print` writes to a descriptor. */
+std::string printed(const std::function<void(int fd)>& print) {
+    TemporaryFile file;
+    print(file.fd);
+    return readFile(file.path);
+}
+
+class DumpTest : public ServiceTest {
+  protected:
+    std::string dump(const std::vector<const char*>& arguments = {}) {
+        Vector<String16> args;
+        for (const char* argument : arguments) args.add(String16(argument));
+        return printed([&](int fd) { EXPECT_EQ(service_->dump(fd, args), OK); });
+    }
+};
+
+TEST_F(DumpTest, ListsInputDevicesBeforeUsbDevices) {
+    EXPECT_EQ(dump(), "USB DEVICE INFO ");
+    EXPECT_EQ(dump({"x", "test"}), "");
+    EXPECT_THAT(takeLog(), Contains("I args[0] isx"));
+
+    loadRules("<usbconfig mode=\"whitelist\"><class>USB_CLASS_MASS_STORAGE</class></usbconfig>");
+    // Classes twice, a restricted one, one without a name; then restricted ones alone; then none.
+    isAllowed(usbDevice(1002, {8, 8, 9, 4, 255}, 2385, 5734));
+    isAllowed(usbDevice(-1, {9, 255}));
+    configMode = "default";
+    mUsbDeviceInfoList[7] = std::make_unique<DeviceInfo>(usbDevice(7, {}));
+    isAllowed(inputDevice(1000001, 0x2302));
+    EXPECT_EQ(dump(), readFile(std::string(TEST_DATA) + "/device_dump.txt"));
+}
+
+// A hub with a device behind it, a composite device, a root hub's interface, an orphan. The entries
+// are given in this order because that of a directory is the file system's.
+TEST_F(DumpTest, PrintsTheTopologyToTheByte) {
+    addEntry("usb1", {{"devnum", "1"}});
+    addDevice("1-1", 2, 0x0424, 0x2514);
+    addInterface("1-1:1.0", 9);
+    addDevice("1-1.3", 5, 0x046d, 0xc31c);
+    addInterface("1-1.3:1.0", 3, {"0003:046D:C31C.0001/input"});
+    addDevice("1-2", 4, 0x0483, 0x5740);
+    addInterface("1-2:1.0", 2, {"tty/ttyACM0"});
+    addInterface("1-2:1.1", 8);
+    addInterface("1-0:1.0", 9);
+    addInterface("1-9:1.0", 8);
+    const char* const entries[] = {"usb1", "1-1",     "1-1:1.0", "1-1.3",   "1-1.3:1.0",
+                                   "1-2",  "1-2:1.0", "1-2:1.1", "1-0:1.0", "1-9:1.0"};
+    stderrOf([&] {
+        for (const char* entry : entries) UsbDevice::inspect_bus_entry(entry);
+    });
+    UsbDevice::connect_devices();
+    const std::string text = printed([](int fd) {
+        UsbDevice::print_tree(fd);
+        UsbDevice::print_interfacelist(fd);
+        UsbDevice::print_deviceid_map(fd);
+    });
+    UsbDevice::delete_all_nodes();
+    UsbDevice::empty_list();
+    EXPECT_EQ(text, readFile(std::string(TEST_DATA) + "/topology_dump.txt"));
+}
+
+TEST_F(DumpTest, TheTopologyIsScannedAnewAndPrintedOnRequest) {
+    EXPECT_EQ(dump({"test"}), "USB Test \n\n\nDeviceIdMap size0\n");
+    addDevice("1-2", 4);
+    addInterface("1-2:1.0", 8);
+    std::string text;
+    stderrOf([&] { text = dump({"test", "ignored"}); });
+    // Without a bus entry there is no tree; the interfaces and the map are printed all the same.
+    EXPECT_THAT(text, testing::StartsWith("USB Test \n\nprint_interfacelist  usbinterface:"));
+    EXPECT_THAT(text,
+                HasSubstr("\n\nDeviceIdMap size1\n \n DeviceId : 1004, Interface name : 1-2:1.0,"));
+    EXPECT_EQ(UsbDevice::deviceid_map.size(), 1u);
+}
+
+// A reader that does not drain its pipe must not stop decisions.
+TEST_F(DumpTest, AStalledReaderHoldsNoLock) {
+    addDevice("1-2", 4);
+    for (int i = 0; i < 40; ++i) addInterface("1-2:1." + std::to_string(i), 8);
+    int pipe[2];
+    ASSERT_EQ(pipe2(pipe, O_CLOEXEC), 0);
+    fcntl(pipe[1], F_SETPIPE_SZ, 4096);
+    fcntl(pipe[0], F_SETFL, O_NONBLOCK);
+    std::atomic<bool> done = false;
+    std::thread reader([&] {
+        Vector<String16> args;
+        args.add(String16("test"));
+        service_->dump(pipe[1], args);
+        done = true;
+    });
+    takeLogUntil("print_deviceid_map");
+    EXPECT_TRUE(isAllowed(usbDevice(1004, {8})));
+    EXPECT_FALSE(done) << "the pipe took it all";
+    for (char drained[4096]; !done;) static_cast<void>(!read(pipe[0], drained, sizeof(drained)));
+    reader.join();
+    close(pipe[0]);
+    close(pipe[1]);
+}
+
+}  // namespace
+}  // namespace android::kus

@@ -1,0 +1,102 @@
+#include "kus_test.h"
+
+#include <android-base/file.h>
+#include <android-base/logging.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <mutex>
+#include <thread>
+
+#include "ku_service/KUsbService.h"
+#include "usbdevice/UsbDevice.h"
+#include "util/Util.h"
+#include "util/rule_tables.h"
+
+namespace fs = std::filesystem;
+
+namespace android::kus {
+
+namespace {
+
+std::mutex logLock;
+std::vector<std::string> logLines;
+
+void captureLog(base::LogId, base::LogSeverity severity, const char*, const char*, unsigned int,
+                const char* text) {
+    const std::string line = std::string(1, "VDIWEFF"[severity]) + " " + text;
+    const std::lock_guard lock(logLock);
+    logLines.push_back(line);
+    // A death test reads what a dying process says there.
+    if (severity >= base::FATAL_WITHOUT_ABORT) fprintf(stderr, "%s\n", line.c_str());
+}
+
+void emptyDirectory(const fs::path& path) {
+    std::error_code missing;
+    for (const fs::directory_entry& entry : fs::directory_iterator(path, missing)) {
+        fs::remove_all(entry.path());
+    }
+}
+
+}  // namespace
+
+KusTest::KusTest() {
+    base::SetLogger(captureLog);
+    for (const char* path : {"/data", "/sys", "/dev/__properties__"}) emptyDirectory(path);
+    fs::create_directories(fs::path(configFilePath).parent_path());
+
+    configMode = "default";
+    classList.clear();
+    classNameMap.clear();
+    vidPidMap.clear();
+    errorMessage = "SUCCESS";
+    xml_parse_status = false;
+    UsbDevice::deviceid_map.clear();
+    mUsbDeviceInfoList.clear();
+    mInputDeviceInfoList.clear();
+    isUserDebugBuild = false;
+    takeLog();
+}
+
+std::vector<std::string> takeLog() {
+    const std::lock_guard lock(logLock);
+    return std::exchange(logLines, {});
+}
+
+std::vector<std::string> takeLogUntil(const std::string& text) {
+    std::vector<std::string> log;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (std::chrono::steady_clock::now() < deadline) {
+        for (const std::string& line : takeLog()) log.push_back(line);
+        for (const std::string& line : log) {
+            if (line.find(text) != std::string::npos) return log;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ADD_FAILURE() << "no log line has " << text;
+    return log;
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+    fs::create_directories(fs::path(path).parent_path());
+    ASSERT_TRUE(base::WriteStringToFile(content, path)) << path;
+}
+
+std::string readFile(const std::string& path) {
+    std::string content;
+    return base::ReadFileToString(path, &content) ? content : "(no file)";
+}
+
+std::string stderrOf(const std::function<void()>& action) {
+    testing::internal::CaptureStderr();
+    action();
+    return testing::internal::GetCapturedStderr();
+}
+
+void loadRules(const std::string& xml) {
+    writeFile(configFilePath, xml);
+    Util::createMapFromConfig(configFilePath);
+}
+
+}  // namespace android::kus

@@ -1,0 +1,189 @@
+#include <android-base/file.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <mutex>
+#include <shared_mutex>
+#include <thread>
+
+#include "ku_service/KUsbService.h"
+#include "kus_test.h"
+#include "util/Util.h"
+#include "util/rule_tables.h"
+
+namespace fs = std::filesystem;
+
+namespace android::kus {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr char kGood[] =
+    "<usbconfig mode=\"whitelist\"><class>USB_CLASS_AUDIO</class></usbconfig>\n";
+constexpr char kBetter[] =
+    "<usbconfig mode=\"blacklist\"><class>USB_CLASS_VIDEO</class></usbconfig>\n";
+constexpr char kBad[] = "<usbconfig mode=\"sometimes\"/>\n";
+constexpr char kReset[] = "usb_host_reset entered:";
+constexpr char kParse[] = "I Admin usb_device_config.xml config file call parsing";
+
+/** The observer's thread, on the private directory and with the kernel's inotify. */
+class Observer {
+  public:
+    Observer() {
+        struct sigaction action = {};
+        action.sa_handler = [](int) {};
+        sigaction(SIGUSR1, &action, nullptr);
+        thread_ = std::thread([this] {
+            KUsbService::registerFileObserver(nullptr);
+            ended_ = true;
+        });
+    }
+
+    ~Observer() { end(); }
+
+    void interrupt() { pthread_kill(thread_.native_handle(), SIGUSR1); }
+
+    /** Takes its descriptor away, and makes it read again. */
+    void end() {
+        if (!thread_.joinable()) return;
+        for (const fs::directory_entry& fd : fs::directory_iterator("/proc/self/fd")) {
+            std::error_code gone;
+            if (fs::read_symlink(fd, gone) != "anon_inode:inotify") continue;
+            close(stoi(fd.path().filename().string()));
+            break;
+        }
+        while (!ended_) {
+            interrupt();
+            usleep(1000);
+        }
+        thread_.join();
+    }
+
+  private:
+    std::atomic<bool> ended_ = false;
+    std::thread thread_;
+};
+
+class ObserverTest : public KusTest {
+  protected:
+    ObserverTest() { takeLogUntil("registered successfully file observer"); }
+
+    Observer observer_;
+};
+
+TEST_F(ObserverTest, AGoodRewriteBecomesTheBackup) {
+    errorMessage = "INVALID MODE";
+    writeFile(configFilePath, kGood);
+    const auto log = takeLogUntil(kReset);
+    EXPECT_THAT(
+        log, Contains("I CLOSE_WRITE event triggered on filename " + std::string(configFilePath)));
+    const auto parsed = std::find(log.begin(), log.end(), "I Parsing status xml_parse_status 1");
+    ASSERT_NE(parsed, log.end());
+    EXPECT_EQ(parsed[1], "I Parsing success, so update status file and create backup");
+    EXPECT_EQ(parsed[2], "I updateErrorFile called with error message : SUCCESS");
+    EXPECT_EQ(parsed[3], "I  USB xml src path is " + std::string(configFilePath));
+    EXPECT_EQ(readFile(backupFilePath), kGood);
+    EXPECT_EQ(readFile(statusFilePath), "SUCCESS");
+    EXPECT_THAT(classList, ElementsAre(1));
+}
+
+TEST_F(ObserverTest, ABadRewriteIsUndoneAndKeepsItsStatus) {
+    writeFile(configFilePath, kGood);
+    takeLogUntil(kReset);
+    writeFile(configFilePath, kBad);
+    auto log = takeLogUntil("Parsing status xml_parse_status 1");
+    EXPECT_THAT(log, Contains("I Parsing failure, copying backup file content"));
+    // The next rewrite is an ordinary one again.
+    writeFile(configFilePath, kBetter);
+    const auto next = takeLogUntil(kReset);
+    log.insert(log.end(), next.begin(), next.end());
+    // One for the bad file, none for its restore, one for the last.
+    EXPECT_EQ(std::count_if(log.begin(), log.end(),
+                            [](const std::string& line) {
+                                return line.find("updateErrorFile called") != std::string::npos;
+                            }),
+              2);
+    EXPECT_EQ(std::count(log.begin(), log.end(), kParse), 3);
+    EXPECT_EQ(std::count(log.begin(), log.end(), std::string("I ") + kReset), 1);
+    EXPECT_EQ(readFile(backupFilePath), kBetter);
+    EXPECT_EQ(configMode, "blacklist");
+}
+
+TEST_F(ObserverTest, ABadRewriteAfterABadRewriteIsUndoneToo) {
+    writeFile(configFilePath, kGood);
+    takeLogUntil(kReset);
+    for (const char* bad : {kBad, "<broken"}) {
+        writeFile(configFilePath, bad);
+        takeLogUntil("Parsing status xml_parse_status 1");
+        EXPECT_EQ(readFile(configFilePath), kGood);
+        EXPECT_EQ(readFile(backupFilePath), kGood);
+    }
+    EXPECT_THAT(readFile(statusFilePath), StartsWith("Error=XML_ERROR_PARSING"));
+}
+
+TEST_F(ObserverTest, OtherFilesAndOtherEventsAreNoRewrite) {
+    writeFile(backupFilePath, kGood);
+    writeFile(std::string(configDirectory) + "/usb_device_config.xml.new", kGood);
+    // An event on the watched directory itself, which comes without a name.
+    chmod(configDirectory, 0700);
+    writeFile("/data/system/other", "");
+    writeFile(std::string(configDirectory) + "/end", "");
+    const auto log = takeLogUntil("filename /data/system/usbdeviceconfig/end");
+    EXPECT_THAT(log, Not(Contains(kParse)));
+    EXPECT_THAT(log, Contains(HasSubstr("usb_device_config_backup.xml")));
+    EXPECT_THAT(log, Not(Contains(HasSubstr("/data/system/other"))));
+}
+
+// While the first parse waits for the lock, the kernel collects what follows.
+TEST_F(ObserverTest, EventsThatComeInOneReadAreAllWalked) {
+    {
+        const std::shared_lock held(ruleTablesLock);
+        writeFile(configFilePath, kGood);
+        takeLogUntil(kParse + 2);
+        writeFile(std::string(configDirectory) + "/a", "");
+        writeFile(configFilePath, kBetter);
+        writeFile(std::string(configDirectory) + "/a_much_longer_name_than_the_others", "");
+        writeFile(configFilePath, kGood);
+        writeFile(std::string(configDirectory) + "/end", "");
+    }
+    const auto log = takeLogUntil("usbdeviceconfig/end");
+    EXPECT_EQ(std::count(log.begin(), log.end(), kParse), 2) << "besides the first";
+    EXPECT_THAT(log, Contains(HasSubstr("/a_much_longer_name_than_the_others")));
+    EXPECT_EQ(configMode, "whitelist");
+}
+
+TEST_F(ObserverTest, AnInterruptedReadGoesOnAndAFailedOneEndsTheThread) {
+    // Again and again: the thread may not be in its read yet.
+    std::thread interrupter([this] {
+        for (int i = 0; i < 20; ++i) {
+            observer_.interrupt();
+            usleep(10000);
+        }
+    });
+    takeLogUntil("(errno == EINTR)");
+    interrupter.join();
+    writeFile(configFilePath, kGood);
+    takeLogUntil(kReset);
+    observer_.end();
+    EXPECT_THAT(takeLog(), Contains("I Could not get read event, Bad file descriptor"));
+}
+
+TEST_F(KusTest, AnObserverWithoutADirectorySaysSo) {
+    fs::remove_all(configDirectory);
+    const Observer observer;
+    EXPECT_THAT(
+        takeLogUntil("Could not register INotify"),
+        ElementsAre("I No directory",
+                    std::string("E -1 < 0 Could not register INotify for") + configDirectory));
+}
+
+}  // namespace
+}  // namespace android::kus
