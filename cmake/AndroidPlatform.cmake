@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # What Debian packages of the Android platform: headers, libbase, liblog, libutils, libcutils.
 set(ANDROID_INCLUDE_DIR /usr/include/android)
 set(ANDROID_LIB_DIR /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/android)

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # Cross build for the virtual device: Debian's arm64 compiler and the :arm64 library packages.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)

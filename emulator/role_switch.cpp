@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "role_switch.h"
 
 #include <android-base/file.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "sysfs_devices.h"
 
 #include <android-base/file.h>

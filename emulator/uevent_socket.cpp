@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "uevent_socket.h"
 
 #include <android-base/logging.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A client of the daemon, for a person to see what clients see.
 #include <android/kus/BnKUsbServiceCallback.h>
 #include <android/kus/IKUsbService.h>

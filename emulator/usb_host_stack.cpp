@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The platform's part towards the daemon: asks it about every USB and input device that is
 // attached, tells it what is removed, and keeps refused input devices silent.
 #include <android-base/logging.h>

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # shellcheck shell=bash
 # Shared by the scripts beside it.
 repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -41,10 +43,10 @@ step() {
     printf '%4d s\n' $((SECONDS - start)) >&2
 }
 
-# build_native DIR SANITIZER: the unit tests, for this machine.
+# build_native DIR SANITIZER TARGET...: for this machine.
 build_native() {
-    cmake -G Ninja -S "$repo" -B "$repo/build/$1" -DKUS_SANITIZER="$2" &&
-        ninja -C "$repo/build/$1" unit_tests
+    local build=$repo/build/$1
+    cmake -G Ninja -S "$repo" -B "$build" -DKUS_SANITIZER="$2" && ninja -C "$build" "${@:3}"
 }
 
 build_for_device() {

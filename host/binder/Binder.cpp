@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <binder/Binder.h>
 #include <binder/BpBinder.h>
 #include <binder/Parcel.h>

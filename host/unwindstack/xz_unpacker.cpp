@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Debian's libbacktrace needs the xz unpacker of 7z.so, which Debian installs for the build machine
 // only. Its one use is to read compressed symbols (.gnu_debugdata). No binary that Debian or this
 // build makes has them, so this 7z.so refuses such data, and the unwinder goes on without.

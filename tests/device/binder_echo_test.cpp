@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The binder library and the service manager over the kernel's driver. The other ends of the calls
 // are processes of their own: this executable, run again in another role.
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A service manager that refuses every service, in place of the device's own.
 
 #include <binder/IPCThreadState.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "kus_test.h"
 
 #include <android-base/file.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "daemon/crash_handler.h"
 
 #include <android-base/logging.h>

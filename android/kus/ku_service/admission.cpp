@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ku_service/admission.h"
 
 #include <android-base/logging.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <android-base/logging.h>
 #include <android-base/unique_fd.h>
 #include <cutils/properties.h>
@@ -145,6 +146,22 @@ void undockAndDock(milliseconds wait) {
     requestDock();
 }
 
+/** Returns when the dock's power drops, or when the virtual dock is requested. */
+void pollDock() {
+    while (!UsbDevice::virtualDockDone) {
+        const std::string power = readDockPower();
+        LOG(INFO) << "readSysfsChangeEvent:polling for power_val " << kDcOnlinePath
+                  << "power_val:" << power;
+        if (isUndocked(power)) {
+            LOG(INFO) << "readSysfsChangeEvent: undocked power_val" << power;
+            requestDock();
+            return;
+        }
+        sleep_for(kDockPollInterval);
+    }
+    LOG(INFO) << "readSysfsChangeEvent:exit poll due to virtual dock";
+}
+
 }  // namespace
 
 std::mutex UsbDevice::hostResetMutex;
@@ -187,18 +204,7 @@ void* UsbDevice::registersysfsObserver(void*) {
 }
 
 void UsbDevice::readSysfsChangeEvent() {
-    while (!virtualDockDone) {
-        const std::string power = readDockPower();
-        LOG(INFO) << "readSysfsChangeEvent:polling for power_val " << kDcOnlinePath
-                  << "power_val:" << power;
-        if (isUndocked(power)) {
-            LOG(INFO) << "readSysfsChangeEvent: undocked power_val" << power;
-            requestDock();
-            pthread_exit(nullptr);
-        }
-        sleep_for(kDockPollInterval);
-    }
-    LOG(INFO) << "readSysfsChangeEvent:exit poll due to virtual dock";
+    pollDock();
     pthread_exit(nullptr);
 }
 

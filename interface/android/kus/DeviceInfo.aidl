@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 package android.kus;
 
 /** One attached device, as the platform describes it and as the service decided on it. */

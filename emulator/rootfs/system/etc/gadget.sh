@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # shellcheck shell=dash
 # Shared by plug, replug and unplug. A USB device is a configfs gadget (the kernel's
 # Documentation/usb/gadget_configfs.rst) on one of the ports dummy_udc.0 to dummy_udc.5, each of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // The two limits that <cutils/properties.h> takes from bionic's header of this name.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 package host.os;
 
 /** The context manager (handle 0): finds services by name. */
