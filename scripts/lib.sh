@@ -6,7 +6,7 @@ repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 # What the virtual device runs.
 # shellcheck disable=SC2034
-device_programs=(getprop setprop servicemanager kusd kusctl usb_host_stack usb_client)
+device_programs=(getprop setprop servicemanager kusd kusctl usb_host_stack)
 
 die() {
     echo "${0##*/}: $*" >&2
@@ -27,7 +27,8 @@ step() {
     log=$repo/build/log/${text//[^a-zA-Z0-9]/-}
     printf '%-60s' "$text" >&2
     if [[ -t 2 ]]; then
-        while sleep 1; do
+        # Ctrl-C ends this script and passes over what runs in the background.
+        while sleep 1 && kill -0 $$ 2>/dev/null; do
             printf '\r%-60s%4d s' "$text" $((SECONDS - start)) >&2
         done &
         ticker=$!

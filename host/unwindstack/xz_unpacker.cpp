@@ -16,8 +16,6 @@ int XzUnpacker_Code(void*, ...) {
     return kUnsupported;
 }
 
-int XzUnpacker_IsStreamWasFinished(const void*) {
-    return false;
-}
+int XzUnpacker_IsStreamWasFinished(const void*) { return false; }
 
 }  // extern "C"

@@ -607,7 +607,7 @@ TEST_F(BinderTest, FileDescriptorsAreClosedWithTheParcel) {
         ASSERT_EQ(data.writeDupFileDescriptor(file.get()), OK);
         file.reset();
         ASSERT_EQ(mEcho->transact(FD_TEXT, data, &reply), OK);
-        EXPECT_EQ(reply.readString16(), String16("binder_echo_tes\n"));
+        EXPECT_EQ(reply.readString16(), String16("binder_tests\n"));
     }
     EXPECT_TRUE(eventually([&] { return Holdings(mProcess->pid()).files == before.files; }));
 }
