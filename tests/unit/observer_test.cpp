@@ -84,7 +84,6 @@ class ObserverTest : public KusTest {
 };
 
 TEST_F(ObserverTest, AGoodRewriteBecomesTheBackup) {
-    errorMessage = "INVALID MODE";
     writeFile(configFilePath, kGood);
     const auto log = takeLogUntil(kReset);
     EXPECT_THAT(
@@ -117,6 +116,7 @@ TEST_F(ObserverTest, ABadRewriteIsUndoneAndKeepsItsStatus) {
               2);
     EXPECT_EQ(std::count(log.begin(), log.end(), kParse), 3);
     EXPECT_EQ(std::count(log.begin(), log.end(), std::string("I ") + kReset), 1);
+    EXPECT_EQ(readFile(statusFilePath), "SUCCESS");
     EXPECT_EQ(readFile(backupFilePath), kBetter);
     EXPECT_EQ(configMode, "blacklist");
 }
