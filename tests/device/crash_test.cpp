@@ -71,7 +71,8 @@ TEST_F(CrashTest, ASignalRestoresTheRules) {
         EXPECT_TRUE(isAllowed({8}));
         daemon_->kill(signal);
         expectRestored(signal);
-        EXPECT_THAT(contentOf(kLog), HasSubstr(" (main+"));
+        // The kernel picks the thread, so the rest of the stack is any thread's.
+        EXPECT_THAT(contentOf(kLog), HasSubstr("(android::kus::signalHandler(int, "));
     }
     expectDecidesUnderTheRestoredRules();
 }
