@@ -7,6 +7,7 @@
 #include <dirent.h>
 #include <limits.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -163,8 +164,11 @@ RoleWatch::~RoleWatch() {
     close(fd_);
 }
 
-// At once, because the next write comes 100 ms later.
+// Before the writer goes on, even on a busy machine: the next write comes 100 ms later.
 void RoleWatch::record() {
+    sched_param priority = {};
+    priority.sched_priority = 1;
+    pthread_setschedparam(pthread_self(), SCHED_FIFO, &priority);
     while (!done_) {
         pollfd events = {fd_, POLLIN, 0};
         poll(&events, 1, 100);
