@@ -25,9 +25,8 @@ auto firstNonHid(const DeviceInfo& device) {
 
 /** Brings the device-id map up to date, and tells whether the input subsystem is left to ask. */
 bool isLeftToInputSubsystem(const DeviceInfo& device) {
-    const auto nonHid = firstNonHid(device);
-    const bool onlyHid = nonHid == device.interfaceClassList.end();
-    if (!onlyHid) LOG(INFO) << "class is " << *nonHid << "not HID";
+    const bool onlyHid = hasOnlyHidInterfaces(device);
+    if (!onlyHid) LOG(INFO) << "class is " << *firstNonHid(device) << "not HID";
     UsbDevice::create_usb_device_map();
     if (!onlyHid || UsbDevice::check_vendor_hid(device.deviceId)) return false;
     LOG(INFO) << "The HID device is controlled by Input Subsystem  ";
