@@ -23,8 +23,27 @@ constexpr size_t kIntTextSize = 12;
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
-/** True when snprintf made a path of `length` bytes whole. */
-bool fitsPath(int length) { return length >= 1 && static_cast<size_t>(length) < kPathSize; }
+bool fitsPath(size_t length) { return length < kPathSize; }
+
+/**
+ * Makes the path of what lies `below` an entry, cut where it does not fit, and returns the length
+ * of the whole. A scan makes thousands of them: by snprintf they would be a tenth of its time.
+ */
+size_t entryPath(const char* d_name, const char* below, char (&path)[kPathSize]) {
+    constexpr size_t kStart = sizeof(kUsbDevicesPath);
+    const size_t nameLength = strlen(d_name);
+    const size_t length = kStart + nameLength + 1 + strlen(below);
+    if (!fitsPath(length)) {
+        snprintf(path, sizeof(path), "%s/%s/%s", kUsbDevicesPath, d_name, below);
+        return length;
+    }
+    memcpy(path, kUsbDevicesPath, kStart);
+    path[kStart - 1] = '/';
+    memcpy(path + kStart, d_name, nameLength);
+    path[kStart + nameLength] = '/';
+    strcpy(path + kStart + nameLength + 1, below);
+    return length;
+}
 
 /** Copies an entry's name; returns the length of the whole name. */
 size_t copyName(const char* d_name, char (&name)[kNameSize]) {
@@ -37,7 +56,7 @@ void warnTruncated(const char* d_name, const char* copy) {
 
 /** Copies the last component of a link's target; an unreadable link leaves `driver` as it is. */
 void readDriverLink(const char* path, char (&driver)[kNameSize]) {
-    char target[kPathSize] = {};
+    char target[kPathSize];
     const ssize_t length = readlink(path, target, sizeof(target));
     if (length < 0) return;
     target[static_cast<size_t>(length) < sizeof(target) - 1 ? length : 0] = '\0';
@@ -49,9 +68,9 @@ void readDriverLink(const char* path, char (&driver)[kNameSize]) {
  * Reads the driver of a device or interface entry. Returns the length of the link's path; nothing
  * was read when fitsPath() is false for it.
  */
-int readDriver(const char* d_name, char (&driver)[kNameSize]) {
+size_t readDriver(const char* d_name, char (&driver)[kNameSize]) {
     char path[kPathSize];
-    const int length = snprintf(path, sizeof(path), "%s/%s/driver", kUsbDevicesPath, d_name);
+    const size_t length = entryPath(d_name, "driver", path);
     if (fitsPath(length)) readDriverLink(path, driver);
     return length;
 }
@@ -76,8 +95,8 @@ record_list<usbdevice> UsbDevice::device_list;
 record_list<usbinterface> UsbDevice::interface_list;
 
 unsigned int UsbDevice::read_sysfs_file_int(const char* d_name, const char* file, int base) {
-    char path[kPathSize] = {};
-    snprintf(path, sizeof(path), "%s/%s/%s", kUsbDevicesPath, d_name, file);
+    char path[kPathSize];
+    entryPath(d_name, file, path);
     char text[kIntTextSize] = {};
     const unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
     if (!fd.ok() || read(fd.get(), text, sizeof(text) - 1) < 0) {
@@ -90,7 +109,7 @@ unsigned int UsbDevice::read_sysfs_file_int(const char* d_name, const char* file
 void UsbDevice::read_sysfs_file_string(const char* d_name, const char* file, char* buf, int len) {
     char path[kPathSize];
     buf[0] = '\0';
-    if (!fitsPath(snprintf(path, sizeof(path), "%s/%s/%s", kUsbDevicesPath, d_name, file))) return;
+    if (!fitsPath(entryPath(d_name, file, path))) return;
     const unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
     if (!fd.ok()) return;
     ssize_t length = read(fd.get(), buf, len);
@@ -138,7 +157,7 @@ void UsbDevice::add_usb_bus(const char* d_name) {
 
 void UsbDevice::get_roothub_driver(usbbusnode* bus, const char* d_name) {
     char path[kPathSize];
-    const int length = snprintf(path, sizeof(path), "%s/%s/../driver", kUsbDevicesPath, d_name);
+    const size_t length = entryPath(d_name, "../driver", path);
     if (fitsPath(length)) {
         readDriverLink(path, bus->driver);
     } else {
@@ -193,7 +212,7 @@ void UsbDevice::add_usb_device(const char* d_name) {
     device->rx_lanes = read_sysfs_file_int(d_name, "rx_lanes", 10);
     device->tx_lanes = read_sysfs_file_int(d_name, "tx_lanes", 10);
 
-    const int length = readDriver(d_name, device->driver);
+    const size_t length = readDriver(d_name, device->driver);
     if (!fitsPath(length)) {
         LOG(ERROR) << "Can not read driver link for " << d_name << ": " << d_name << length;
     }
@@ -229,7 +248,7 @@ void UsbDevice::add_usb_interface(const char* d_name) {
     interface->bInterfaceSubClass = read_sysfs_file_int(d_name, "bInterfaceSubClass", 16);
     interface->bNumEndpoints = read_sysfs_file_int(d_name, "bNumEndpoints", 16);
 
-    const int length = readDriver(d_name, interface->driver);
+    const size_t length = readDriver(d_name, interface->driver);
     if (!fitsPath(length) && verbose_trace) {
         LOG(INFO) << "Can not read driver link for d_name:" << d_name << "for: " << length;
     }
@@ -288,20 +307,19 @@ void UsbDevice::assign_dev_to_parent(usbdevice* d) {
 void UsbDevice::assign_interface_to_parent(usbdevice* d, usbinterface* i) {
     const char* colon = strchr(i->name, ':');
     if (colon == nullptr) return;
-    char prefix[kNameSize];
-    snprintf(prefix, sizeof(prefix), "%.*s", static_cast<int>(colon - i->name), i->name);
-    if (strcmp(prefix, d->name) == 0) {
+    const size_t length = colon - i->name;
+    if (strncmp(i->name, d->name, length) == 0 && d->name[length] == '\0') {
         i->parent = d;
         appendSibling(&d->first_interface, i);
         return;
     }
 
-    char* end;
-    const uint32_t busnum = strtoul(prefix, &end, 10);
-    if (end == prefix) return;
     // The configuration digit, not the port: a root hub's interface (1-0:1.0) has a 1 here, and so
     // is on no bus.
     if (colon[1] != '0') return;
+    char* end;
+    const uint32_t busnum = strtoul(i->name, &end, 10);
+    if (end == i->name) return;
     if (verbose_trace) {
         LOG(INFO) << " append_businterface usbdevice:" << d->name
                   << " for the interface:" << i->name << " and busnum:" << busnum;
