@@ -113,7 +113,7 @@ TEST_F(Admission, MatchAllowsInWhitelistModeAndBlocksInBlacklistMode) {
             attach();
             configMode = m.mode;
             classList = c.classes;
-            vidPidMap = c.vendors;
+            setVendors(c.vendors);
             EXPECT_EQ(isAllowed(c.device), m.allowed);
             const bool isInput = c.device.deviceType == 1;
             EXPECT_EQ(isAuthorized(), m.allowed || isInput);
@@ -129,7 +129,7 @@ TEST_F(Admission, MatchAllowsInWhitelistModeAndBlocksInBlacklistMode) {
 
 TEST_F(Admission, PlainHidDevicesAreLeftToTheInputSubsystem) {
     attach({std::string(kHidDirectory) + "/input"});
-    vidPidMap = {{1, -1}};
+    setVendors({{1, -1}});
     const sp<FakeClient> client = new FakeClient();
     service_->registerKusCallback(client);
     for (const char* mode : {"default", "whitelist", "blacklist"}) {
@@ -159,7 +159,7 @@ TEST_F(Admission, VendorSpecificHidDevicesAreDecidedByTheirVendor) {
     EXPECT_FALSE(isAllowed(usbDevice(kId, {3, 3}, 100)));
     EXPECT_FALSE(isAuthorized());
     attach({kHidDirectory});
-    vidPidMap = {{100, -1}};
+    setVendors({{100, -1}});
     EXPECT_TRUE(isAllowed(usbDevice(kId, {3, 3}, 100)));
     EXPECT_TRUE(isAuthorized());
     // Without a list of interfaces the device class is read as input sources.

@@ -48,9 +48,7 @@ KusTest::KusTest() {
     fs::create_directories(fs::path(configFilePath).parent_path());
 
     configMode = "default";
-    classList.clear();
-    classNameMap.clear();
-    vidPidMap.clear();
+    clearRules();
     errorMessage = "SUCCESS";
     xml_parse_status = false;
     UsbDevice::deviceid_map.clear();
@@ -98,6 +96,12 @@ std::string stderrOf(const std::function<void()>& action) {
 void loadRules(const std::string& xml) {
     writeFile(configFilePath, xml);
     Util::createMapFromConfig(configFilePath);
+}
+
+void setVendors(const std::multimap<int32_t, int32_t>& vendors) {
+    vidPidMap.clear();
+    lastWholeVendor.reset();
+    for (const auto& [vid, pid] : vendors) addVidPid(vid, pid);
 }
 
 }  // namespace android::kus

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -36,5 +37,8 @@ std::string stderrOf(const std::function<void()>& action);
 
 /** Loads rules from a file with this text. */
 void loadRules(const std::string& xml);
+
+/** Lists these vendors and products, and no others. */
+void setVendors(const std::multimap<int32_t, int32_t>& vendors);
 
 }  // namespace android::kus

@@ -71,7 +71,7 @@ TEST_F(RuleQueries, VendorIsListedWhenItOrAGreaterOneStandsForAllProducts) {
                  {{{100, 5}, {200, -1}}, 300, false}};
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.rules) + " " + std::to_string(c.vendor));
-        vidPidMap = c.rules;
+        setVendors(c.rules);
         EXPECT_EQ(Util::validateVid(c.vendor), c.listed);
         const std::string found = "I Found VID : " + std::to_string(c.vendor) +
                                   " without any pid associated inside admin config list.";
@@ -80,7 +80,7 @@ TEST_F(RuleQueries, VendorIsListedWhenItOrAGreaterOneStandsForAllProducts) {
 }
 
 TEST_F(RuleQueries, PairIsListedOnlyAsItStands) {
-    vidPidMap = {{100, 5}, {100, 7}, {200, -1}};
+    setVendors({{100, 5}, {100, 7}, {200, -1}});
     EXPECT_TRUE(Util::validateVidPid(100, 7));
     EXPECT_TRUE(Util::validateVidPid(200, -1));
     EXPECT_THAT(takeLog(),
@@ -89,7 +89,7 @@ TEST_F(RuleQueries, PairIsListedOnlyAsItStands) {
     EXPECT_FALSE(Util::validateVidPid(100, 6));
     EXPECT_FALSE(Util::validateVidPid(200, 7));
     EXPECT_FALSE(Util::validateVidPid(7, 100));
-    vidPidMap.clear();
+    setVendors({});
     EXPECT_FALSE(Util::validateVidPid(100, 7));
     EXPECT_THAT(takeLog(), IsEmpty());
 }

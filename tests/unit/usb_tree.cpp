@@ -5,8 +5,7 @@
 #include <android-base/strings.h>
 
 #include <filesystem>
-
-#include "kus_test.h"
+#include <fstream>
 
 namespace fs = std::filesystem;
 using android::base::StringPrintf;
@@ -33,7 +32,7 @@ void addEntry(const std::string& name, const Attributes& attributes) {
         if (attribute == "driver") {
             fs::create_symlink("../../../bus/usb/drivers/" + value, directory / attribute);
         } else {
-            writeFile(directory / attribute, value + "\n");
+            std::ofstream(directory / attribute) << value << '\n';
         }
     }
 }

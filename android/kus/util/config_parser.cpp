@@ -4,6 +4,7 @@
 #include <tinyxml2.h>
 
 #include <algorithm>
+#include <charconv>
 #include <mutex>
 
 #include "util/Util.h"
@@ -76,10 +77,10 @@ bool ConfigReader::readRules(const XMLElement& root) {
 }
 
 bool ConfigReader::readRule(const XMLElement& element) {
-    const std::string name = element.Value();
+    const std::string_view name = element.Value();
     if (name == "class") return readClass(element);
     if (name == "vid") return readVendor(element);
-    return reject(element, "INVALID TAG:" + name, "error in class value= ");
+    return reject(element, "INVALID TAG:" + std::string(name), "error in class value= ");
 }
 
 bool ConfigReader::readClass(const XMLElement& element) {
@@ -96,17 +97,20 @@ bool ConfigReader::readClass(const XMLElement& element) {
     return true;
 }
 
-// std::stoi throws on an id that does not fit and nothing catches it: the crash handler then brings
-// the last good rules back.
-void addVidPid(const std::string& vendorId, int32_t productId) {
-    vidPidMap.emplace(std::stoi(vendorId), productId);
+// An id that does not fit ends the process: the crash handler then brings the last good rules back.
+int32_t toId(const std::string& digits) {
+    int32_t id;
+    const char* end = digits.data() + digits.size();
+    if (std::from_chars(digits.data(), end, id).ec != std::errc()) abort();
+    return id;
 }
 
 bool ConfigReader::readVendor(const XMLElement& element) {
-    if (element.FindAttribute("vendorid") == nullptr) {
+    const tinyxml2::XMLAttribute* attribute = element.FindAttribute("vendorid");
+    if (attribute == nullptr) {
         return reject(element, "vendorid TAG NOT PRESENT", "error in ATTRIBUTE value= ");
     }
-    const std::string vendorId = element.Attribute("vendorid");
+    const std::string vendorId = attribute->Value();
     LOG(INFO) << "vendorid--" << vendorId;
     if (!Util::isValidNumber(vendorId)) {
         return reject(
@@ -118,24 +122,24 @@ bool ConfigReader::readVendor(const XMLElement& element) {
     if (firstProduct != nullptr) return readProducts(vendorId, firstProduct);
     // The line ends in the product id's text, which is empty for a whole vendor.
     LOG(INFO) << "pid value print in else--";
-    addVidPid(vendorId, ANY_PRODUCT);
+    addVidPid(toId(vendorId), ANY_PRODUCT);
     return true;
 }
 
 // From the first pid on, every element counts as a product id, whatever its name.
 bool ConfigReader::readProducts(const std::string& vendorId, const XMLElement* element) {
     for (; element != nullptr; element = element->NextSiblingElement()) {
-        const char* productId = element->GetText();
-        if (productId == nullptr) {
+        const char* text = element->GetText();
+        if (text == nullptr) {
             return reject(*element, "EMPTY PRODUCT ID VALUE", "error in pid val= ");
         }
+        const std::string productId = text;
         LOG(INFO) << "pid--" << productId;
         if (!Util::isValidNumber(productId)) {
-            return reject(*element, std::string("INVALID PRODUCT ID VALUE:") + productId,
-                          "error in pid val= ");
+            return reject(*element, "INVALID PRODUCT ID VALUE:" + productId, "error in pid val= ");
         }
         LOG(INFO) << "pid value print in while--" << productId;
-        addVidPid(vendorId, std::stoi(productId));
+        addVidPid(toId(vendorId), toId(productId));
     }
     return true;
 }
@@ -177,9 +181,7 @@ void Util::createMapFromConfig(const std::string& path) {
 void Util::readConfig(const std::string& path, const StatusWriter& writeStatus) {
     const std::unique_lock lock(ruleTablesLock);
     XMLDocument document(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE);
-    classList.clear();
-    classNameMap.clear();
-    vidPidMap.clear();
+    clearRules();
     const bool loaded = document.LoadFile(path.c_str()) == tinyxml2::XML_SUCCESS;
     xml_parse_status = false;
     ConfigReader reader(writeStatus);

@@ -33,13 +33,10 @@ bool Util::validateRestrictedClass(unsigned int code) {
 }
 
 bool Util::validateVid(int vid) {
-    const auto first = vidPidMap.lower_bound(vid);
-    if (first == vidPidMap.end() || first->first != vid) return false;
-    // The walk goes past the vendor's own entries on purpose: a greater vendor that is listed
-    // without products makes this one match as a whole.
-    const auto any = std::find_if(first, vidPidMap.end(),
-                                  [](const auto& entry) { return entry.second == ANY_PRODUCT; });
-    if (any == vidPidMap.end()) return false;
+    if (vidPidMap.count(vid) == 0) return false;
+    // A greater vendor counts on purpose: when it is listed without products, this one matches as
+    // a whole.
+    if (lastWholeVendor < vid) return false;
     LOG(INFO) << "Found VID : " << vid << " without any pid associated inside admin config list.";
     return true;
 }

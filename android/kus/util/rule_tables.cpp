@@ -20,9 +20,23 @@ std::string configMode = "default";
 std::vector<int32_t> classList;
 std::map<int32_t, std::string> classNameMap;
 std::multimap<int32_t, int32_t> vidPidMap;
+std::optional<int32_t> lastWholeVendor;
 std::string errorMessage = "SUCCESS";
 const std::vector<int32_t> restrictedClasses = {0x00, 0x03, 0x09, 0xEF, 0xFE, 0xFF};
 const std::map<int32_t, std::string> inputSourceNames = inputSourceRows();
 bool xml_parse_status = false;
+
+void addVidPid(int32_t vid, int32_t pid) {
+    // Most files are sorted by vendor, and then the hint saves the search.
+    vidPidMap.emplace_hint(vidPidMap.end(), vid, pid);
+    if (pid == ANY_PRODUCT && lastWholeVendor < vid) lastWholeVendor = vid;
+}
+
+void clearRules() {
+    classList.clear();
+    classNameMap.clear();
+    vidPidMap.clear();
+    lastWholeVendor.reset();
+}
 
 }  // namespace android::kus

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 #include <vector>
@@ -31,8 +32,17 @@ extern std::vector<int32_t> classList;
 /** Class code to the name that first gave it. */
 extern std::map<int32_t, std::string> classNameMap;
 
-/** Vendor id to product id, or to ANY_PRODUCT. */
+/** Vendor id to product id, or to ANY_PRODUCT. Filled by addVidPid alone. */
 extern std::multimap<int32_t, int32_t> vidPidMap;
+
+/** The greatest vendor id that vidPidMap lists with ANY_PRODUCT, if there is one. */
+extern std::optional<int32_t> lastWholeVendor;
+
+/** Lists a product, or ANY_PRODUCT, after what is listed of its vendor. */
+void addVidPid(int32_t vid, int32_t pid);
+
+/** Empties the three collections of rules. */
+void clearRules();
 
 /**
  * "SUCCESS", or why the parser rejected a file. Like xml_parse_status it is used only by the one
