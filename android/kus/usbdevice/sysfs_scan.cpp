@@ -7,6 +7,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <new>
 
 #include "usbdevice/UsbDevice.h"
@@ -45,9 +46,11 @@ size_t entryPath(const char* d_name, const char* below, char (&path)[kPathSize])
     return length;
 }
 
-/** Copies an entry's name; returns the length of the whole name. */
-size_t copyName(const char* d_name, char (&name)[kNameSize]) {
-    return static_cast<size_t>(snprintf(name, sizeof(name), "%s", d_name));
+/** Copies what fits of a name into a zeroed field, and returns the length of the whole. */
+size_t copyName(const char* name, char (&field)[kNameSize]) {
+    const size_t length = strlen(name);
+    memcpy(field, name, std::min(length, kNameSize - 1));
+    return length;
 }
 
 void warnTruncated(const char* d_name, const char* copy) {
@@ -61,7 +64,7 @@ void readDriverLink(const char* path, char (&driver)[kNameSize]) {
     if (length < 0) return;
     target[static_cast<size_t>(length) < sizeof(target) - 1 ? length : 0] = '\0';
     const char* slash = strrchr(target, '/');
-    if (slash != nullptr) snprintf(driver, sizeof(driver), "%s", slash + 1);
+    if (slash != nullptr) copyName(slash + 1, driver);
 }
 
 /**
