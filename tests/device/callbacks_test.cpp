@@ -97,10 +97,6 @@ class CountedCallback : public BnKUsbServiceCallback {
 };
 std::atomic<int> CountedCallback::alive = 0;
 
-long residentKilobytes(pid_t pid) {
-    return atol(shell("sed -n 's/^VmRSS://p' /proc/" + std::to_string(pid) + "/status").c_str());
-}
-
 TEST_F(CallbacksTest, RegistrationsThatComeAndGoLeakNothing) {
     const pid_t daemon = daemonPid();
     const auto comeAndGo = [](int times) {

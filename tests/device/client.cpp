@@ -13,6 +13,9 @@ namespace {
 
 constexpr char kSelf[] = "/proc/self/exe";
 constexpr char kClientRole[] = "--client";
+constexpr char kCallerRole[] = "--caller";
+
+constexpr auto kCallingTime = 1s;
 
 class PrintingCallback : public BnKUsbServiceCallback {
     binder::Status onDeviceAdded(const DeviceInfo& device) override {
@@ -41,15 +44,35 @@ int runClient(int registrations) {
     return 0;
 }
 
+int runCaller() {
+    const sp<IKUsbService> kus = service();
+    puts("ready");
+    getchar();
+    int calls = 0;
+    for (const auto end = std::chrono::steady_clock::now() + kCallingTime;
+         std::chrono::steady_clock::now() < end; ++calls) {
+        std::vector<DeviceInfo> devices;
+        kus->getDeviceList(&devices);
+    }
+    printf("%d\n", calls);
+    return 0;
+}
+
 }  // namespace
 
 int runAsClient(int argc, char** argv) {
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    return argc == 3 && strcmp(argv[1], kClientRole) == 0 ? runClient(atoi(argv[2])) : -1;
+    if (argc == 3 && strcmp(argv[1], kClientRole) == 0) return runClient(atoi(argv[2]));
+    if (argc == 2 && strcmp(argv[1], kCallerRole) == 0) return runCaller();
+    return -1;
 }
 
 Client::Client(int registrations) : Process({kSelf, kClientRole, std::to_string(registrations)}) {
     EXPECT_EQ(line(), "registered");
 }
+
+Caller::Caller() : Process({kSelf, kCallerRole}) { EXPECT_EQ(line(), "ready"); }
+
+int Caller::callsPerSecond() { return stoi(line()) / kCallingTime.count(); }
 
 }  // namespace android::kus

@@ -104,6 +104,12 @@ bool isAllowed(const std::vector<int>& interfaceClasses) {
 
 pid_t daemonPid() { return atoi(shell("pidof kusd || true").c_str()); }
 
+// Not VmRSS, which may lag behind by 64 pages a thread (proc(5)).
+long residentKilobytes(pid_t pid) {
+    return atol(
+        shell("sed -n 's/^Rss://p' /proc/" + std::to_string(pid) + "/smaps_rollup").c_str());
+}
+
 void awaitDaemon() {
     EXPECT_TRUE(eventually([] {
         return !shell("grep -l '^inotify' /proc/$(pidof kusd)/fdinfo/* 2>/dev/null || true")

@@ -48,6 +48,9 @@ bool isAllowed(const std::vector<int>& interfaceClasses);
 /** Pid of the running daemon; 0 while there is none. */
 pid_t daemonPid();
 
+/** Resident memory of a process, in KiB. */
+long residentKilobytes(pid_t pid);
+
 /** Waits until the daemon is there and watches the rules file. */
 void awaitDaemon();
 

@@ -39,7 +39,15 @@ class Client : public Process {
     explicit Client(int registrations);
 };
 
-/** Runs this executable as a Client, when its arguments say so; -1 when not. */
+/** A process of its own that, once poked, calls getDeviceList for a second. */
+class Caller : public Process {
+  public:
+    Caller();
+    /** Waits for its end. */
+    int callsPerSecond();
+};
+
+/** Runs this executable as one of these, when its arguments say so; -1 when not. */
 int runAsClient(int argc, char** argv);
 
 }  // namespace android::kus
