@@ -26,16 +26,16 @@ double median(std::vector<double> values) {
 }  // namespace
 
 void compare(benchmark::State& state, const Baseline& baseline, const std::function<void()>& run) {
-    std::vector<double> baselineTimes, ratios;
+    std::vector<double> baselineTimes, times, ratios;
     for (auto _ : state) {
         baselineTimes.push_back(secondsOf(baseline.run));
-        const double time = secondsOf(run);
-        state.SetIterationTime(time);
-        ratios.push_back(time / baselineTimes.back());
+        times.push_back(secondsOf(run));
+        state.SetIterationTime(times.back());
+        ratios.push_back(times.back() / baselineTimes.back());
     }
     const double ratio = median(ratios);
-    std::string label = base::StringPrintf("%.2f x %s (%.0f us)", ratio, baseline.name,
-                                           median(baselineTimes) * 1e6);
+    std::string label = base::StringPrintf("%.0f us, %.2f x %s (%.0f us)", median(times) * 1e6,
+                                           ratio, baseline.name, median(baselineTimes) * 1e6);
     if (baseline.target) {
         label += base::StringPrintf(", target %.2f: %s", *baseline.target,
                                     ratio <= *baseline.target ? "met" : "MISSED");

@@ -18,8 +18,8 @@ struct Baseline {
 
 /**
  * Times an action and its baseline in turns, so that whatever slows the machine slows both. The
- * benchmark must use manual time, which is the action's; its label tells the median of the ratios
- * of neighbours, and whether a target is met.
+ * benchmark must use manual time, which is the action's; its label tells the medians of both times
+ * and of the ratios of neighbours, and whether a target is met.
  */
 void compare(benchmark::State& state, const Baseline& baseline, const std::function<void()>& run);
 

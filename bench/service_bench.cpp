@@ -19,19 +19,24 @@ class RemoteCallback : public BnKUsbServiceCallback {
     status_t linkToDeath(const sp<DeathRecipient>&, void*, uint32_t) override { return OK; }
 };
 
+DeviceInfo stick(int id) {
+    DeviceInfo device;
+    device.deviceName = "stick";
+    device.deviceId = id;
+    device.interfaceClassList = {8};
+    device.vendorId = 1;
+    return device;
+}
+
 /** addDeviceList with this many clients, by way of a decision on a machine without USB. */
 void notify(benchmark::State& state) {
     makeMachineWithoutUsb();
     loadRules("<vid vendorid=\"1\"/>");
     const sp<KUsbService> service = new KUsbService();
     for (int i = 0; i < state.range(0); ++i) service->registerKusCallback(new RemoteCallback());
-    DeviceInfo device;
-    device.deviceId = 1002;
-    device.interfaceClassList = {8};
-    device.vendorId = 1;
     for (auto _ : state) {
         bool allowed;
-        service->isDeviceAllowed(device, &allowed);
+        service->isDeviceAllowed(stick(1002), &allowed);
         mUsbDeviceInfoList.clear();
     }
 }
@@ -44,9 +49,8 @@ void dumpToNull(benchmark::State& state, const Vector<String16>& args) {
 }
 
 void dump(benchmark::State& state) {
-    const UsbMachine machine(1, 3);
     for (int i = 0; i < state.range(0); ++i) {
-        mUsbDeviceInfoList.emplace(i, std::make_unique<DeviceInfo>(machine.lastDevice()));
+        mUsbDeviceInfoList.emplace(i, std::make_unique<DeviceInfo>(stick(i)));
     }
     dumpToNull(state, {});
     mUsbDeviceInfoList.clear();

@@ -72,6 +72,7 @@ void readAttribute(const char* path) {
 void readDirectory(const char* path, bool toTheEnd) {
     char entries[32768];
     const int fd = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) PLOG(FATAL) << path;
     while (syscall(SYS_getdents64, fd, entries, sizeof(entries)) > 0 && toTheEnd) continue;
     close(fd);
 }

@@ -12,8 +12,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,6 +26,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "process.h"
 
 namespace {
 
@@ -50,20 +50,13 @@ using android::UNKNOWN_TRANSACTION;
 using android::Vector;
 using android::wp;
 using android::base::unique_fd;
+using android::kus::eventually;
+using android::kus::Process;
+using android::kus::residentKilobytes;
 
 constexpr char kEchoRole[] = "--echo";
 constexpr char kClientRole[] = "--client";
 constexpr auto kPatience = 20s;
-
-template <class Condition>
-bool eventually(Condition condition) {
-    const auto end = std::chrono::steady_clock::now() + kPatience;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(10ms);
-    }
-    return true;
-}
 
 class Counter : public IBinder::DeathRecipient {
   public:
@@ -223,28 +216,10 @@ int runClient(const char* name) {
     return 1;
 }
 
-/** Another process in one of the roles; killed with this object. */
-class Process {
+/** This executable in one of the roles, in a process of its own. */
+class RoleProcess : public Process {
   public:
-    Process(const char* role, const char* name) {
-        const char* argv[] = {"binder_echo_test", role, name, nullptr};
-        EXPECT_EQ(posix_spawn(&mPid, "/proc/self/exe", nullptr, nullptr, const_cast<char**>(argv),
-                              environ),
-                  0);
-    }
-    ~Process() { kill(); }
-
-    void kill() {
-        if (mPid <= 0) return;
-        ::kill(mPid, SIGKILL);
-        waitpid(mPid, nullptr, 0);
-        mPid = 0;
-    }
-
-    pid_t pid() const { return mPid; }
-
-  private:
-    pid_t mPid = 0;
+    RoleProcess(const char* role, const char* name) : Process({"/proc/self/exe", role, name}) {}
 };
 
 class BinderTest : public testing::Test {
@@ -254,7 +229,7 @@ class BinderTest : public testing::Test {
     void SetUp() override {
         // The last test's service may be known until the service manager has heard of its death.
         ASSERT_TRUE(eventually([] { return checkService(kName) == nullptr; }));
-        mProcess = std::make_unique<Process>(kEchoRole, kName);
+        mProcess = std::make_unique<RoleProcess>(kEchoRole, kName);
         mEcho = android::defaultServiceManager()->waitForService(String16(kName));
         ASSERT_NE(mEcho, nullptr);
     }
@@ -408,43 +383,7 @@ struct Holdings {
     }
 };
 
-long residentKilobytes(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(strlen("VmRSS:")));
-    }
-    return -1;
-}
-
-/**
- * Caller and callee on one CPU. They take turns anyway, and two emulated CPUs that meet at a lock
- * of the driver's hold each other up for long where the machine below has other things to do.
- */
-class ManyCallsTest : public BinderTest {
-  protected:
-    void SetUp() override {
-        ASSERT_EQ(sched_getaffinity(0, sizeof(mCpus), &mCpus), 0);
-        cpu_set_t one;
-        CPU_ZERO(&one);
-        CPU_SET(sched_getcpu(), &one);
-        runOn(one);
-        BinderTest::SetUp();
-    }
-
-    void TearDown() override { runOn(mCpus); }
-
-  private:
-    static void runOn(const cpu_set_t& cpus) {
-        for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
-            const pid_t tid = std::stoi(thread.path().filename());
-            EXPECT_EQ(sched_setaffinity(tid, sizeof(cpus), &cpus), 0);
-        }
-    }
-
-    cpu_set_t mCpus;
-};
-
-TEST_F(ManyCallsTest, RegisteringAndUnregisteringLeavesNothingBehind) {
+TEST_F(BinderTest, RegisteringAndUnregisteringLeavesNothingBehind) {
     class Callback : public BBinder {
       public:
         explicit Callback(std::atomic<int>* alive) : mAlive(alive) { ++*mAlive; }
@@ -509,7 +448,7 @@ TEST_F(BinderTest, ProxyThatComesAndGoesInManyThreadsKeepsItsNotice) {
     const sp<IBinder> listener = reply.readStrongBinder();
     const sp<Counter> recipient = new Counter;
     ASSERT_EQ(listener->linkToDeath(recipient), OK);
-    mProcess->kill();
+    mProcess->kill(SIGKILL);
     EXPECT_TRUE(eventually([&] { return recipient->deaths == 1; }));
 }
 
@@ -526,7 +465,7 @@ TEST_F(BinderTest, DeathReachesEveryLinkOnce) {
     EXPECT_EQ(mEcho->unlinkToDeath(unlinked), OK);
     EXPECT_EQ(mEcho->unlinkToDeath(unlinked), NAME_NOT_FOUND);
 
-    mProcess->kill();
+    mProcess->kill(SIGKILL);
     EXPECT_TRUE(eventually([&] { return twice->deaths == 2 && once->deaths == 1; }));
     EXPECT_EQ(unlinked->deaths, 0);
     EXPECT_FALSE(mEcho->isBinderAlive());
@@ -543,7 +482,7 @@ TEST_F(BinderTest, UnlinkByCookieNamesTheRecipient) {
     wp<IBinder::DeathRecipient> unlinked;
     EXPECT_EQ(mEcho->unlinkToDeath(nullptr, &cookie, 0, &unlinked), OK);
     EXPECT_EQ(unlinked, recipient);
-    mProcess->kill();
+    mProcess->kill(SIGKILL);
     EXPECT_TRUE(eventually([&] { return mEcho->pingBinder() == DEAD_OBJECT; }));
     EXPECT_EQ(recipient->deaths, 0);
 }
@@ -554,10 +493,10 @@ TEST_F(BinderTest, KilledClientIsNoticedOncePerLink) {
         Parcel reply;
         return mEcho->transact(DEATHS, data, &reply) == OK ? reply.readInt32() : -1;
     };
-    Process client(kClientRole, kName);
+    RoleProcess client(kClientRole, kName);
     ASSERT_NE(android::defaultServiceManager()->waitForService(String16("test.client")), nullptr);
     EXPECT_EQ(deaths(), 0);
-    client.kill();
+    client.kill(SIGKILL);
     EXPECT_TRUE(eventually([&] { return deaths() == 2; })) << deaths();
     EXPECT_TRUE(eventually([&] { return checkService("test.client") == nullptr; }));
 }
@@ -565,7 +504,7 @@ TEST_F(BinderTest, KilledClientIsNoticedOncePerLink) {
 TEST_F(BinderTest, CallInProgressEndsWithTheCallee) {
     std::thread killer([&] {
         std::this_thread::sleep_for(200ms);
-        mProcess->kill();
+        mProcess->kill(SIGKILL);
     });
     Parcel data;
     Parcel reply;
@@ -659,10 +598,10 @@ TEST_F(BinderTest, VectorThatTheDataCannotHoldIsRefused) {
 }
 
 /** Calls that no generated code would make; each must come back, with whatever status. */
-class MalformedCallTest : public ManyCallsTest {
+class MalformedCallTest : public BinderTest {
   protected:
     void SetUp() override {
-        ManyCallsTest::SetUp();
+        BinderTest::SetUp();
         Parcel data;
         Parcel reply;
         ASSERT_EQ(mEcho->transact(LISTENER, data, &reply), OK);
@@ -761,16 +700,16 @@ TEST_F(BinderTest, ServiceManagerKeepsTheLastServiceOfAName) {
     EXPECT_EQ(checkService(kName), mEcho);
     ASSERT_EQ(addService(std::string(127, 'n').c_str(), mEcho), OK);
 
-    Process second(kEchoRole, "test.echo-2/second_one");
+    RoleProcess second(kEchoRole, "test.echo-2/second_one");
     const sp<IBinder> other =
         android::defaultServiceManager()->waitForService(String16("test.echo-2/second_one"));
     ASSERT_NE(other, nullptr);
     ASSERT_EQ(addService(kName, other), OK);
     EXPECT_EQ(checkService(kName), other);
-    mProcess->kill();
+    mProcess->kill(SIGKILL);
     EXPECT_TRUE(eventually([] { return checkService(std::string(127, 'n')) == nullptr; }));
     EXPECT_EQ(checkService(kName), other) << "the first one's death is not the second one's";
-    second.kill();
+    second.kill(SIGKILL);
     EXPECT_TRUE(eventually([] { return checkService(kName) == nullptr; }));
 }
 
@@ -793,7 +732,7 @@ TEST_F(BinderTest, ServiceManagerListsByDumpPriority) {
 }
 
 TEST(ServiceManagerTest, GetServiceWaitsForALateOne) {
-    Process late(kEchoRole, "test.late");
+    RoleProcess late(kEchoRole, "test.late");
     EXPECT_NE(android::defaultServiceManager()->getService(String16("test.late")), nullptr);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(android::defaultServiceManager()->getService(String16("test.never")), nullptr);

@@ -73,6 +73,6 @@ Client::Client(int registrations) : Process({kSelf, kClientRole, std::to_string(
 
 Caller::Caller() : Process({kSelf, kCallerRole}) { EXPECT_EQ(line(), "ready"); }
 
-int Caller::callsPerSecond() { return stoi(line()) / kCallingTime.count(); }
+int Caller::callsPerSecond() { return atoi(line().c_str()) / kCallingTime.count(); }
 
 }  // namespace android::kus

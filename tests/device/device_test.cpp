@@ -50,15 +50,6 @@ std::string shell(const std::string& command) {
 
 bool fullRun() { return getenv("KUS_FULL_RUN") != nullptr; }
 
-bool eventually(const std::function<bool()>& condition, std::chrono::seconds timeout) {
-    const auto end = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(20ms);
-    }
-    return true;
-}
-
 std::string contentOf(const std::string& path) {
     std::string content;
     base::ReadFileToString(path, &content);
@@ -103,12 +94,6 @@ bool isAllowed(const std::vector<int>& interfaceClasses) {
 }
 
 pid_t daemonPid() { return atoi(shell("pidof kusd || true").c_str()); }
-
-// Not VmRSS, which may lag behind by 64 pages a thread (proc(5)).
-long residentKilobytes(pid_t pid) {
-    return atol(
-        shell("sed -n 's/^Rss://p' /proc/" + std::to_string(pid) + "/smaps_rollup").c_str());
-}
 
 void awaitDaemon() {
     EXPECT_TRUE(eventually([] {

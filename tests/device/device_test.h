@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "process.h"
+
 namespace android::kus {
 
 using namespace std::chrono_literals;
@@ -22,9 +24,6 @@ std::string shell(const std::string& command);
 
 /** Whether the long random runs are wanted in full: KUS_FULL_RUN is set. */
 bool fullRun();
-
-/** Polls until the condition holds; false when it does not in time. */
-bool eventually(const std::function<bool()>& condition, std::chrono::seconds timeout = 30s);
 
 /** The content of a file without white space around it; empty when it cannot be read. */
 std::string contentOf(const std::string& path);
@@ -47,9 +46,6 @@ bool isAllowed(const std::vector<int>& interfaceClasses);
 
 /** Pid of the running daemon; 0 while there is none. */
 pid_t daemonPid();
-
-/** Resident memory of a process, in KiB. */
-long residentKilobytes(pid_t pid);
 
 /** Waits until the daemon is there and watches the rules file. */
 void awaitDaemon();

@@ -9,9 +9,30 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
+#include <fstream>
+#include <thread>
 #include <utility>
 
 namespace android::kus {
+
+bool eventually(const std::function<bool()>& condition, std::chrono::seconds timeout) {
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+// Not VmRSS, which is inaccurate (proc(5)): the kernel adds up a thread's pages in batches.
+long residentKilobytes(pid_t pid) {
+    std::ifstream rollup("/proc/" + std::to_string(pid) + "/smaps_rollup");
+    for (std::string line; std::getline(rollup, line);) {
+        if (line.rfind("Rss:", 0) == 0) return std::stol(line.substr(strlen("Rss:")));
+    }
+    return -1;
+}
 
 Process::Process(std::vector<std::string> command) {
     int output[2], input[2];

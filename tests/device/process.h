@@ -3,10 +3,19 @@
 
 #include <sys/types.h>
 
+#include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
 namespace android::kus {
+
+/** Polls until the condition holds; false when it does not in time. */
+bool eventually(const std::function<bool()>& condition,
+                std::chrono::seconds timeout = std::chrono::seconds(30));
+
+/** Resident memory of a process, in KiB. */
+long residentKilobytes(pid_t pid);
 
 /** A child process, its standard input and output in the test's hands. Killed at the end. */
 class Process {
@@ -20,6 +29,7 @@ class Process {
     /** Gives it a line to read. */
     void poke();
     void kill(int signal);
+    pid_t pid() const { return pid_; }
     /** Waits for its end: what it exits with, or minus the signal that it dies of. */
     int exitStatus();
 
@@ -43,7 +53,7 @@ class Client : public Process {
 class Caller : public Process {
   public:
     Caller();
-    /** Waits for its end. */
+    /** Waits for the count; 0 when none comes. */
     int callsPerSecond();
 };
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/logging.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <tinyxml2.h>
 
 #include <algorithm>
@@ -77,10 +78,10 @@ bool ConfigReader::readRules(const XMLElement& root) {
 }
 
 bool ConfigReader::readRule(const XMLElement& element) {
-    const std::string_view name = element.Value();
+    const std::string name = element.Value();
     if (name == "class") return readClass(element);
     if (name == "vid") return readVendor(element);
-    return reject(element, "INVALID TAG:" + std::string(name), "error in class value= ");
+    return reject(element, "INVALID TAG:" + name, "error in class value= ");
 }
 
 bool ConfigReader::readClass(const XMLElement& element) {

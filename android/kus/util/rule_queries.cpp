@@ -33,7 +33,7 @@ bool Util::validateRestrictedClass(unsigned int code) {
 }
 
 bool Util::validateVid(int vid) {
-    if (vidPidMap.count(vid) == 0) return false;
+    if (vidPidMap.find(vid) == vidPidMap.end()) return false;
     // A greater vendor counts on purpose: when it is listed without products, this one matches as
     // a whole.
     if (lastWholeVendor < vid) return false;

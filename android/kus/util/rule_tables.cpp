@@ -27,7 +27,7 @@ const std::map<int32_t, std::string> inputSourceNames = inputSourceRows();
 bool xml_parse_status = false;
 
 void addVidPid(int32_t vid, int32_t pid) {
-    // Most files are sorted by vendor, and then the hint saves the search.
+    // Spares a file that is sorted by vendor the search.
     vidPidMap.emplace_hint(vidPidMap.end(), vid, pid);
     if (pid == ANY_PRODUCT && lastWholeVendor < vid) lastWholeVendor = vid;
 }
