@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <charconv>
 #include <mutex>
+#include <string_view>
 
 #include "util/Util.h"
 #include "util/rule_tables.h"
@@ -78,10 +79,10 @@ bool ConfigReader::readRules(const XMLElement& root) {
 }
 
 bool ConfigReader::readRule(const XMLElement& element) {
-    const std::string name = element.Value();
+    const std::string_view name = element.Value();
     if (name == "class") return readClass(element);
     if (name == "vid") return readVendor(element);
-    return reject(element, "INVALID TAG:" + name, "error in class value= ");
+    return reject(element, "INVALID TAG:" + std::string(name), "error in class value= ");
 }
 
 bool ConfigReader::readClass(const XMLElement& element) {
