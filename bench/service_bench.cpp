@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <android-base/logging.h>
 #include <android-base/unique_fd.h>
 #include <android/kus/BnKUsbServiceCallback.h>
 #include <benchmark/benchmark.h>
