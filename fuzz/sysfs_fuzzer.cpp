@@ -26,7 +26,7 @@ namespace {
 using base::unique_fd;
 
 constexpr size_t kMostEntries = 128;
-constexpr size_t kMostDevices = 4;
+constexpr size_t kMostDevices = 2;  // each costs a scan
 constexpr size_t kDeepest = 5;
 
 /**
