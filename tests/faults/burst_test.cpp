@@ -156,6 +156,34 @@ TEST_F(Bursts, OfTwo) { tryAll(2, fullRun() ? 300 : 3); }
 
 TEST_F(Bursts, OfThree) { tryAll(3, fullRun() ? 300 : 2); }
 
+// Some of them come between the first load of the rules and the watch.
+TEST_F(Bursts, AroundAStart) {
+    std::mt19937 random(1);
+    settleOn(goodRules(0));
+    const auto begin = steady_clock::now();
+    bringUp();
+    const auto span = std::chrono::duration_cast<microseconds>(steady_clock::now() - begin).count();
+    for (int i = 1; i <= (fullRun() ? 500 : 40); ++i) {
+        microseconds wait(random() % (2 * span));
+        if (i % 4) {
+            start();
+        } else {
+            // Slow to open its rules, so that they are rewritten between its watch and its look at
+            // them.
+            start({"strace", "-D", "-f", "-o", "/dev/null", "-P", configFilePath,
+                   "--inject=openat:delay_exit=20000"});
+            awaitStart();
+            wait = microseconds(0);
+        }
+        SCOPED_TRACE("after " + std::to_string(wait.count()) + " us of " + std::to_string(span));
+        std::this_thread::sleep_for(wait);
+        const Rules rules = i % 2 ? otherGoodRules(i) : goodRules(i);
+        writeRules(rules);
+        EXPECT_TRUE(awaitStart() && settle());
+        expectInForce(rules);
+    }
+}
+
 /** The parameter is the file system below the configuration directory. */
 class Crashes : public LocalDaemonTest, public testing::WithParamInterface<const char*> {
   protected:

@@ -109,7 +109,10 @@ class FaultPoints : public LocalDaemonTest {
 
 std::vector<Call> FaultPoints::run(const Scenario& scenario, const std::string& injection) {
     std::vector<std::string> strace = {"strace", "-f", "-y", "-s", "0", "-o", kTrace};
-    for (const char* path : {configDirectory, configFilePath, backupFilePath, statusFilePath}) {
+    for (const std::string& path :
+         {configDirectory + std::string(), configFilePath + std::string(),
+          configFilePath + std::string(".new"), backupFilePath + std::string(),
+          statusFilePath + std::string()}) {
         strace.insert(strace.end(), {"-P", path});
     }
     if (!injection.empty()) strace.push_back("--inject=" + injection);
