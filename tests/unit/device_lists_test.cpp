@@ -15,6 +15,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
+using testing::StartsWith;
 using testing::UnorderedElementsAre;
 
 /** The mode is "default": every device that is asked about is recorded. */
@@ -172,6 +173,22 @@ TEST_F(DeviceLists, EveryRegistrationIsToldWhateverAnotherReturns) {
     EXPECT_THAT(
         takeLog(),
         Contains(sending + address(static_cast<IKUsbServiceCallback*>(second.get()))).Times(2));
+}
+
+// As when the client's buffer is full. A dead one's registration is about to go.
+TEST_F(DeviceLists, ALostNoticeIsAnErrorInTheLog) {
+    client_->callStatus = FAILED_TRANSACTION;
+    const sp<FakeClient> dead = new FakeClient();
+    service_->registerKusCallback(dead);
+    takeLog();
+    add(usbDevice(1, {8}));
+    remove(usbDevice(1, {8}));
+    std::vector<std::string> errors;
+    for (const std::string& line : takeLog()) {
+        if (line[0] == 'E') errors.push_back(line);
+    }
+    EXPECT_THAT(errors, ElementsAre(StartsWith("E Could not give onDeviceAdded to client 0x"),
+                                    StartsWith("E Could not give onDeviceRemoved to client 0x")));
 }
 
 TEST_F(DeviceLists, ClientMayCallTheServiceFromItsCallback) {
