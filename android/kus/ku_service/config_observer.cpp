@@ -188,19 +188,18 @@ void* KUsbService::registerFileObserver(void*) {
 
 void KUsbService::readFileChangeEvent() {
     while (true) {
-        if (!readEvents()) {
-            if (errno == EINTR) {
-                LOG(INFO) << "(errno == EINTR)";
-                continue;
-            }
-            LOG(INFO) << "Could not get read event, " << strerror(errno);
-            return;
-        }
+        // The start may have queued some already, while it looked for a rewrite without an event.
         while (!events.empty()) {
             const FileEvent event = std::move(events.front());
             events.pop_front();
             handleEvent(event);
         }
+        if (readEvents()) continue;
+        if (errno != EINTR) {
+            LOG(INFO) << "Could not get read event, " << strerror(errno);
+            return;
+        }
+        LOG(INFO) << "(errno == EINTR)";
     }
 }
 
