@@ -117,7 +117,7 @@ class CrashDeferred {
 
 bool empty(Destination* file) {
     if (file->fd.ok()) {
-        return ftruncate(file->fd.get(), 0) == 0 && lseek(file->fd.get(), 0, SEEK_SET) == 0;
+        return lseek(file->fd.get(), 0, SEEK_SET) == 0 && ftruncate(file->fd.get(), 0) == 0;
     }
     file->fd.reset(open(file->path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
     file->opened = file->fd.ok();
