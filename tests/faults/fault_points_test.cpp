@@ -19,14 +19,15 @@ namespace {
 using testing::HasSubstr;
 
 constexpr char kTrace[] = "/data/trace";
-const std::string kKill = "signal=SIGKILL";
+constexpr char kKill[] = "signal=SIGKILL";
 
-const Rules kBefore = goodRules(1);
-const Rules kAfter = otherGoodRules(2);
+const Rules kBefore = makeRules(kGood, 1);
+const Rules kAfter = makeRules(kOtherGood, 2);
+const Rules kNoFile = {"no file", "(no file)", "", ""};
 const Rules kDefault = {
-    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<usbconfig mode=\"default\">\n</usbconfig>",
-    "111"};
-const Rules kNone = {contentOf("/none"), ""};
+    "default",
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<usbconfig mode=\"default\">\n</usbconfig>", "111",
+    "SUCCESS"};
 
 /** A system call on one of the daemon's files, as strace shows it. */
 struct Call {
@@ -37,8 +38,13 @@ struct Call {
 
     bool has(const std::string& text) const { return line.find(text) != std::string::npos; }
     bool isOn(const std::string& path) const { return has(path + '"') || has(path + '>'); }
-    bool truncates(const std::string& path) const {
-        return (has("O_TRUNC") || name == "ftruncate") && isOn(path);
+    bool truncates() const { return has("O_TRUNC") || name == "ftruncate"; }
+
+    /** True where a failure loses a part of the rules file or of the backup. */
+    bool writesRules() const {
+        static const std::regex names("write|fsync|fdatasync");
+        return (isOn(configFilePath) || isOn(backupFilePath)) &&
+               (truncates() || std::regex_match(name, names));
     }
 
     /** The errors that it can meet with. */
@@ -50,13 +56,6 @@ struct Call {
         // watch the daemon lives on the rules of its start.
         if (name == "close" || name == "inotify_add_watch") return {};
         return {"EIO"};
-    }
-
-    /** True where a failure loses a part of the rules file or of the backup. */
-    bool writesRules() const {
-        static const std::regex names("write|fsync|fdatasync|ftruncate|rename.*");
-        return (isOn(configFilePath) || isOn(backupFilePath)) &&
-               (has("O_TRUNC") || std::regex_match(name, names));
     }
 };
 
@@ -72,15 +71,30 @@ std::vector<Call> readTrace() {
     return calls;
 }
 
+/** Lines at level ERROR, apart from those of a stack trace. */
+int countErrors(const std::string& log) {
+    const std::vector<std::string> lines = base::Split(log, "\n");
+    return std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+        return base::StartsWith(line, "local_kusd E ") &&
+               line.find("crash_handler.cpp") == std::string::npos;
+    });
+}
+
+const Rules* find(const std::string& content, const std::vector<Rules>& candidates) {
+    for (const Rules& rules : candidates) {
+        if (rules.isIn(content)) return &rules;
+    }
+    return nullptr;
+}
+
 /** What happens to the daemon, and what may stand in its files wherever it stops. */
 struct Scenario {
     const char* name;
-    std::vector<Rules> rules;
-    std::vector<Rules> backups;
-    /** A daemon that runs on kBefore is attached to; else one is started with this done before. */
-    bool running;
+    std::vector<Rules> rules, backups;
+    /** Done to a daemon that runs on kBefore, or before one is started. */
+    bool whileItRuns;
     std::function<void()> act;
-    /** How it ends by itself; by default it goes on until the test kills it. */
+    /** How it ends by itself; else it goes on until it is killed. */
     int end = -SIGKILL;
     const char* argument = nullptr;
 };
@@ -94,31 +108,26 @@ class FaultPoints : public LocalDaemonTest {
   private:
     std::vector<Call> run(const Scenario& scenario, const std::string& injection = "");
     void tryPoint(const Scenario& scenario, const Call& call, const std::string& fault);
-    void expectAgreement(const Scenario& scenario, const Call& call);
-    void expectRestart(const Scenario& scenario);
 
-    /** As it was at the end of a run: the daemon is gone by then. */
-    bool settled_ = false;
-    int exitStatus_ = 0;
-    std::string decisions_;
-    std::string log_;
+    /** Of the last run, whose daemon is gone. */
+    bool settled_;
+    int end_;
+    std::string decisions_, log_;
 
-    int undisturbedErrors_ = 0;
+    int undisturbedErrors_;
     int windows_ = 0;
 };
 
 std::vector<Call> FaultPoints::run(const Scenario& scenario, const std::string& injection) {
     std::vector<std::string> strace = {"strace", "-f", "-y", "-s", "0", "-o", kTrace};
-    for (const std::string& path :
-         {configDirectory + std::string(), configFilePath + std::string(),
-          configFilePath + std::string(".new"), backupFilePath + std::string(),
-          statusFilePath + std::string()}) {
-        strace.insert(strace.end(), {"-P", path});
+    for (const char* path : {"", "/usb_device_config.xml", "/usb_device_config.xml.new",
+                             "/usb_device_config_backup.xml", "/status.txt"}) {
+        strace.insert(strace.end(), {"-P", std::string(configDirectory) + path});
     }
     if (!injection.empty()) strace.push_back("--inject=" + injection);
 
     std::unique_ptr<Process> tracer;
-    if (scenario.running) {
+    if (scenario.whileItRuns) {
         settleOn(kBefore);
         strace.insert(strace.begin(), {"sh", "-c", "exec \"$@\" 2>&1", "sh"});
         strace.insert(strace.end(), {"-p", std::to_string(daemon_->pid())});
@@ -132,9 +141,9 @@ std::vector<Call> FaultPoints::run(const Scenario& scenario, const std::string& 
         strace.push_back("-D");
         start(strace, scenario.argument);
     }
-    settled_ = (scenario.running || awaitStart()) && settle();
+    settled_ = (scenario.whileItRuns || awaitStart()) && settle();
     decisions_ = settled_ ? decisions() : "";
-    exitStatus_ = settled_ ? -SIGKILL : exitStatus();
+    end_ = settled_ ? -SIGKILL : exitStatus();
     log_ = log();
     kill();
     if (tracer) tracer->exitStatus();
@@ -142,147 +151,110 @@ std::vector<Call> FaultPoints::run(const Scenario& scenario, const std::string& 
     return readTrace();
 }
 
-/** Lines at level ERROR, apart from those of a stack trace. */
-int countErrors(const std::string& log) {
-    const std::vector<std::string> lines = base::Split(log, "\n");
-    return std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
-        return base::StartsWith(line, "local_kusd E ") &&
-               line.find("crash_handler.cpp") == std::string::npos;
-    });
-}
-
 void FaultPoints::tryAll(const Scenario& scenario) {
     const std::vector<Call> calls = run(scenario);
-    EXPECT_EQ(exitStatus_, scenario.end);
+    EXPECT_EQ(end_, scenario.end);
+    EXPECT_FALSE(calls.empty());
     undisturbedErrors_ = countErrors(log_);
-    int killed = 0, failed = 0;
+    int errors = 0;
     for (const Call& call : calls) {
         tryPoint(scenario, call, kKill);
-        ++killed;
         for (const std::string& error : call.errors()) {
             tryPoint(scenario, call, "error=" + error);
-            ++failed;
+            ++errors;
         }
     }
-    printf("%s: killed at %d points, %d of them in the window that remains; %d errors\n",
-           scenario.name, killed, windows_, failed);
-    EXPECT_GT(killed, 0);
-}
-
-bool isOneOf(const std::string& content, const std::vector<Rules>& texts) {
-    return std::any_of(texts.begin(), texts.end(),
-                       [&](const Rules& rules) { return rules.isIn(content); });
+    printf("%s: killed at %zu points, %d of them in the window that remains; %d errors\n",
+           scenario.name, calls.size(), windows_, errors);
 }
 
 void FaultPoints::tryPoint(const Scenario& scenario, const Call& call, const std::string& fault) {
     SCOPED_TRACE(fault + " at " + std::to_string(call.number) + ": " + call.line);
+    const bool killed = fault == kKill;
     const std::vector<Call> calls =
         run(scenario, call.name + ':' + fault + ":when=" + std::to_string(call.number));
-    if (fault == kKill) {
-        EXPECT_TRUE(!settled_ && exitStatus_ == -SIGKILL) << "it was not killed";
-    } else if (!settled_) {
-        EXPECT_EQ(exitStatus_, scenario.end);
+    EXPECT_THAT(contentOf(kTrace), HasSubstr(killed ? "killed by SIGKILL" : "(INJECTED)"));
+    if (killed || !settled_) {
+        EXPECT_EQ(end_, killed ? -SIGKILL : scenario.end);
     }
-    bool inWindow = false;
+    EXPECT_FALSE(killed && settled_);
+
+    const std::string found = contentOf(configFilePath);
     for (const char* path : {configFilePath, backupFilePath}) {
-        // Killed between the truncation and the one write that fills the file again.
-        if (fault == kKill && calls.size() > 1 && calls.back().name == "write" &&
-            calls[calls.size() - 2].truncates(path)) {
-            inWindow = true;
+        // Between the truncation of the file and the one write that fills it again.
+        if (killed && calls.size() > 1 && calls.back().name == "write" && calls.back().isOn(path) &&
+            calls[calls.size() - 2].truncates()) {
+            ++windows_;
             continue;
         }
-        const std::string content = contentOf(path);
-        EXPECT_TRUE(isOneOf(content, path == configFilePath ? scenario.rules : scenario.backups))
-            << path << ": " << gist(content);
+        EXPECT_TRUE(
+            find(contentOf(path), path == configFilePath ? scenario.rules : scenario.backups))
+            << path << " has " << gist(contentOf(path));
     }
-    windows_ += inWindow;
-    if (fault != kKill) expectAgreement(scenario, call);
-    expectRestart(scenario);
-}
+    const Rules* rules = find(found, scenario.rules);
+    const bool accepted = rules && rules->accepted();
+    if (settled_ && accepted) {
+        EXPECT_EQ(decisions_, rules->decisions);
+    }
+    if (!killed && !scenario.argument && call.writesRules()) {
+        EXPECT_GT(countErrors(log_), undisturbedErrors_) << "it is not logged";
+    }
 
-void FaultPoints::expectAgreement(const Scenario& scenario, const Call& call) {
-    if (call.writesRules() && !scenario.argument) {
-        EXPECT_GT(countErrors(log_), undisturbedErrors_) << "the failure is not logged";
-    }
-    if (!settled_) return;
-    for (const Rules& rules : scenario.rules) {
-        if (rules.isIn(contentOf(configFilePath)) && rules.accepted()) {
-            EXPECT_EQ(decisions_, rules.decisions);
-        }
-    }
-}
-
-void FaultPoints::expectRestart(const Scenario& scenario) {
     if (scenario.argument) {
         start({}, scenario.argument);
         EXPECT_EQ(exitStatus(), 0);
     }
-    const std::string found = contentOf(configFilePath);
     bringUp();
-    for (const Rules& rules : scenario.rules) {
-        if (rules.isIn(found) && rules.accepted()) expectInForce(rules);
-    }
+    if (accepted) expectInForce(*rules);
 }
 
 TEST_F(FaultPoints, OfAStart) {
-    tryAll({"start", {kAfter}, {kBefore, kAfter}, false, [&] {
-                writeRules(kAfter);
-                writeFile(backupFilePath, kBefore.copy());
-            }});
+    const auto act = [&] {
+        writeRules(kAfter);
+        writeFile(backupFilePath, kBefore.copy());
+    };
+    tryAll({"start", {kAfter}, {kBefore, kAfter}, false, act});
 }
 
 TEST_F(FaultPoints, OfStartupTasks) {
-    tryAll({"run-startup-tasks",
-            {kNone, kDefault},
-            {kNone},
-            false,
-            [] {
-                remove(configFilePath);
-                remove(backupFilePath);
-            },
-            0,
-            "run-startup-tasks"});
+    const auto act = [] {
+        remove(configFilePath);
+        remove(backupFilePath);
+    };
+    const char* argument = "run-startup-tasks";
+    tryAll({argument, {kNoFile, kDefault}, {kNoFile}, false, act, 0, argument});
 }
 
 TEST_F(FaultPoints, OfAGoodRewrite) {
-    tryAll(
-        {"good rewrite", {kAfter, kBefore}, {kBefore, kAfter}, true, [&] { writeRules(kAfter); }});
+    const std::vector<Rules> either = {kAfter, kBefore};
+    tryAll({"good rewrite", either, either, true, [&] { writeRules(kAfter); }});
 }
 
 TEST_F(FaultPoints, OfARefusedRewriteAndItsRestore) {
-    const Rules refused = unknownElement(3);
-    tryAll({"refused rewrite and restore", {refused, kBefore}, {kBefore}, true, [&] {
-                writeRules(refused);
-            }});
+    const Rules refused = makeRules(kUnknownElement, 3);
+    const auto act = [&] { writeRules(refused); };
+    tryAll({"refused rewrite and restore", {refused, kBefore}, {kBefore}, true, act});
 }
 
 TEST_F(FaultPoints, OfACrash) {
-    tryAll({"crash",
-            {kBefore},
-            {kBefore},
-            true,
-            [&] {
-                daemon_->kill(SIGSEGV);
-                eventually([&] { return ended(); }, std::chrono::seconds(5));
-            },
-            SIGSEGV});
+    const auto act = [&] {
+        daemon_->kill(SIGSEGV);
+        eventually([&] { return ended(); }, std::chrono::seconds(5));
+    };
+    tryAll({"crash", {kBefore}, {kBefore}, true, act, SIGSEGV});
 }
 
 TEST_F(FaultPoints, OfACrashInTheParser) {
-    const Rules refused = numberTooLarge(3);
-    tryAll({"crash in the parser",
-            {refused, kBefore},
-            {kBefore},
-            true,
-            [&] { writeRules(refused); },
-            SIGABRT});
+    const Rules refused = makeRules(kNumberTooLarge, 3);
+    const auto act = [&] { writeRules(refused); };
+    tryAll({"crash in the parser", {refused, kBefore}, {kBefore}, true, act, SIGABRT});
 }
 
 // The kernel writes what still fits, and only then fails.
 TEST_F(FaultPoints, OfAFullDisk) {
     ASSERT_EQ(mount("small", configDirectory, "tmpfs", 0, "size=128k"), 0);
     settleOn(kBefore);
-    const Rules larger = otherGoodRules(2, 200);
+    const Rules larger = makeRules(kOtherGood, 2, 200);
     struct statvfs disk;
     ASSERT_EQ(statvfs(configDirectory, &disk), 0);
     // Room for the administrator's file, none for its copy.
@@ -291,11 +263,10 @@ TEST_F(FaultPoints, OfAFullDisk) {
               std::string((disk.f_bavail - growth) * disk.f_bsize, 'x'));
     writeRules(larger);
     EXPECT_TRUE(settle());
-    EXPECT_TRUE(larger.isIn(contentOf(configFilePath))) << gist(contentOf(configFilePath));
-    EXPECT_TRUE(kBefore.isIn(contentOf(backupFilePath))) << gist(contentOf(backupFilePath));
+    EXPECT_TRUE(kBefore.copy() == contentOf(backupFilePath)) << gist(contentOf(backupFilePath));
     EXPECT_EQ(decisions(), larger.decisions);
     EXPECT_GT(countErrors(log()), 0);
-    writeRules(unknownElement(3));
+    writeRules(makeRules(kUnknownElement, 3));
     EXPECT_TRUE(settle());
     EXPECT_TRUE(kBefore.isIn(contentOf(configFilePath))) << gist(contentOf(configFilePath));
     EXPECT_EQ(decisions(), kBefore.decisions);

@@ -19,29 +19,25 @@ constexpr char kLog[] = "/data/kusd.log";
 constexpr char kMark[] = "/data/system/usbdeviceconfig/mark";
 constexpr std::chrono::seconds kPatience(8);
 
-std::string rulesText(const char* mode, const char* elements, int serial, int padding) {
+}  // namespace
+
+Rules makeRules(int kind, int serial, int padding) {
+    static const struct {
+        const char *name, *mode, *elements, *decisions, *status;
+    } kinds[] = {
+        {"good", "whitelist", "<class>USB_CLASS_AUDIO</class>", "100", "SUCCESS"},
+        {"other good", "blacklist", "<class>USB_CLASS_VIDEO</class>", "110", "SUCCESS"},
+        {"unknown element", "whitelist", "<class>USB_CLASS_MASS_STORAGE</class><foo/>", "",
+         "INVALID TAG:foo"},
+        // The daemon that init starts then accepts what this one has restored.
+        {"number too large", "whitelist", "<vid vendorid=\"99999999999\"/>", "", "SUCCESS"},
+    };
+    if (kind == kEmpty) return {"empty", "", "", "Error=XML_ERROR_EMPTY_DOCUMENT"};
+    const auto& [name, mode, elements, decisions, status] = kinds[kind];
     std::string text = std::string("<usbconfig mode=\"") + mode + "\">\n";
     text += "<!-- " + std::to_string(serial) + " -->\n";
     for (int i = 0; i < padding; ++i) text += "<!-- " + std::string(90, 'x') + " -->\n";
-    return text + elements + "\n</usbconfig>";
-}
-
-}  // namespace
-
-Rules goodRules(int serial, int padding) {
-    return {rulesText("whitelist", "<class>USB_CLASS_AUDIO</class>", serial, padding), "100"};
-}
-
-Rules otherGoodRules(int serial, int padding) {
-    return {rulesText("blacklist", "<class>USB_CLASS_VIDEO</class>", serial, padding), "110"};
-}
-
-Rules unknownElement(int serial) {
-    return {rulesText("whitelist", "<class>USB_CLASS_MASS_STORAGE</class><foo/>", serial, 100), ""};
-}
-
-Rules numberTooLarge(int serial) {
-    return {rulesText("whitelist", "<vid vendorid=\"99999999999\"/>", serial, 100), ""};
+    return {name, text + elements + "\n</usbconfig>", decisions, status};
 }
 
 std::string contentOf(const std::string& path) {
@@ -72,7 +68,7 @@ void LocalDaemonTest::start(const std::vector<std::string>& wrapper, const char*
     command.push_back(LOCAL_KUSD_PATH);
     if (argument) command.push_back(argument);
     writeFile(kLog, "");
-    settled_ = 0;
+    seen_ = 0;
     daemon_ = std::make_unique<Process>(command);
 }
 
@@ -88,6 +84,32 @@ void LocalDaemonTest::bringUp() {
     ADD_FAILURE() << "the daemon does not start: it ended with " << exitStatus();
 }
 
+size_t LocalDaemonTest::awaitInLog(const std::string& text, size_t from) {
+    const auto deadline = steady_clock::now() + kPatience;
+    while (true) {
+        const bool last = ended() || steady_clock::now() > deadline;
+        const size_t at = log(from).find(text);
+        if (at != std::string::npos) return from + at + text.size();
+        if (last) return std::string::npos;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+// A mark's event comes after those of all that was written before it. What the daemon wrote while
+// it handled these comes before the next mark.
+bool LocalDaemonTest::settle() {
+    const auto deadline = steady_clock::now() + kPatience;
+    while (steady_clock::now() < deadline) {
+        writeFile(kMark, "");
+        const size_t from = seen_;
+        seen_ = awaitInLog(kMark, from);
+        if (seen_ == std::string::npos) return false;
+        const std::string handled = log(from).substr(0, seen_ - from);
+        if (handled.find("call parsing") == std::string::npos) return true;
+    }
+    return false;
+}
+
 int LocalDaemonTest::exitStatus() {
     if (!eventually([this] { return ended(); }, kPatience)) ADD_FAILURE() << "it does not end";
     kill();
@@ -101,42 +123,16 @@ void LocalDaemonTest::kill() {
     daemon_.reset();
 }
 
-size_t LocalDaemonTest::awaitInLog(const std::string& text, size_t from) {
-    const auto deadline = steady_clock::now() + kPatience;
-    while (true) {
-        const bool last = ended() || steady_clock::now() > deadline;
-        const size_t at = log(from).find(text);
-        if (at != std::string::npos) return from + at + text.size();
-        if (last) return std::string::npos;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-}
-
-// A mark is seen after all that was written before it; what the daemon wrote while it handled that
-// comes before the next mark.
-bool LocalDaemonTest::settle() {
-    const auto deadline = steady_clock::now() + kPatience;
-    while (steady_clock::now() < deadline) {
-        writeFile(kMark, "");
-        const size_t from = settled_;
-        settled_ = awaitInLog(kMark, from);
-        if (settled_ == std::string::npos) return false;
-        const std::string seen = log(from).substr(0, settled_ - from);
-        if (seen.find("call parsing") == std::string::npos) return true;
-    }
-    return false;
+std::string LocalDaemonTest::decisions() {
+    if (ended()) return "(no daemon)";
+    daemon_->tell("1 8 14");
+    return daemon_->line();
 }
 
 std::string LocalDaemonTest::log(size_t from) {
     std::ifstream file(kLog);
     file.seekg(from);
     return {std::istreambuf_iterator<char>(file), {}};
-}
-
-std::string LocalDaemonTest::decisions() {
-    if (ended()) return "(no daemon)";
-    daemon_->tell("1 8 14");
-    return daemon_->line();
 }
 
 void LocalDaemonTest::settleOn(const Rules& rules) {
@@ -147,17 +143,12 @@ void LocalDaemonTest::settleOn(const Rules& rules) {
 }
 
 void LocalDaemonTest::expectInForce(const Rules& rules) {
-    for (const char* path : {configFilePath, backupFilePath}) {
-        const std::string content = contentOf(path);
-        EXPECT_TRUE(path == configFilePath ? rules.isIn(content) : rules.copy() == content)
-            << path << ": " << gist(content);
-    }
+    const std::string found = contentOf(configFilePath);
+    const std::string backup = contentOf(backupFilePath);
+    EXPECT_TRUE(rules.isIn(found)) << "the rules file has " << gist(found);
+    EXPECT_TRUE(rules.copy() == backup) << "the backup has " << gist(backup);
     EXPECT_EQ(contentOf(statusFilePath), "SUCCESS");
     EXPECT_EQ(decisions(), rules.decisions);
-}
-
-int LocalDaemonTest::failures() {
-    return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
 }
 
 }  // namespace android::kus
