@@ -207,19 +207,21 @@ TEST_F(ObserverTest, WithoutABackupARestoreIsTriedOnceASecond) {
 
 // The kernel drops what its queue has no room for, and says just that it did.
 TEST_F(ObserverTest, ARewriteWhoseEventIsLostIsFound) {
-    {
-        const std::shared_lock held(ruleTablesLock);
-        writeFile(configFilePath, kGood);
-        takeLogUntil(kParse + 2);
-        std::ifstream limit("/proc/sys/fs/inotify/max_queued_events");
-        int events;
-        ASSERT_TRUE(limit >> events);
-        for (int i = 0; i < events; ++i) {
-            close(open(configDirectory, O_RDONLY | O_CLOEXEC));
-            close(open(configFilePath, O_RDONLY | O_CLOEXEC));
-        }
-        writeFile(configFilePath, kBetter);
+    std::ifstream limit("/proc/sys/fs/inotify/max_queued_events");
+    int events;
+    ASSERT_TRUE(limit >> events);
+    // Keeps the observer waiting.
+    ASSERT_EQ(mkfifo(statusFilePath, 0600), 0);
+    writeFile(configFilePath, kGood);
+    takeLogUntil("updateErrorFile called");
+    for (int i = 0; i < events; ++i) {
+        close(open(configDirectory, O_RDONLY | O_CLOEXEC));
+        close(open(configFilePath, O_RDONLY | O_CLOEXEC));
     }
+    writeFile(configFilePath, kBetter);
+    const int fifo = open(statusFilePath, O_RDWR | O_CLOEXEC);
+    fs::remove(statusFilePath);
+    close(fifo);
     takeLogUntil(kReset);
     takeLogUntil(kReset);
     EXPECT_EQ(readFile(backupFilePath), kBetter);
