@@ -319,6 +319,14 @@ TEST_F(WireTest, CallsThatEveryObjectTakes) {
     EXPECT_EQ(service_->transact(0x5f444d50 /* _DMP */, dump, &reply), OK);
     EXPECT_EQ(service_->number, 5);
     EXPECT_EQ(service_->lastArgument, String16("x"));
+
+    // A count of arguments that are not there, and a byte that cannot be one.
+    Parcel cut;
+    cut.writeFileDescriptor(6);
+    cut.writeInt32(INT32_MAX);
+    cut.setDataSize(cut.dataSize() + 1);
+    EXPECT_EQ(service_->transact(0x5f444d50, cut, &reply), OK);
+    EXPECT_EQ(service_->number, 6);
 }
 
 /** Answers every call with the same bytes. */
@@ -392,6 +400,12 @@ TEST_F(WireTest, RequestsThatAreRefused) {
         Parcel data, reply;
         write(&data, c.request);
         EXPECT_EQ(service_->transact(1, data, &reply), c.status) << c.what;
+    }
+    // A record that ends in its list, which claims to be longer.
+    for (const char* count : {"03000000", "00001000", "ffffff7f"}) {
+        Parcel data, reply;
+        write(&data, token + digits(kDevice).substr(0, 64) + count + "08000000");
+        EXPECT_EQ(service_->transact(5, data, &reply), BAD_VALUE) << count;
     }
 }
 
