@@ -50,14 +50,9 @@ build_native() {
     cmake -G Ninja -S "$repo" -B "$build" -DKUS_SANITIZER="$2" && ninja -C "$build" "${@:3}"
 }
 
-# build_arm64 DIR SANITIZER TARGET...: for the virtual device, whose kernel all builds share.
+# build_arm64 DIR SANITIZER TARGET...: for the virtual device.
 build_arm64() {
-    local build=$repo/build/$1
-    cmake -G Ninja -S "$repo" -B "$build" -DKUS_SANITIZER="$2" \
-        -DCMAKE_TOOLCHAIN_FILE="$repo/cmake/arm64.cmake" || return
-    mkdir -p "$repo/build/arm64/device"
-    [[ $1 == arm64 ]] || ln -sfn ../arm64/device "$build/device"
-    ninja -C "$build" "${@:3}"
+    CMAKE_TOOLCHAIN_FILE=$repo/cmake/arm64.cmake build_native "$@"
 }
 
 build_for_device() {

@@ -386,17 +386,6 @@ TEST_F(BinderTest, PoolGrowsWithParallelCalls) {
     EXPECT_EQ(met, kCalls);
 }
 
-TEST_F(BinderTest, OnewayCallDoesNotWaitForItsEnd) {
-    Parcel data;
-    Parcel reply;
-    data.writeInt32(2);
-    const auto start = std::chrono::steady_clock::now();
-    ASSERT_EQ(mEcho->transact(MEET, data, nullptr, IBinder::FLAG_ONEWAY), OK);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, kPatience / 2);
-    ASSERT_EQ(mEcho->transact(MEET, data, &reply), OK);
-    EXPECT_TRUE(reply.readBool());
-}
-
 TEST_F(BinderTest, OnewayCallsComeInOrderAndOneAtATime) {
     // Makes the pool grow, so that there are threads to overtake one another.
     std::atomic<bool> done = false;
@@ -413,6 +402,7 @@ TEST_F(BinderTest, OnewayCallsComeInOrderAndOneAtATime) {
         if (status == OK) sent.push_back(number);
         return status;
     };
+    // None of them waits for its end: the receiver goes on after 50 of them only.
     for (int i = 0; i < 2000; ++i) {
         if (i % 200 == 100) mProcess->kill(SIGSTOP);
         if (i % 200 == 150) mProcess->kill(SIGCONT);
