@@ -221,7 +221,7 @@ status_t Parcel::finishWrite(size_t len) {
 void* Parcel::writeInplace(size_t len) {
     if (!isLength(len) || growData(padded(len)) != OK) return nullptr;
     uint8_t* place = mData + mDataPos;
-    memset(place + len, 0, padded(len) - len);
+    if (len < padded(len)) memset(place + len, 0, padded(len) - len);
     finishWrite(padded(len));
     return place;
 }
