@@ -70,9 +70,17 @@ std::string Process::line(int timeoutMs) {
     return line;
 }
 
-void Process::poke() { EXPECT_EQ(write(input_, "\n", 1), 1); }
+void Process::tell(const std::string& line) {
+    const std::string text = line + '\n';
+    EXPECT_EQ(write(input_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+}
 
 void Process::kill(int signal) { ::kill(pid_, signal); }
+
+bool Process::ended() const {
+    siginfo_t end = {};
+    return waitid(P_PID, pid_, &end, WEXITED | WNOHANG | WNOWAIT) == 0 && end.si_pid == pid_;
+}
 
 int Process::exitStatus() {
     int status = 0;

@@ -27,9 +27,11 @@ class Process {
     /** The next line that it prints; empty when none comes in time. */
     std::string line(int timeoutMs = 30000);
     /** Gives it a line to read. */
-    void poke();
+    void tell(const std::string& line);
+    void poke() { tell(""); }
     void kill(int signal);
     pid_t pid() const { return pid_; }
+    bool ended() const;
     /** Waits for its end: what it exits with, or minus the signal that it dies of. */
     int exitStatus();
 

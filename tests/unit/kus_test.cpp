@@ -22,7 +22,8 @@ namespace android::kus {
 namespace {
 
 std::mutex logLock;
-std::vector<std::string> logLines;
+// Never destroyed: an observer and a reset outlive the tests.
+auto& logLines = *new std::vector<std::string>;
 
 void captureLog(base::LogId, base::LogSeverity severity, const char*, const char*, unsigned int,
                 const char* text) {

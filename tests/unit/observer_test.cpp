@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/file.h>
+#include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -15,7 +16,8 @@
 #include <thread>
 
 #include "ku_service/KUsbService.h"
-#include "kus_test.h"
+#include "service_test.h"
+#include "usb_tree.h"
 #include "usbdevice/UsbDevice.h"
 #include "util/Util.h"
 #include "util/rule_tables.h"
@@ -241,6 +243,72 @@ TEST_F(ObserverTest, RulesDoNotWaitForAReset) {
     writeFile(configFilePath, kGood);
     const auto log = takeLogUntil(kReset);
     EXPECT_EQ(std::count(log.begin(), log.end(), std::string("I ") + kReset), 1);
+}
+
+// For the thread sanitizer. Both good files allow class 1 and refuse class 8; what the refused one
+// leaves in the tables would do the opposite.
+TEST_F(ObserverTest, EightThreadsCallEverythingWhileRulesAreRewritten) {
+    const std::string rewrites[] = {
+        kGood,
+        "<usbconfig mode=\"whitelist\"><class>USB_CLASS_MASS_STORAGE</class><foo/></usbconfig>",
+        "<usbconfig mode=\"blacklist\"><class>USB_CLASS_MASS_STORAGE</class></usbconfig>", kBad};
+    writeFile("/sys/devices/platform/soc/a800000.ssusb/mode", "host");
+    writeFile("/sys/class/power_supply/dc/online", "1");
+    addDevice("1-1", 1);
+    addInterface("1-1:1.0", 8);
+    writeFile(configFilePath, kGood);
+    takeLogUntil(kReset);
+
+    const sp<KUsbService> service = new KUsbService();
+    const sp<FakeClient> loyal = new FakeClient();
+    const auto decide = [&](const DeviceInfo& device, bool expected) {
+        bool allowed = !expected;
+        service->isDeviceAllowed(device, &allowed);
+        EXPECT_EQ(allowed, expected) << device.deviceName;
+    };
+    const std::function<void()> calls[] = {
+        [&] { decide(usbDevice(1001, {8}), false); },
+        [&] { decide(usbDevice(1002, {1}), true); },
+        [&] {
+            bool allowed;
+            service->isDeviceAllowed(inputDevice(1003, 0x101), &allowed);
+            service->updateDeviceList(inputDevice(1003, 0x101), 0);
+        },
+        [&] {
+            std::vector<DeviceInfo> devices;
+            service->getDeviceList(&devices);
+            service->updateDeviceList(usbDevice(1001, {8}), 0);
+        },
+        [&] {
+            service->registerKusCallback(loyal);
+            service->unregisterKusCallback(loyal);
+        },
+        [&] {
+            const sp<FakeClient> dying = new FakeClient();
+            service->registerKusCallback(dying);
+            dying->die();
+        },
+        [&, wait = -1]() mutable { service->resetUsbDevices(wait = -wait); },
+        [&] {
+            const base::unique_fd fd(open("/dev/null", O_WRONLY | O_CLOEXEC));
+            Vector<String16> topology;
+            topology.add(String16("test"));
+            service->dump(fd, {});
+            service->dump(fd, topology);
+        }};
+    std::atomic<bool> ended = false;
+    std::vector<std::thread> threads;
+    for (const auto& call : calls) {
+        threads.emplace_back([&] {
+            for (; !ended; usleep(1000)) call();
+        });
+    }
+    for (int i = 0; i < 80; ++i) {
+        writeFile(configFilePath, rewrites[i % std::size(rewrites)]);
+        usleep(i % 3 * 20000);
+    }
+    ended = true;
+    for (std::thread& thread : threads) thread.join();
 }
 
 TEST_F(KusTest, ARewriteBeforeTheWatchIsFound) {
