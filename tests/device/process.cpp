@@ -74,6 +74,16 @@ void Process::poke() { EXPECT_EQ(write(input_, "\n", 1), 1); }
 
 void Process::kill(int signal) { ::kill(pid_, signal); }
 
+bool Process::ends(std::chrono::seconds timeout) const {
+    return eventually(
+        [&] {
+            siginfo_t info = {};
+            waitid(P_PID, pid_, &info, WEXITED | WNOHANG | WNOWAIT);
+            return info.si_pid == pid_;
+        },
+        timeout);
+}
+
 int Process::exitStatus() {
     int status = 0;
     EXPECT_EQ(waitpid(pid_, &status, 0), pid_);
