@@ -51,6 +51,7 @@ KusTest::KusTest() {
     clearRules();
     errorMessage = "SUCCESS";
     xml_parse_status = false;
+    Util::readRules(configFilePath);
     UsbDevice::deviceid_map.clear();
     mUsbDeviceInfoList.clear();
     mInputDeviceInfoList.clear();

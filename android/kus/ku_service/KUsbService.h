@@ -63,8 +63,6 @@ class KUsbService : public BnKUsbService {
     static void registerFileObserverViaThread();
     /** The thread's entry. It returns, and nothing restarts it, when inotify cannot be read. */
     static void* registerFileObserver(void*);
-    /** Makes the observer pass over every further rewrite. May be called from a signal handler. */
-    static void suspendFileObserver();
 
     binder::Status registerKusCallback(const sp<IKUsbServiceCallback>& callback) override;
     binder::Status unregisterKusCallback(const sp<IKUsbServiceCallback>& callback) override;
@@ -93,6 +91,8 @@ class KUsbService : public BnKUsbService {
     /** Records a decision and, for a USB device, tells every client. */
     void addDeviceList(DeviceInfo device, bool status, std::string reason);
 
+    /** The text of dump. Write errors on `fd` are ignored. */
+    void print(int fd, const Vector<String16>& args);
     void dumpPrint(int fd, DeviceInfo device);
 
     std::mutex callbacksLock_;

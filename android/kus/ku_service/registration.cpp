@@ -33,7 +33,7 @@ void loadRules() {
     LOG(INFO) << " updating error fle with success";
     Util::updateErrorFile(statusFilePath, "SUCCESS");
     LOG(INFO) << "copying backup ";
-    Util::copyFileContent(configFilePath, backupFilePath);
+    Util::backUpRules();
 }
 
 }  // namespace

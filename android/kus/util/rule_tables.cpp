@@ -1,8 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "util/rule_tables.h"
 
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
 namespace android::kus {
 namespace {
+
+constexpr std::chrono::seconds kLongestDoubt(1);
+
+bool rulesInDoubt = false;  // guarded by ruleTablesLock
+// Never destroyed: at the exit after a crash decisions may still wait on it.
+auto& rulesStay = *new std::condition_variable_any;
 
 std::map<int32_t, std::string> inputSourceRows() {
     std::map<int32_t, std::string> rows;
@@ -25,6 +35,16 @@ std::string errorMessage = "SUCCESS";
 const std::vector<int32_t> restrictedClasses = {0x00, 0x03, 0x09, 0xEF, 0xFE, 0xFF};
 const std::map<int32_t, std::string> inputSourceNames = inputSourceRows();
 bool xml_parse_status = false;
+
+void setRulesInDoubt(bool inDoubt) {
+    const std::unique_lock lock(ruleTablesLock);
+    rulesInDoubt = inDoubt;
+    rulesStay.notify_all();
+}
+
+void awaitRulesThatStay(std::shared_lock<std::shared_mutex>* lock) {
+    rulesStay.wait_for(*lock, kLongestDoubt, [] { return !rulesInDoubt; });
+}
 
 void addVidPid(int32_t vid, int32_t pid) {
     // Spares a file that is sorted by vendor the search.
