@@ -230,7 +230,8 @@ TEST_F(CallbacksTest, ReadersOfADumpThatTakeNothingStopNoDecisions) {
     for (int i = 0; i < kReaders; ++i) {
         base::unique_fd in, out;
         ASSERT_TRUE(base::Pipe(&in, &out, O_CLOEXEC | O_NONBLOCK));
-        while (write(out.get(), &i, 1) == 1) continue;
+        const char page[4096] = {};
+        while (write(out.get(), page, sizeof(page)) > 0) continue;
         fcntl(out.get(), F_SETFL, 0);
         readEnds.push_back(std::move(in));
         dumps.emplace_back([&running, i, out = std::move(out)] {

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <optional>
 #include <thread>
 
 #include "util/Util.h"
@@ -40,6 +41,20 @@ DeviceInfo findRecorded(const std::function<bool(const DeviceInfo&)>& wanted) {
         if (wanted(device)) return device;
     }
     return {};
+}
+
+/** The answer about an input device that is not there; none from a daemon that ends. */
+std::optional<bool> isInputAllowed(int sources, int vendor) {
+    DeviceInfo device;
+    device.deviceName = "asked about";
+    device.deviceId = 99100;
+    device.deviceClass = sources;
+    device.deviceType = 1;
+    device.vendorId = vendor;
+    bool allowed = false;
+    const bool answered = service()->isDeviceAllowed(device, &allowed).isOk();
+    service()->updateDeviceList(device, 0);
+    return answered ? std::optional(allowed) : std::nullopt;
 }
 
 }  // namespace
@@ -102,19 +117,6 @@ bool isAllowed(const std::vector<int>& interfaceClasses) {
     return allowed;
 }
 
-std::optional<bool> isInputAllowed(int sources, int vendor) {
-    DeviceInfo device;
-    device.deviceName = "asked about";
-    device.deviceId = 99100;
-    device.deviceClass = sources;
-    device.deviceType = 1;
-    device.vendorId = vendor;
-    bool allowed = false;
-    const bool answered = service()->isDeviceAllowed(device, &allowed).isOk();
-    service()->updateDeviceList(device, 0);
-    return answered ? std::optional(allowed) : std::nullopt;
-}
-
 Rules Rules::next(int lines) {
     static int vendor = 10000;
     static bool whitelist = false;
@@ -143,10 +145,12 @@ bool Rules::areAccepted() const {
            contentOf(backupFilePath) == Trim(text) && areInForce();
 }
 
+bool isKeyboardAllowed() { return isInputAllowed(kKeyboard, kAnyVendor) == true; }
+
 Intruder::Intruder()
     : thread_([this] {
           while (!done_) {
-              if (isInputAllowed(kKeyboard, kAnyVendor) == true) ++entries_;
+              entries_ += isKeyboardAllowed();
               std::this_thread::sleep_for(2ms);
           }
       }) {}

@@ -9,7 +9,6 @@
 #include <chrono>
 #include <functional>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -48,9 +47,6 @@ DeviceInfo recorded(const std::string& name);
 /** Asks the service about a device that is not there, with interfaces of these classes. */
 bool isAllowed(const std::vector<int>& interfaceClasses);
 
-/** The answer about an input device that is not there; none while no service answers. */
-std::optional<bool> isInputAllowed(int sources, int vendor);
-
 /** A rules file that differs from all others made here in its text and in its decisions. */
 struct Rules {
     /** In turn a whitelist and a blacklist. Without `lines` it is two lines long. */
@@ -66,7 +62,10 @@ struct Rules {
     bool whitelist = false;
 };
 
-/** While it lives it asks about a keyboard that all of Rules refuse. */
+/** Asks about a keyboard that is not there, which all of Rules refuse. */
+bool isKeyboardAllowed();
+
+/** Asks about that keyboard again and again for as long as it lives. */
 class Intruder {
   public:
     Intruder();

@@ -46,10 +46,10 @@ TEST_F(SoakTest, DevicesClientsRulesAndReadersComeAndGo) {
         const Again clients(100ms, [] { Client dying(2); });
         for (int i = 0; i < times; ++i) stick.replug();
     };
-    run(fullRun() ? 50 : 5);
+    run(fullRun() ? 50 : 4);
     const size_t descriptorsBefore = descriptors(daemon);
     const long memoryBefore = residentKilobytes(daemon);
-    run(fullRun() ? 1000 : 15);
+    run(fullRun() ? 1000 : 10);
     const Rules rules = Rules::rewrite();
     EXPECT_EQ(stick.decision().status, !rules.whitelist);
     EXPECT_EQ(daemonPid(), daemon);
