@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 
 # shellcheck shell=bash
-# Shared by the scripts beside it.
+# Shared by the scripts beside it and by emulator/run.
 repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 # What the virtual device runs.

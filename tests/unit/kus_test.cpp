@@ -64,9 +64,9 @@ std::vector<std::string> takeLog() {
     return std::exchange(logLines, {});
 }
 
-std::vector<std::string> takeLogUntil(const std::string& text) {
+std::vector<std::string> takeLogUntil(const std::string& text, std::chrono::milliseconds timeout) {
     std::vector<std::string> log;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (std::chrono::steady_clock::now() < deadline) {
         for (const std::string& line : takeLog()) log.push_back(line);
         for (const std::string& line : log) {

@@ -14,6 +14,7 @@
 #include <string>
 #include <utility>
 
+#include "crash/crash_barrier.h"
 #include "ku_service/KUsbService.h"
 #include "usbdevice/UsbDevice.h"
 #include "util/Util.h"
@@ -48,8 +49,11 @@ struct FileEvent {
     std::string name;
 };
 
-/** What was read from the inotify descriptor and is still to be looked at. */
-std::deque<FileEvent> events;
+/**
+ * What was read from the inotify descriptor and is still to be looked at. Never destroyed: the
+ * thread runs to the very end of the process.
+ */
+auto& events = *new std::deque<FileEvent>;
 
 /**
  * Set when the backup was copied over a refused file. The next good parse is then the parse of that
@@ -106,6 +110,7 @@ bool rewriteFollows(milliseconds patience) {
 }
 
 void acceptRules() {
+    const SharedStateUse use;
     errorMessage = "SUCCESS";
     // Compared, because a file that was moved here since the restore has no event of its own.
     if (std::exchange(backupRestorePending, false) && Util::readWhatWasRestored()) return;
@@ -188,19 +193,18 @@ void* KUsbService::registerFileObserver(void*) {
 
 void KUsbService::readFileChangeEvent() {
     while (true) {
-        if (!readEvents()) {
-            if (errno == EINTR) {
-                LOG(INFO) << "(errno == EINTR)";
-                continue;
-            }
-            LOG(INFO) << "Could not get read event, " << strerror(errno);
-            return;
-        }
+        // The start may have queued some already, while it looked for a rewrite without an event.
         while (!events.empty()) {
             const FileEvent event = std::move(events.front());
             events.pop_front();
             handleEvent(event);
         }
+        if (readEvents()) continue;
+        if (errno != EINTR) {
+            LOG(INFO) << "Could not get read event, " << strerror(errno);
+            return;
+        }
+        LOG(INFO) << "(errno == EINTR)";
     }
 }
 

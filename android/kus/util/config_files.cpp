@@ -9,8 +9,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <sstream>
+#include <thread>
 #include <utility>
 
 #include "crash/crash_barrier.h"
@@ -20,6 +22,12 @@ namespace android::kus {
 namespace {
 
 using android::base::unique_fd;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+// For those who have the rules file open when it is to be restored. A crash waits longer.
+constexpr milliseconds kLongestHoldUp(500);
+constexpr milliseconds kHoldInterval(1);
 
 /** What a file holds, or why it cannot be read. */
 struct Text {
@@ -73,14 +81,19 @@ Destination closedFile(const std::string& path) { return {path, readFile(path), 
 /**
  * The rules file, opened so that nobody else can open it: that waits. The kernel denies this to a
  * process that neither owns the file nor has CAP_LEASE, and while somebody has it open (F_SETLEASE
- * in fcntl(2)). What is left then is the moment between a look at the file and its emptying.
+ * in fcntl(2)): one who writes it is soon done. Where it stays denied, what is left is the moment
+ * between a look at the file and its emptying.
  */
 Destination heldRulesFile() {
     unique_fd fd(open(configFilePath, O_RDWR | O_CLOEXEC));
     if (!fd.ok()) return closedFile(configFilePath);
     // Tells that somebody waits. In place of SIGIO, whose default would end the process.
     fcntl(fd.get(), F_SETSIG, SIGURG);
-    fcntl(fd.get(), F_SETLEASE, F_WRLCK);
+    const auto deadline = steady_clock::now() + kLongestHoldUp;
+    while (fcntl(fd.get(), F_SETLEASE, F_WRLCK) != 0 && errno == EAGAIN &&
+           steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(kHoldInterval);
+    }
     Text text;
     if (!base::ReadFdToString(fd.get(), &text.content)) text.error = errno;
     return {configFilePath, std::move(text), std::move(fd), /*opened=*/true};
@@ -104,7 +117,7 @@ class CrashDeferred {
 
 bool empty(Destination* file) {
     if (file->fd.ok()) {
-        return ftruncate(file->fd.get(), 0) == 0 && lseek(file->fd.get(), 0, SEEK_SET) == 0;
+        return lseek(file->fd.get(), 0, SEEK_SET) == 0 && ftruncate(file->fd.get(), 0) == 0;
     }
     file->fd.reset(open(file->path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
     file->opened = file->fd.ok();
