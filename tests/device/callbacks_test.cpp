@@ -142,7 +142,7 @@ TEST_F(CallbacksTest, AClientThatTakesNothingDelaysNobody) {
     watch.kill(SIGSTOP);
     std::vector<std::string> told;
     {
-        const Deadline deadline(20s, {&stopped, &hung, &watch});
+        const Deadline deadline(60s, {&stopped, &hung, &watch});
         const Plugged stick("stick", kStick);
         const int id = stick.decision().deviceId;
         EXPECT_TRUE(eventually([&] { return stick.interfaceState(0) == " 0"; }));
@@ -202,7 +202,7 @@ TEST_F(CallbacksTest, AFullBufferCostsItsClientAloneItsNotices) {
     const int before = errors();
     stopped.kill(SIGSTOP);
     {
-        const Deadline deadline(20s, {&stopped});
+        const Deadline deadline(60s, {&stopped});
         for (int id = 1; id <= kDevices; ++id) {
             bool allowed;
             service()->isDeviceAllowed(madeUp(id, longName), &allowed);
@@ -212,14 +212,13 @@ TEST_F(CallbacksTest, AFullBufferCostsItsClientAloneItsNotices) {
         }
         ASSERT_FALSE(deadline.passed()) << "decisions or notices waited for a client";
     }
+    const int lost = errors() - before;
+    EXPECT_GT(lost, 0) << "its buffer was never full, or nothing was logged";
+    service()->updateDeviceList(madeUp(9), 0);
     stopped.kill(SIGCONT);
     int heard = 0;
-    while (!stopped.line(kQuietMs).empty()) ++heard;
-    EXPECT_GT(heard, 0);
-    EXPECT_LT(heard, 2 * kDevices) << "its buffer was never full";
-    EXPECT_EQ(errors() - before, 2 * kDevices - heard) << "one line for each lost notice";
-    service()->updateDeviceList(madeUp(9), 0);
-    EXPECT_EQ(stopped.line(), "removed 9") << "what comes later is told again";
+    for (std::string line; !(line = stopped.line()).empty() && line != "removed 9";) ++heard;
+    EXPECT_EQ(heard + lost, 2 * kDevices) << "one line for each lost notice";
 }
 
 TEST_F(CallbacksTest, ReadersOfADumpThatTakeNothingStopNoDecisions) {

@@ -68,7 +68,7 @@ TEST_F(HostResetTest, ARealUndockEndsTheVirtualOneAtOnce) {
 TEST_F(HostResetTest, RulesDoNotWaitForAResetThatIsUnderWay) {
     setPower("1", "0");
     RoleWatch roles;
-    std::thread reset([] { service()->resetUsbDevices(8000); });
+    std::thread reset([] { service()->resetUsbDevices(10000); });
     EXPECT_TRUE(eventually([] { return monitorProperties() == "11"; }, 3s));
     for (int i = 0; i < 3; ++i) Rules::rewrite();
     EXPECT_EQ(monitorProperties(), "11") << "accepted only after the reset";
