@@ -77,9 +77,14 @@ void Process::tell(const std::string& line) {
 
 void Process::kill(int signal) { ::kill(pid_, signal); }
 
-bool Process::ended() const {
-    siginfo_t end = {};
-    return waitid(P_PID, pid_, &end, WEXITED | WNOHANG | WNOWAIT) == 0 && end.si_pid == pid_;
+bool Process::ends(std::chrono::seconds timeout) const {
+    return eventually(
+        [&] {
+            siginfo_t info = {};
+            waitid(P_PID, pid_, &info, WEXITED | WNOHANG | WNOWAIT);
+            return info.si_pid == pid_;
+        },
+        timeout);
 }
 
 int Process::exitStatus() {

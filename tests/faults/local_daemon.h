@@ -58,7 +58,7 @@ class LocalDaemonTest : public testing::Test {
      * it ended, or goes on without end.
      */
     bool settle();
-    bool ended() { return !daemon_ || daemon_->ended(); }
+    bool ended() { return !daemon_ || daemon_->ends(std::chrono::seconds(0)); }
     /** Waits for its end: what it exits with, or minus the signal that it dies of. */
     int exitStatus();
     void kill();

@@ -26,8 +26,10 @@ struct Command {
 extern const Command kCheckCommand, kDumpCommand, kGenerateCommand, kLintCommand, kListCommand,
     kResetCommand, kWatchCommand;
 
-// The command line: main.cpp
+// The command line: command_line.cpp
 
+/** Runs the command with its name as argv[0], and returns the exit status. */
+int runCommand(const Command& command, int argc, char** argv);
 /**
  * getopt_long for the running command: answers --help, and ends the program on a wrong option. The
  * options' `val` is what it returns; -1 at the end.

@@ -13,8 +13,6 @@ const Command* const kCommands[] = {&kListCommand, &kWatchCommand,    &kCheckCom
                                     &kLintCommand, &kGenerateCommand, &kResetCommand,
                                     &kDumpCommand};
 
-const Command* running = nullptr;
-
 void printHelp() {
     puts(
         "usage: kusctl COMMAND [ARGUMENT]...\n"
@@ -35,10 +33,6 @@ const Command* findCommand(const char* name) {
     return nullptr;
 }
 
-std::string programName() {
-    return running == nullptr ? "kusctl" : std::string("kusctl ") + running->name;
-}
-
 // The libraries below log what the daemon logs; only what ends the process concerns a user here.
 void quietLogs() {
     base::SetMinimumLogSeverity(base::FATAL);
@@ -51,41 +45,7 @@ void quietLogs() {
 
 }  // namespace
 
-int nextOption(int argc, char** argv, const std::vector<option>& options) {
-    std::vector<option> known = options;
-    known.push_back({"help", no_argument, nullptr, 'h'});
-    known.push_back({});
-    opterr = 0;
-    const int found = getopt_long(argc, argv, ":h", known.data(), nullptr);
-    if (found == 'h') {
-        fputs(running->help, stdout);
-        exit(kYes);
-    }
-    if (found == ':') wrongUse(std::string("option ") + argv[optind - 1] + " needs a value");
-    if (found == '?') wrongUse(std::string("option ") + argv[optind - 1] + " is not known");
-    return found;
-}
-
-void expectNoArguments(int argc, char** argv) {
-    if (optind < argc) wrongUse(std::string("unexpected argument '") + argv[optind] + "'");
-}
-
-void wrongUse(const std::string& message) {
-    fprintf(stderr, "%s: %s (see '%s --help')\n", programName().c_str(), printable(message).c_str(),
-            programName().c_str());
-    exit(kWrongUse);
-}
-
-void fail(const std::string& message) {
-    note(message);
-    exit(kNoOrFailed);
-}
-
-void note(const std::string& message) {
-    fprintf(stderr, "%s: %s\n", programName().c_str(), printable(message).c_str());
-}
-
-int runCommand(int argc, char** argv) {
+int run(int argc, char** argv) {
     if (argc < 2) wrongUse("no command given");
     if (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) {
         printHelp();
@@ -93,13 +53,10 @@ int runCommand(int argc, char** argv) {
     }
     const Command* command = findCommand(argv[1]);
     if (command == nullptr) wrongUse(std::string("there is no command '") + argv[1] + "'");
-    running = command;
     quietLogs();
-    const int status = command->run(argc - 1, argv + 1);
-    if (fflush(stdout) != 0 || ferror(stdout)) fail("cannot write the output");
-    return status;
+    return runCommand(*command, argc - 1, argv + 1);
 }
 
 }  // namespace android::kus
 
-int main(int argc, char** argv) { return android::kus::runCommand(argc, argv); }
+int main(int argc, char** argv) { return android::kus::run(argc, argv); }

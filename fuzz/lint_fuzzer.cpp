@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// An input is a rules file, for `kusctl lint` in both its formats, and for `kusctl check`.
+#include <android-base/file.h>
+#include <android-base/logging.h>
+#include <android-base/strings.h>
+#include <locale.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "fuzz_world.h"
+#include "kusctl.h"
+#include "rules_model.h"
+#include "util/Util.h"
+#include "util/rule_tables.h"
+
+namespace android::kus {
+
+// Stand in for verdict.cpp, whose child process would take most of the time: the model knows which
+// files end the process that reads them.
+
+std::string whyUnreadable(const std::string&) { return ""; }
+
+Verdict judgeRules(const std::string& path) {
+    std::string text;
+    CHECK(base::ReadFileToString(path, &text));
+    if (modelOf(text).ending != RulesModel::Ending::kReturns) {
+        return {Verdict::Outcome::kCrash, "", 0};
+    }
+    Verdict verdict = {};
+    Util::readConfig(path, [&](const std::string& message, int line) {
+        verdict.status = message;
+        verdict.line = line;
+    });
+    verdict.outcome = xml_parse_status ? Verdict::Outcome::kAccepted : Verdict::Outcome::kRefused;
+    return verdict;
+}
+
+namespace {
+
+constexpr char kFile[] = "/data/rules.xml";
+
+/** Runs a command, and returns what it prints. */
+std::string outputOf(const Command& command, std::vector<std::string> arguments, int* status) {
+    static const int out = memfd_create("out", MFD_CLOEXEC);
+    CHECK(ftruncate(out, 0) == 0 && lseek(out, 0, SEEK_SET) == 0);
+    CHECK(dup2(out, STDOUT_FILENO) == STDOUT_FILENO);
+
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    optind = 0;  // starts getopt afresh
+    *status = runCommand(command, arguments.size(), argv.data());
+
+    std::string text;
+    CHECK(lseek(out, 0, SEEK_SET) == 0 && base::ReadFdToString(out, &text));
+    return text;
+}
+
+Json::Value parseJson(const std::string& output) {
+    CHECK_NE(mbstowcs(nullptr, output.c_str(), 0), static_cast<size_t>(-1)) << "no UTF-8";
+    Json::Value value;
+    std::string errors;
+    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    CHECK(reader->parse(output.data(), output.data() + output.size(), &value, &errors)) << errors;
+    return value;
+}
+
+std::string lint() {
+    int status;
+    const Json::Value reports =
+        parseJson(outputOf(kLintCommand, {"lint", "--json", kFile}, &status));
+    CHECK_EQ(reports.size(), 1u);
+    const Json::Value& report = reports[0];
+    const std::string verdict = report["verdict"].asString();
+    CHECK_EQ(status, verdict == "accepted" ? kYes : kNoOrFailed);
+
+    const auto& warnings = report["warnings"];
+    const bool crash = std::any_of(warnings.begin(), warnings.end(),
+                                   [](const auto& w) { return w["kind"].asString() == "crash"; });
+    if (verdict == "crash") CHECK(crash) << "without the cause";
+    if (verdict == "accepted") CHECK(!crash) << "a crash that was not";
+
+    // A line for the verdict and for each warning, and nothing in them that a terminal acts on.
+    const std::string text = outputOf(kLintCommand, {"lint", kFile}, &status);
+    CHECK(base::EndsWith(text, "\n"));
+    const auto lines = base::Split(text.substr(0, text.size() - 1), "\n");
+    CHECK_EQ(lines.size(), 1 + warnings.size());
+    for (const std::string& line : lines) CHECK_EQ(printable(line), line);
+    return verdict;
+}
+
+// Ends the program, which is a finding, where lint said otherwise of the same file.
+void check() {
+    int status;
+    const Json::Value answer = parseJson(outputOf(kCheckCommand,
+                                                  {"check", "--json", "--rules", kFile, "--vendor",
+                                                   "1155", "--product", "22336", "--class", "2,10"},
+                                                  &status));
+    CHECK_EQ(answer["allowed"].asBool(), status == kYes);
+    CHECK(!answer["reason"].asString().empty());
+}
+
+}  // namespace
+
+void runInput(const std::string& text) {
+    setlocale(LC_CTYPE, "C.UTF-8");
+    errorMessage = "SUCCESS";
+    configMode = "default";
+    writeFile(kFile, text);
+    if (lint() == "accepted") check();
+}
+
+}  // namespace android::kus

@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// An input is a tree below /sys/bus/usb/devices, one entry a line: "PATH/" for a directory,
+// "PATH=VALUE" for a file, "PATH>PATH" for a link to a place in the same tree. The directories
+// above an entry come with it.
+#include <android-base/file.h>
+#include <android-base/logging.h>
+#include <android-base/strings.h>
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <set>
+
+#include "fuzz_world.h"
+#include "ku_service/KUsbService.h"
+#include "usbdevice/UsbDevice.h"
+#include "util/rule_tables.h"
+
+namespace android::kus {
+namespace {
+
+using base::unique_fd;
+
+constexpr size_t kMostEntries = 128;
+constexpr size_t kMostDevices = 2;  // each costs a scan
+constexpr size_t kDeepest = 5;
+
+/**
+ * The names in a path, none when it is not one that stays in the tree: the private world has the
+ * machine's own files beside /sys.
+ */
+std::vector<std::string> namesIn(const std::string& path) {
+    std::vector<std::string> names = base::Split(path, "/");
+    for (const std::string& name : names) {
+        if (name.empty() || name == "." || name == ".." || name.find('\0') != std::string::npos) {
+            return {};
+        }
+    }
+    return names.size() <= kDeepest ? names : std::vector<std::string>();
+}
+
+/** Follows no link. What is there already, or can't be made, is left as it is. */
+void addEntry(const std::string& line) {
+    const size_t end = std::min(line.find_first_of("=>"), line.size());
+    std::string path = line.substr(0, end);
+    const std::string value = line.substr(std::min(end + 1, line.size()));
+    if (end == line.size() && base::EndsWith(path, "/")) path.pop_back();
+
+    std::vector<std::string> names = namesIn(path);
+    if (names.empty()) return;
+    const std::string last = names.back();
+    names.pop_back();
+    unique_fd parent(open(kUsbDevicesPath, O_DIRECTORY | O_CLOEXEC));
+    for (const std::string& name : names) {
+        mkdirat(parent.get(), name.c_str(), 0755);
+        parent.reset(openat(parent.get(), name.c_str(), O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    }
+    if (end == line.size()) {
+        mkdirat(parent.get(), last.c_str(), 0755);
+    } else if (line[end] == '=') {
+        const unique_fd file(openat(parent.get(), last.c_str(),
+                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+        base::WriteStringToFd(value + "\n", file);
+    } else if (!namesIn(value).empty()) {
+        const std::string target = std::string(kUsbDevicesPath) + "/" + value;
+        symlinkat(target.c_str(), parent.get(), last.c_str());
+    }
+}
+
+void makeTree(const std::string& text) {
+    for (const auto& entry : std::filesystem::directory_iterator(kUsbDevicesPath)) {
+        std::filesystem::remove_all(entry.path());
+    }
+    const std::vector<std::string> lines = base::Split(text, "\n");
+    for (size_t i = 0; i < lines.size() && i < kMostEntries; ++i) addEntry(lines[i]);
+}
+
+void expectNothingScanned() {
+    CHECK(UsbDevice::bus_list == nullptr);
+    CHECK(UsbDevice::device_list.empty());
+    CHECK(UsbDevice::interface_list.empty());
+}
+
+/** A refusal goes to each interface, up to one that takes none. */
+void expectRefused(int32_t id) {
+    for (const usbinterface_custom& record : UsbDevice::get_deviceid_data(id)) {
+        const std::string path = std::string(kUsbDevicesPath) + "/" + record.name + "/authorized";
+        if (!unique_fd(open(path.c_str(), O_WRONLY | O_CLOEXEC)).ok()) return;
+        std::string content;
+        CHECK(base::ReadFileToString(path, &content, /*follow_symlinks=*/true));
+        CHECK(base::StartsWith(content, "0")) << path;
+    }
+}
+
+DeviceInfo describe(int32_t id) {
+    DeviceInfo device;
+    device.deviceId = id;
+    for (const usbinterface_custom& record : UsbDevice::get_deviceid_data(id)) {
+        CHECK_EQ(id, static_cast<int32_t>(record.busnum * 1000 + record.devnum));
+        CHECK(strchr(record.name, ':') != nullptr);
+        device.deviceName = record.product;
+        device.vendorId = record.idVendor;
+        device.productId = record.idProduct;
+        device.interfaceClassList.push_back(record.bInterfaceClass);
+    }
+    return device;
+}
+
+std::string dump(KUsbService& service, const Vector<String16>& arguments) {
+    static const int file = memfd_create("dump", MFD_CLOEXEC);
+    CHECK(ftruncate(file, 0) == 0 && lseek(file, 0, SEEK_SET) == 0);
+    CHECK_EQ(service.dump(file, arguments), OK);
+    std::string text;
+    CHECK(lseek(file, 0, SEEK_SET) == 0 && base::ReadFdToString(file, &text));
+    return text;
+}
+
+void decide(KUsbService& service, int32_t id) {
+    const DeviceInfo device = describe(id);
+    bool allowed = true;
+    service.isDeviceAllowed(device, &allowed);
+    expectNothingScanned();
+    const auto record = mUsbDeviceInfoList.find(id);
+    if (record == mUsbDeviceInfoList.end()) {
+        CHECK(!allowed);  // left to the input subsystem
+        return;
+    }
+    CHECK_EQ(record->second->status, allowed ? 1 : 0);
+    CHECK_GE(record->second->category, 0);
+    if (!allowed) expectRefused(id);
+}
+
+void scanAndDecide() {
+    const sp<KUsbService> service = new KUsbService();
+    UsbDevice::create_usb_device_map();
+    expectNothingScanned();
+    std::set<int32_t> ids;
+    for (const auto& [id, record] : UsbDevice::deviceid_map) ids.insert(id);
+    while (ids.size() > kMostDevices) ids.erase(std::prev(ids.end()));
+    for (const int32_t id : ids) decide(*service, id);
+
+    const std::string path = UsbDevice::get_displaylink_soc_path();
+    CHECK(path.empty() || path == "empty" || base::EndsWith(path, "/mode")) << path;
+
+    Vector<String16> arguments;
+    CHECK(base::StartsWith(dump(*service, arguments), "USB DEVICE INFO "));
+    arguments.add(String16("test"));
+    const std::string topology = dump(*service, arguments);
+    expectNothingScanned();
+    CHECK_NE(topology.find("DeviceIdMap size" + std::to_string(UsbDevice::deviceid_map.size())),
+             std::string::npos);
+
+    for (const int32_t id : ids) {
+        UsbDevice::update_deviceid_map(id, false);
+        CHECK(UsbDevice::get_deviceid_data(id).empty());
+    }
+}
+
+}  // namespace
+
+void runInput(const std::string& tree) {
+    configMode = "whitelist";
+    clearRules();
+    classList = {8};
+    addVidPid(1155, 22336);
+    mUsbDeviceInfoList.clear();
+
+    makeTree(tree);
+    scanAndDecide();
+}
+
+}  // namespace android::kus

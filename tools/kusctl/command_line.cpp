@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <stdio.h>
+#include <stdlib.h>
+
+#include "kusctl.h"
+
+namespace android::kus {
+namespace {
+
+const Command* running = nullptr;
+
+std::string programName() {
+    return running == nullptr ? "kusctl" : std::string("kusctl ") + running->name;
+}
+
+}  // namespace
+
+int nextOption(int argc, char** argv, const std::vector<option>& options) {
+    std::vector<option> known = options;
+    known.push_back({"help", no_argument, nullptr, 'h'});
+    known.push_back({});
+    opterr = 0;
+    const int found = getopt_long(argc, argv, ":h", known.data(), nullptr);
+    if (found == 'h') {
+        fputs(running->help, stdout);
+        exit(kYes);
+    }
+    if (found == ':') wrongUse(std::string("option ") + argv[optind - 1] + " needs a value");
+    if (found == '?') wrongUse(std::string("option ") + argv[optind - 1] + " is not known");
+    return found;
+}
+
+void expectNoArguments(int argc, char** argv) {
+    if (optind < argc) wrongUse(std::string("unexpected argument '") + argv[optind] + "'");
+}
+
+void wrongUse(const std::string& message) {
+    fprintf(stderr, "%s: %s (see '%s --help')\n", programName().c_str(), printable(message).c_str(),
+            programName().c_str());
+    exit(kWrongUse);
+}
+
+void fail(const std::string& message) {
+    note(message);
+    exit(kNoOrFailed);
+}
+
+void note(const std::string& message) {
+    fprintf(stderr, "%s: %s\n", programName().c_str(), printable(message).c_str());
+}
+
+int runCommand(const Command& command, int argc, char** argv) {
+    running = &command;
+    const int status = command.run(argc, argv);
+    if (fflush(stdout) != 0 || ferror(stdout)) fail("cannot write the output");
+    return status;
+}
+
+}  // namespace android::kus
