@@ -108,6 +108,13 @@ class Plugged {
     std::string entry_;
 };
 
+/** While it lives no one but the test asks the daemon about devices. */
+class NoHostStack {
+  public:
+    NoHostStack() { shell("services stop usb_host_stack"); }
+    ~NoHostStack() { shell("services start usb_host_stack"); }
+};
+
 /** Block devices of USB sticks. */
 std::vector<std::string> sticks();
 
