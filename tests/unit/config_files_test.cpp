@@ -94,7 +94,7 @@ TEST_F(ConfigFiles, WhatCannotBeWrittenWholeIsPutBack) {
     Util::updateErrorFile(statusFilePath, "SUCCESS");
     EXPECT_EQ(readFile(backupFilePath), "old\n");
     EXPECT_EQ(readFile(statusFilePath), "old");
-    const std::string error = ", so it is as it was before: File too large";
+    const std::string error = ": File too large, it is put back";
     EXPECT_THAT(takeLog(),
                 ElementsAre(StartsWith("I "), StartsWith("I "),
                             "E Could not write " + std::string(backupFilePath) + error,
