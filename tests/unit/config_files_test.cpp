@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <signal.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <thread>
@@ -94,7 +95,7 @@ TEST_F(ConfigFiles, WhatCannotBeWrittenWholeIsPutBack) {
     Util::updateErrorFile(statusFilePath, "SUCCESS");
     EXPECT_EQ(readFile(backupFilePath), "old\n");
     EXPECT_EQ(readFile(statusFilePath), "old");
-    const std::string error = ", so it is as it was before: File too large";
+    const std::string error = ": File too large, it is put back";
     EXPECT_THAT(takeLog(),
                 ElementsAre(StartsWith("I "), StartsWith("I "),
                             "E Could not write " + std::string(backupFilePath) + error,
@@ -117,10 +118,14 @@ TEST_F(ConfigFiles, ARestoreNeverTakesAFileThatWasWrittenMeanwhile) {
     for (int i = 0; i < 2000; ++i) {
         writeFile(configFilePath, "refused");
         Util::readRules(configFilePath);
-        std::thread administrator([i] {
-            for (int spin = i % 100 * 100; spin > 0; --spin) getppid();
+        const auto wait = [](int spins) {
+            for (; spins > 0; --spins) getppid();
+        };
+        std::thread administrator([&] {
+            wait(i % 100 * 100);
             writeFile(configFilePath, "good");
         });
+        wait(i % 200 * 100);
         restored += Util::restoreRules() == Util::Restored::kWhole;
         administrator.join();
         ASSERT_EQ(readFile(configFilePath), "good") << "in round " << i;

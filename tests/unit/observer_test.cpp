@@ -219,9 +219,11 @@ TEST_F(ObserverTest, ARewriteWhoseEventIsLostIsFound) {
         close(open(configFilePath, O_RDONLY | O_CLOEXEC));
     }
     writeFile(configFilePath, kBetter);
-    const int fifo = open(statusFilePath, O_RDWR | O_CLOEXEC);
+    const base::unique_fd fifo(open(statusFilePath, O_RDONLY | O_CLOEXEC));
     fs::remove(statusFilePath);
-    close(fifo);
+    std::string status;
+    EXPECT_TRUE(base::ReadFdToString(fifo, &status));
+    EXPECT_EQ(status, "SUCCESS");
     takeLogUntil(kReset);
     takeLogUntil(kReset);
     EXPECT_EQ(readFile(backupFilePath), kBetter);

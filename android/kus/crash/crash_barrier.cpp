@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <utility>
 
 namespace android::kus {
 namespace {
@@ -25,15 +26,17 @@ std::atomic<pid_t> crashingThread = 0;
 void stopWhileAnotherThreadCrashes() {
     const pid_t crashing = crashingThread;
     if (crashing == 0 || crashing == gettid()) return;
-    uses -= ownUses;
+    // Once: a signal may interrupt the pause and come here again.
+    uses -= std::exchange(ownUses, 0);
     while (true) pause();
 }
 
 }  // namespace
 
 SharedStateUse::SharedStateUse() {
-    ++ownUses;
+    // In this order, like the destructor's, so that a signal in between finds one use too many.
     ++uses;
+    ++ownUses;
     stopWhileAnotherThreadCrashes();
 }
 

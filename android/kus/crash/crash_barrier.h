@@ -4,9 +4,9 @@
 namespace android::kus {
 
 /**
- * While one lives, its thread uses the process-wide tables or writes the rules' files. A crash on
- * another thread lets that end, for a second at most: the files are then whole, and nobody uses the
- * tables while `exit` destroys them.
+ * While one lives, its thread uses the process-wide tables, or writes the rules' files or a role. A
+ * crash on another thread lets that end, for a second at most: the files are then whole, and nobody
+ * uses the tables while `exit` destroys them.
  */
 class SharedStateUse {
   public:

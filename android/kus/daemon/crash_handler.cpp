@@ -6,6 +6,8 @@
 #include <unistd.h>
 #include <unwindstack/AndroidUnwinder.h>
 
+#include <atomic>
+
 #include "crash/crash_barrier.h"
 #include "usbdevice/UsbDevice.h"
 #include "util/Util.h"
@@ -30,14 +32,15 @@ void logStackTrace() {
 
 void signalHandler(int signum, siginfo_t*, void*) {
     // A handler that hangs, such as in the allocator that has just found its heap broken, is ended
-    // by the default action of SIGALRM.
-    alarm(kLongestHandlerSeconds);
+    // by the default action of SIGALRM. Set once, also for a handler that crashes itself.
+    static std::atomic_flag alarmIsSet = ATOMIC_FLAG_INIT;
+    if (!alarmIsSet.test_and_set()) alarm(kLongestHandlerSeconds);
     // One text for every signal: an abort logs it too.
     LOG(INFO) << "Segmentation faultsignum" << signum << std::endl;
     SharedStateUse::endAll();
     // The rules first: they must be back even if the diagnostics fail.
     Util::restoreRules();
-    Util::updateErrorFile(statusFilePath, "Unable to apply the USB Admin config rules");
+    Util::updateErrorFile(statusFilePath, crashStatus);
     UsbDevice::give_host_role_back();
     logStackTrace();
     exit(signum);

@@ -35,6 +35,8 @@ constexpr size_t kEventBufferSize = 512;
 // Between restores that don't help, because the backup is missing or refused itself.
 constexpr milliseconds kRestoreInterval(1000);
 
+constexpr milliseconds kResetPollInterval(10);
+
 // How long one who has begun to write the rules file may take to close it.
 constexpr milliseconds kWriterPatience(1000);
 
@@ -78,7 +80,8 @@ bool readEvents() {
         at += sizeof(inotify_event) + event.len;
         if (event.mask & IN_Q_OVERFLOW) {
             events.push_back({event.mask, ""});
-        } else if (event.len > 0 && event.wd == directoryWatch) {
+        } else if (event.len > 0 && event.wd == directoryWatch &&
+                   (event.mask & (IN_CLOSE_WRITE | IN_MODIFY))) {
             events.push_back({event.mask, event.name});
         }
     }
@@ -92,8 +95,8 @@ bool isQueued(uint32_t mask) {
 }
 
 /**
- * True when the rules file has been rewritten, and closed, since the event that is being handled;
- * waits that long for it. One that somebody has begun to write is waited for anyway.
+ * True when the rules file has been rewritten, and closed, since the event that is being handled.
+ * Waits `patience` for that, and kWriterPatience once somebody has begun to write it.
  */
 bool rewriteFollows(milliseconds patience) {
     const auto start = steady_clock::now();
@@ -103,21 +106,29 @@ bool rewriteFollows(milliseconds patience) {
         const auto elapsed = duration_cast<milliseconds>(steady_clock::now() - start);
         pollfd inotify = {inotifyFd, POLLIN, 0};
         const int ready = poll(&inotify, 1, std::max(limit - elapsed, milliseconds(0)).count());
-        if (ready > 0 && readEvents()) continue;
+        // Events of other files may come without end.
+        if (ready > 0 && elapsed <= limit + kWriterPatience && readEvents()) continue;
         if (ready >= 0 || errno != EINTR) return false;
     }
     return true;
 }
 
-void acceptRules() {
+/** False when there is nothing to be decided anew. */
+bool acceptRules() {
     const SharedStateUse use;
     errorMessage = "SUCCESS";
     // Compared, because a file that was moved here since the restore has no event of its own.
-    if (std::exchange(backupRestorePending, false) && Util::readWhatWasRestored()) return;
+    if (std::exchange(backupRestorePending, false) && Util::readWhatWasRestored()) return false;
     LOG(INFO) << "Parsing success, so update status file and create backup";
     Util::updateErrorFile(statusFilePath, errorMessage);
     Util::backUpRules();
+    return true;
+}
+
+// The events of the two files come after the reset in the log, but a rewrite does not wait for it.
+void resetControllers() {
     UsbDevice::request_host_reset();
+    while (UsbDevice::requested_reset_runs() && !rewriteFollows(kResetPollInterval)) continue;
 }
 
 // Writing the rules file makes an event of its own, whose parse puts the old rules back in force.
@@ -140,6 +151,8 @@ milliseconds untilNextRestore() {
 }
 
 void handleRewrite() {
+    // Nothing of this comes after a crash handler's own restore.
+    { const SharedStateUse use; }
     LOG(INFO) << "Admin usb_device_config.xml config file call parsing";
     // Until it is known that they stay: a refused file leaves a part of its rules in the tables.
     setRulesInDoubt(true);
@@ -152,7 +165,7 @@ void handleRewrite() {
         // The later one decides alone, as if the kernel had made one event of the two.
         backupRestorePending = false;
     } else if (xml_parse_status) {
-        acceptRules();
+        if (acceptRules()) resetControllers();
     } else {
         restoreRules();
     }
@@ -160,7 +173,7 @@ void handleRewrite() {
 
 // Without an event: before there was a watch, or when the kernel's queue was full.
 void handleUntoldRewrite() {
-    if (Util::rulesFileHasChanged() && !rewriteFollows(kWriterPatience)) handleRewrite();
+    if (Util::rulesFileHasChanged() && !rewriteFollows(milliseconds(0))) handleRewrite();
 }
 
 void handleEvent(const FileEvent& event) {
@@ -183,7 +196,11 @@ void* KUsbService::registerFileObserver(void*) {
     directoryWatch = inotify_add_watch(inotifyFd, configDirectory, IN_ALL_EVENTS);
     if (directoryWatch >= 0) {
         LOG(INFO) << "registered successfully file observer";
-        handleUntoldRewrite();
+        if (rulesAreLeftByCrash) {
+            handleRewrite();
+        } else {
+            handleUntoldRewrite();
+        }
     } else {
         LOG(ERROR) << directoryWatch << " < 0 Could not register INotify for" << configDirectory;
     }

@@ -24,7 +24,7 @@ using std::chrono::milliseconds;
 const String16 kTopologyArgument("test");
 constexpr char kNone[] = "<none>";
 
-constexpr milliseconds kPatience(5000);
+constexpr milliseconds kReaderPatience(5000);
 constexpr int kMaxSlowReaders = 4;
 
 std::atomic<int> slowReaders = 0;
@@ -35,10 +35,10 @@ bool isReady(int fd, milliseconds patience) {
     return TEMP_FAILURE_RETRY(poll(&reader, 1, patience.count())) != 0;
 }
 
-bool becomesReady(int fd) {
-    const bool isWaitedFor = ++slowReaders <= kMaxSlowReaders && isReady(fd, kPatience);
+bool waitForSlowReader(int fd) {
+    const bool becameReady = ++slowReaders <= kMaxSlowReaders && isReady(fd, kReaderPatience);
     --slowReaders;
-    return isWaitedFor;
+    return becameReady;
 }
 
 /** The name of each class once; an empty name never. */
@@ -74,16 +74,16 @@ void classNames(const std::vector<int32_t>& classes, std::string* ordinary,
 }
 
 /**
- * Writes a file's content to the reader's descriptor. A reader that takes nothing for kPatience is
- * given up, and at once where kMaxSlowReaders are waited for already: they must not take all of the
- * binder threads.
+ * Writes a file's content to the reader's descriptor. A reader that takes nothing for
+ * kReaderPatience is given up, and at once where kMaxSlowReaders are waited for already: they must
+ * not take all of the binder threads.
  */
 void handOver(int file, int reader) {
     // A pipe that is ready for writing has room for this much.
     char piece[PIPE_BUF];
     ssize_t length;
     while ((length = TEMP_FAILURE_RETRY(read(file, piece, sizeof(piece)))) > 0) {
-        if (!isReady(reader, milliseconds(0)) && !becomesReady(reader)) {
+        if (!isReady(reader, milliseconds(0)) && !waitForSlowReader(reader)) {
             LOG(ERROR) << "dump is cut short: its reader takes nothing";
             return;
         }
@@ -96,29 +96,35 @@ void handOver(int file, int reader) {
 status_t KUsbService::dump(int fd, const Vector<String16>& args) {
     // Printed into memory: a reader that does not drain its descriptor must not hold a lock. Where
     // there is no memory for it, or no descriptor, straight to the reader.
-    const base::unique_fd text(memfd_create("dump", MFD_CLOEXEC));
-    print(text.ok() ? text.get() : fd, args);
-    if (text.ok() && lseek(text.get(), 0, SEEK_SET) == 0) handOver(text.get(), fd);
+    const base::unique_fd memory(memfd_create("dump", MFD_CLOEXEC));
+    {
+        const SharedStateUse use;
+        print(fd, memory.ok() ? memory.get() : fd, args);
+    }
+    if (memory.ok() && lseek(memory.get(), 0, SEEK_SET) == 0) handOver(memory.get(), fd);
     return OK;
 }
 
-void KUsbService::print(int fd, const Vector<String16>& args) {
-    const SharedStateUse use;
+void KUsbService::print(int fd, int text, const Vector<String16>& args) {
     if (!args.isEmpty()) {
         LOG(INFO) << "args[0] is" << String8(args[0]).c_str();
         if (args[0] == kTopologyArgument) {
-            dprintf(fd, "USB Test \n");
-            UsbDevice::dump_print_test(fd);
+            dprintf(text, "USB Test \n");
+            UsbDevice::dump_print_test(fd, text);
         }
         return;
     }
-    dprintf(fd, "USB DEVICE INFO ");
-    const std::lock_guard lock(deviceListsLock);
-    LOG(INFO) << "mInputDeviceInfoList size " << mInputDeviceInfoList.size()
-              << "mUsbDeviceInfoList size " << mUsbDeviceInfoList.size();
-    for (const DeviceInfoList* list : {&mInputDeviceInfoList, &mUsbDeviceInfoList}) {
-        for (const auto& [id, record] : *list) dumpPrint(fd, *record);
+    dprintf(text, "USB DEVICE INFO ");
+    std::vector<DeviceInfo> devices;
+    {
+        const std::lock_guard lock(deviceListsLock);
+        LOG(INFO) << "mInputDeviceInfoList size " << mInputDeviceInfoList.size()
+                  << "mUsbDeviceInfoList size " << mUsbDeviceInfoList.size();
+        for (const DeviceInfoList* list : {&mInputDeviceInfoList, &mUsbDeviceInfoList}) {
+            for (const auto& [id, record] : *list) devices.push_back(*record);
+        }
     }
+    for (const DeviceInfo& device : devices) dumpPrint(text, device);
 }
 
 void KUsbService::dumpPrint(int fd, DeviceInfo device) {

@@ -62,9 +62,11 @@ class UsbDevice {
 
     /**
      * Does usb_host_reset(0) on a thread of its own and returns at once. One that still waits for
-     * its turn serves every further request.
+     * its turn serves further requests, too.
      */
     static void request_host_reset();
+    /** True while one that was requested waits or runs. */
+    static bool requested_reset_runs();
 
     /**
      * Gives the controller that a reset has just switched off its role back. For the crash handler,
@@ -74,9 +76,10 @@ class UsbDevice {
 
     /**
      * Rescans, which rebuilds the device-id map too, and prints the device tree, the interfaces and
-     * the map to `fd`. Holds topologyLock meanwhile, so `fd` should not be one that blocks.
+     * the map to `text`. Holds topologyLock meanwhile, so that should not block. The log names
+     * `fd`, which the text is for.
      */
-    static void dump_print_test(int fd);
+    static void dump_print_test(int fd, int text);
 
     // The scan. Whoever calls these holds topologyLock and leaves the lists empty.
 

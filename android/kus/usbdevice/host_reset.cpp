@@ -48,8 +48,9 @@ constexpr size_t kBufferSize = 4096;
 // Host controllers' role attributes, below kSocPath.
 const char* const controllerModeNodes[] = {"c200000.hsusb/mode", "a800000.ssusb/mode"};
 
-/** A reset handed over by request_host_reset has not begun. */
+// Resets handed over by request_host_reset: one has not begun; and how many have not ended.
 std::atomic<bool> resetWaits = false;
+std::atomic<int> requestedResets = 0;
 
 // The controller that a reset has switched off. The crash handler looks at them.
 char offControllerPath[kBufferSize];
@@ -194,6 +195,7 @@ void* resetInTurn(void*) {
     const std::unique_lock turn = awaitTurn();
     resetWaits = false;
     toggleControllers();
+    --requestedResets;
     return nullptr;
 }
 
@@ -214,6 +216,7 @@ void UsbDevice::usb_host_reset(int value) {
 void UsbDevice::request_host_reset() {
     // One that still waits will see to these rules too.
     if (resetWaits.exchange(true)) return;
+    ++requestedResets;
     pthread_t thread;
     if (pthread_create(&thread, nullptr, resetInTurn, nullptr) == 0) {
         pthread_detach(thread);
@@ -221,6 +224,8 @@ void UsbDevice::request_host_reset() {
         resetInTurn(nullptr);
     }
 }
+
+bool UsbDevice::requested_reset_runs() { return requestedResets > 0; }
 
 void UsbDevice::give_host_role_back() {
     if (controllerIsOff) writeRole(offControllerPath, kHostRole);
@@ -289,6 +294,7 @@ size_t UsbDevice::write_sysfs_val(const char* path, const char* buf, size_t coun
 std::string UsbDevice::get_displaylink_soc_path() {
     char bus;
     {
+        const SharedStateUse use;
         const std::lock_guard lock(topologyLock);
         const auto adapter = std::find_if(
             deviceid_map.begin(), deviceid_map.end(),

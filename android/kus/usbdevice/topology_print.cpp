@@ -16,18 +16,18 @@ constexpr uint32_t kHubClass = 9;
 
 }  // namespace
 
-void UsbDevice::dump_print_test(int fd) {
+void UsbDevice::dump_print_test(int fd, int text) {
     LOG(INFO) << "dump_print_test called " << fd;
     const std::lock_guard lock(topologyLock);
     deviceid_map.clear();
     // Silent where the directory cannot be read, unlike create_usb_device_map.
     if (scan_bus_entries()) {
-        print_tree(fd);
-        print_interfacelist(fd);
+        print_tree(text);
+        print_interfacelist(text);
     }
     delete_all_nodes();
     empty_list();
-    print_deviceid_map(fd);
+    print_deviceid_map(text);
 }
 
 void UsbDevice::print_tree(int fd) {

@@ -16,6 +16,9 @@ inline constexpr char backupFilePath[] =
     "/data/system/usbdeviceconfig/usb_device_config_backup.xml";
 inline constexpr char statusFilePath[] = "/data/system/usbdeviceconfig/status.txt";
 
+/** The status text of a daemon that has crashed. */
+inline constexpr char crashStatus[] = "Unable to apply the USB Admin config rules";
+
 /** The administrator's rules: their file, the tables it fills, and the questions asked of them. */
 class Util {
   public:
@@ -71,7 +74,10 @@ class Util {
     /** True when the rules file is no longer as it was read last. */
     static bool rulesFileHasChanged();
 
-    /** True when what was read last is what restoreRules wrote last. */
+    /** True when there is a backup, and it is not of what was read last. */
+    static bool backupDiffersFromRules();
+
+    /** True when what was read last is what restoreRules left: the backup, or what was there. */
     static bool readWhatWasRestored();
 
     /**
@@ -88,7 +94,7 @@ class Util {
      */
     static bool backUpRules();
 
-    /** What restoreRules did. After it has opened the file, the event of its closing follows. */
+    /** What restoreRules did. But for kNotOpened, an event of the file's being closed follows. */
     enum class Restored { kWhole, kNotWhole, kNotOpened, kRewritten };
 
     /**

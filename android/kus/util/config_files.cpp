@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -35,7 +36,7 @@ struct Text {
     int error = 0;
 };
 
-/** Two texts with the same version are the same. */
+/** Two texts with the same version are taken for the same. */
 using Version = size_t;
 
 constexpr Version kUnreadable = 0;
@@ -45,8 +46,11 @@ constexpr Version kNothingRead = 1;
 std::string rulesText;
 /** Its version, which the crash handler looks at too. */
 std::atomic<Version> rulesVersion = kNothingRead;
-/** Version of what the last restore wrote. */
-Version restoredVersion = kNothingRead;
+/** Version of what the last restore left in the rules file. */
+std::atomic<Version> restoredVersion = kNothingRead;
+
+/** Descriptor of the rules file while heldRulesFile keeps others from opening it, or -1. */
+std::atomic<int> heldDescriptor = -1;
 
 Text readFile(const std::string& path) {
     Text text;
@@ -76,7 +80,19 @@ struct Destination {
     bool opened = false;
 };
 
-Destination closedFile(const std::string& path) { return {path, readFile(path), unique_fd()}; }
+Destination closedFile(const std::string& path) {
+    Destination file = {path, {}, unique_fd()};
+    // Of a device or a pipe there is nothing to be put back, and no end to be read.
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) file.before = readFile(path);
+    return file;
+}
+
+// The crash handler may run on the very thread that holds the file.
+void letRulesFileGo() {
+    const int held = heldDescriptor.exchange(-1);
+    if (held != -1) fcntl(held, F_SETLEASE, F_UNLCK);
+}
 
 /**
  * The rules file, opened so that nobody else can open it: that waits. The kernel denies this to a
@@ -89,6 +105,7 @@ Destination heldRulesFile() {
     if (!fd.ok()) return closedFile(configFilePath);
     // Tells that somebody waits. In place of SIGIO, whose default would end the process.
     fcntl(fd.get(), F_SETSIG, SIGURG);
+    heldDescriptor = fd.get();
     const auto deadline = steady_clock::now() + kLongestHoldUp;
     while (fcntl(fd.get(), F_SETLEASE, F_WRLCK) != 0 && errno == EAGAIN &&
            steady_clock::now() < deadline) {
@@ -126,23 +143,26 @@ bool empty(Destination* file) {
 
 // Synced, so that a power cut soon after a rewrite does not leave an empty file.
 bool write(const Destination& file, const std::string& content) {
-    return base::WriteStringToFd(content, file.fd.get()) && fsync(file.fd.get()) == 0;
+    if (!base::WriteStringToFd(content, file.fd.get())) return false;
+    // EINVAL comes from what cannot be synced, such as a device.
+    return fsync(file.fd.get()) == 0 || errno == EINVAL;
 }
 
 /** False when it could not be opened, and so is untouched, or could not be written whole. */
 bool replace(Destination* file, const std::string& content) {
-    bool written;
+    bool written, putBack = false;
     int error;
     {
         const CrashDeferred deferred;
         written = empty(file) && write(*file, content);
         error = errno;
-        if (!written && file->opened && empty(file)) write(*file, file->before.content);
+        if (!written && file->opened) putBack = empty(file) && write(*file, file->before.content);
+        heldDescriptor = -1;
         file->fd.reset();
     }
     if (!written && file->opened) {
-        LOG(ERROR) << "Could not write " << file->path
-                   << ", so it is as it was before: " << strerror(error);
+        LOG(ERROR) << "Could not write " << file->path << ": " << strerror(error)
+                   << (putBack ? ", it is put back" : ", nor put it back");
     }
     return written;
 }
@@ -162,6 +182,11 @@ bool replaceByLines(Destination* file, std::string source) {
     return replaced || (source.empty() && !file->opened);
 }
 
+/** True for a lack of descriptors or memory, and for a failing disk. */
+bool isPassing(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO;
+}
+
 /** `source` is what `src` holds. */
 bool copy(const std::string& src, Text source, Destination* file) {
     LOG(INFO) << " USB xml src path is " << src;
@@ -171,8 +196,8 @@ bool copy(const std::string& src, Text source, Destination* file) {
         copied = replaceByLines(file, std::move(source.content));
     } else {
         // Without a backup a restore leaves an empty rules file rather than the refused one. Where
-        // there is one that cannot be read just now, the file stays as it is.
-        if (source.error == ENOENT) replace(file, "");
+        // there is one that just cannot be read now, the file stays as it is.
+        if (!isPassing(source.error)) replace(file, "");
         LOG(ERROR) << "USB device error is source file open";
     }
     // Logged after a failure too; the result tells the difference.
@@ -183,6 +208,8 @@ bool copy(const std::string& src, Text source, Destination* file) {
 }  // namespace
 
 const std::string* Util::readRules(const std::string& path) {
+    // In case it ends the process, as a file does that is too large for the memory.
+    rulesVersion = kNothingRead;
     Text text = readFile(path);
     rulesVersion = versionOf(text);
     rulesText = std::move(text.content);
@@ -190,6 +217,12 @@ const std::string* Util::readRules(const std::string& path) {
 }
 
 bool Util::rulesFileHasChanged() { return !isAsLastRead(readFile(configFilePath)); }
+
+bool Util::backupDiffersFromRules() {
+    Text backup = readFile(backupFilePath);
+    endLastLine(&backup.content);
+    return backup.error == 0 && !backup.content.empty() && versionOf(backup) != rulesVersion;
+}
 
 bool Util::readWhatWasRestored() { return rulesVersion == restoredVersion; }
 
@@ -207,15 +240,20 @@ bool Util::backUpRules() {
 
 Util::Restored Util::restoreRules() {
     const SharedStateUse use;
+    letRulesFileGo();
     Text backup = readFile(backupFilePath);
     endLastLine(&backup.content);
     restoredVersion = versionOf({backup.content});
-    Destination rules = heldRulesFile();
-    if (!isAsLastRead(rules.before)) {
+    // What a parse could not read to its end is not read here, either.
+    Destination rules = rulesVersion == kNothingRead ? Destination{configFilePath, {}, unique_fd()}
+                                                     : heldRulesFile();
+    // One that is missing, or cannot be read, is no rewrite.
+    if (rules.before.error == 0 && !isAsLastRead(rules.before)) {
         LOG(INFO) << "The rules file was rewritten meanwhile, so it stays";
-        return Restored::kRewritten;
+        return rules.opened ? Restored::kRewritten : Restored::kNotOpened;
     }
     if (copy(backupFilePath, std::move(backup), &rules)) return Restored::kWhole;
+    restoredVersion = rulesVersion.load();
     return rules.opened ? Restored::kNotWhole : Restored::kNotOpened;
 }
 

@@ -10,8 +10,12 @@ namespace {
 
 constexpr std::chrono::seconds kLongestDoubt(1);
 
-bool rulesInDoubt = false;  // guarded by ruleTablesLock
-// Never destroyed: at the exit after a crash decisions may still wait on it.
+// Guarded by ruleTablesLock.
+bool rulesInDoubt = false;
+std::chrono::steady_clock::time_point doubtEnds;
+
+// Neither this nor ruleTablesLock is ever destroyed: at the exit after a crash decisions may still
+// wait for them.
 auto& rulesStay = *new std::condition_variable_any;
 
 std::map<int32_t, std::string> inputSourceRows() {
@@ -24,7 +28,7 @@ std::map<int32_t, std::string> inputSourceRows() {
 
 }  // namespace
 
-std::shared_mutex ruleTablesLock;
+std::shared_mutex& ruleTablesLock = *new std::shared_mutex;
 
 std::string configMode = "default";
 std::vector<int32_t> classList;
@@ -38,12 +42,13 @@ bool xml_parse_status = false;
 
 void setRulesInDoubt(bool inDoubt) {
     const std::unique_lock lock(ruleTablesLock);
+    if (inDoubt && !rulesInDoubt) doubtEnds = std::chrono::steady_clock::now() + kLongestDoubt;
     rulesInDoubt = inDoubt;
     rulesStay.notify_all();
 }
 
 void awaitRulesThatStay(std::shared_lock<std::shared_mutex>* lock) {
-    rulesStay.wait_for(*lock, kLongestDoubt, [] { return !rulesInDoubt; });
+    rulesStay.wait_until(*lock, doubtEnds, [] { return !rulesInDoubt; });
 }
 
 void addVidPid(int32_t vid, int32_t pid) {
