@@ -51,29 +51,26 @@ bool isHost(const std::string& modeFile) {
     return StartsWith(role, "host");
 }
 
+void takeRole(const std::string& modeFile) {
+    std::lock_guard<std::mutex> guard(lock);
+    roles.push({Dirname(modeFile), isHost(modeFile)});
+    written.notify_one();
+}
+
 // Nothing may hold this thread up, or it reads the second of two roles only: neither other threads
 // nor the time that the kernel takes to remove devices.
-void watchModeFiles() {
+void followModeFiles(int inotify, const std::map<int, std::string>& watches) {
     sched_param priority = {};
     priority.sched_priority = 1;
     pthread_setschedparam(pthread_self(), SCHED_FIFO, &priority);
 
-    const int inotify = inotify_init1(IN_CLOEXEC);
-    if (inotify == -1) PLOG(FATAL) << "no inotify";
-    std::map<int, std::string> watches;
-    for (const std::string& file : filesLike("/sys/devices/platform/soc/*/mode")) {
-        watches[inotify_add_watch(inotify, file.c_str(), IN_CLOSE_WRITE)] = file;
-    }
     while (true) {
         // The watched files are no directories, so that events carry no names.
         std::array<inotify_event, 64> events;
         const ssize_t size = TEMP_FAILURE_RETRY(read(inotify, events.data(), sizeof(events)));
         if (size <= 0) PLOG(FATAL) << "cannot read inotify events";
         for (size_t i = 0; i < size / sizeof(inotify_event); ++i) {
-            const std::string& file = watches[events[i].wd];
-            std::lock_guard<std::mutex> guard(lock);
-            roles.push({Dirname(file), isHost(file)});
-            written.notify_one();
+            takeRole(watches.at(events[i].wd));
         }
     }
 }
@@ -103,7 +100,15 @@ void applyRoles() {
 }  // namespace
 
 void startRoleSwitch() {
-    std::thread(watchModeFiles).detach();
+    const int inotify = inotify_init1(IN_CLOEXEC);
+    if (inotify == -1) PLOG(FATAL) << "no inotify";
+    std::map<int, std::string> watches;
+    for (const std::string& file : filesLike("/sys/devices/platform/soc/*/mode")) {
+        watches[inotify_add_watch(inotify, file.c_str(), IN_CLOSE_WRITE)] = file;
+        // It may have changed while nobody watched.
+        takeRole(file);
+    }
+    std::thread(followModeFiles, inotify, watches).detach();
     std::thread(applyRoles).detach();
 }
 

@@ -2,6 +2,7 @@
 
 // The platform's part towards the daemon: asks it about every USB and input device that is
 // attached, tells it what is removed, and keeps refused input devices silent.
+#include <android-base/file.h>
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
@@ -39,6 +40,8 @@ namespace emulator {
 namespace {
 
 constexpr char kDecisionsPath[] = "/data/log/decisions";
+// Tells `services` that what is written to the controllers' role files from now on has its effect.
+constexpr char kReadyPath[] = "/run/services/usb_host_stack.ready";
 constexpr int kServicePollMs = 100;
 
 class DeathNotice : public IBinder::DeathRecipient {
@@ -217,5 +220,8 @@ class UsbHostStack {
 int main() {
     android::ProcessState::self()->startThreadPool();
     emulator::startRoleSwitch();
+    if (!android::base::WriteStringToFile("", emulator::kReadyPath)) {
+        PLOG(FATAL) << "cannot write " << emulator::kReadyPath;
+    }
     emulator::UsbHostStack().run();
 }

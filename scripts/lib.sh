@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 
 # shellcheck shell=bash
-# Shared by the scripts beside it.
+# Shared by the scripts beside it and by emulator/run.
 repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 # What the virtual device runs.
@@ -50,8 +50,11 @@ build_native() {
     cmake -G Ninja -S "$repo" -B "$build" -DKUS_SANITIZER="$2" && ninja -C "$build" "${@:3}"
 }
 
+# build_arm64 DIR SANITIZER TARGET...: for the virtual device.
+build_arm64() {
+    CMAKE_TOOLCHAIN_FILE=$repo/cmake/arm64.cmake build_native "$@"
+}
+
 build_for_device() {
-    cmake -G Ninja -S "$repo" -B "$repo/build/arm64" \
-        -DCMAKE_TOOLCHAIN_FILE="$repo/cmake/arm64.cmake" &&
-        ninja -C "$repo/build/arm64" "$@"
+    build_arm64 arm64 '' "$@"
 }

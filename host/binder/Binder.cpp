@@ -64,7 +64,9 @@ status_t BBinder::onTransact(uint32_t code, const Parcel& data, Parcel* reply, u
             const int fd = data.readFileDescriptor();
             if (fd < 0) return BAD_VALUE;
             Vector<String16> args;
-            for (int32_t count = data.readInt32(); count > 0 && data.dataAvail() > 0; --count) {
+            // No argument takes less than its length, whatever the count claims.
+            for (int32_t count = data.readInt32(); count > 0 && data.dataAvail() >= sizeof(int32_t);
+                 --count) {
                 args.add(data.readString16());
             }
             return dump(fd, args);

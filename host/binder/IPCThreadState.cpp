@@ -8,6 +8,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace android {
@@ -89,8 +90,12 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
         Parcel ignored;
         status = waitForResponse(reply ? reply : &ignored);
     }
-    // A thread that is no pool thread has no other occasion.
-    if (!mServingStackPointer) processPendingDerefs();
+    // A thread that is no pool thread may have no other occasion: until the driver has the answers
+    // to what it asked about a local object, it keeps that object.
+    if (!mServingStackPointer) {
+        processPendingDerefs();
+        flushCommands();
+    }
     return status;
 }
 
@@ -175,7 +180,14 @@ status_t IPCThreadState::talkWithDriver(bool doReceive) {
         bwr.read_buffer = reinterpret_cast<uintptr_t>(mIn.data());
     }
     while (ioctl(mProcess->mDriverFD, BINDER_WRITE_READ, &bwr) < 0) {
-        if (errno != EINTR) return -errno;
+        if (errno == EINTR) continue;
+        if (bwr.write_consumed == bwr.write_size) return -errno;
+        // The driver stops at a command that it refuses, and would again: it is left out.
+        uint32_t refused;
+        memcpy(&refused, mOut.data() + bwr.write_consumed, sizeof(refused));
+        PLOG(ERROR) << "the binder driver refuses command 0x" << std::hex << refused;
+        bwr.write_consumed = std::min<binder_size_t>(
+            bwr.write_consumed + sizeof(refused) + _IOC_SIZE(refused), bwr.write_size);
     }
 
     // After a transaction that failed, the driver takes no command before the failure is read.
@@ -258,11 +270,17 @@ status_t IPCThreadState::executeCommand(int32_t command) {
                     tr.offsets_size / sizeof(binder_size_t), freeBuffer, nullptr);
                 Parcel reply;
                 const status_t status = deliver(tr, data, &reply);
-                // Before the reply: the caller's next transaction may need the room.
+                // Before the reply: the caller's next transaction may need the room. Not before the
+                // call has ended: with this the driver lets the next one-way call to the same
+                // object go, to whichever thread is free.
                 data.freeData();
                 if (!(tr.flags & TF_ONE_WAY)) {
                     if (status != OK) reply.setError(status);
                     sendReply(reply, 0);
+                } else if (status != OK) {
+                    // Nobody else hears of it.
+                    LOG(WARNING) << "a one-way call with code " << tr.code << " ended with status "
+                                 << status;
                 }
             }
             mServingStackPointer = outerCall;

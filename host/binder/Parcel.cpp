@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <binder/BpBinder.h>
+#include <binder/IPCThreadState.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
+#include <binder/Stability.h>
 #include <fcntl.h>
 #include <linux/android/binder.h>
 #include <unistd.h>
-#include <utils/String8.h>
 #include <utils/Unicode.h>
 
 #include <algorithm>
@@ -17,7 +18,24 @@ namespace android {
 // Parcel.h declares the kernel's structure within this namespace.
 struct flat_binder_object : ::flat_binder_object {};
 
+using internal::Stability;
+
+// The words of a parcel are those that libbinder of API 34 writes (its Parcel.cpp), so that a
+// client or a service from there understands this one. What the driver does to an object on its way
+// is in the kernel's uapi/linux/android/binder.h.
 namespace {
+
+// A call starts with the caller's strict mode policy, the bit that asks for its violations to be
+// gathered always set; the uid that the work is for; and a mark that tells the libbinder of the
+// system from those of vendors and of the recovery, which may differ. Nothing here has a policy or
+// works for others.
+constexpr uint32_t kStrictModePolicy = 1u << 31;
+constexpr int32_t kWorkSource = IPCThreadState::kUnsetWorkSource;
+constexpr int32_t kHeader = B_PACK_CHARS('S', 'Y', 'S', 'T');
+
+// The nice value that an object's calls are served with at least. A handle and null carry it too.
+constexpr uint32_t kMinPriority = 19;
+constexpr uint32_t kFileFlags = 0x7f | FLAT_BINDER_FLAG_ACCEPTS_FDS;
 
 // Every item starts at a multiple of this many bytes.
 constexpr size_t kAlignment = 4;
@@ -33,15 +51,17 @@ flat_binder_object objectAt(const uint8_t* data, binder_size_t offset) {
     return object;
 }
 
-// A parcel that is being written holds what it refers to: it keeps the object itself in the cookie,
-// which the driver does not pass on, and for a descriptor whether to close it.
+// A parcel that is being written holds what it refers to. Of a descriptor the cookie says whether
+// to close it.
 void release(const flat_binder_object& object, const void* id) {
     switch (object.hdr.type) {
         case BINDER_TYPE_BINDER:
             reinterpret_cast<BBinder*>(object.cookie)->decStrong(id);
             break;
         case BINDER_TYPE_HANDLE:
-            reinterpret_cast<BpBinder*>(object.cookie)->decStrong(id);
+            ProcessState::self()
+                ->getStrongProxyForHandle(static_cast<int32_t>(object.handle))
+                ->decStrong(id);
             break;
         case BINDER_TYPE_FD:
             if (object.cookie) close(static_cast<int>(object.handle));
@@ -171,11 +191,19 @@ void Parcel::closeFileDescriptors() {
 
 // The interface that a call is meant for.
 
-status_t Parcel::writeInterfaceToken(const String16& interface) { return writeString16(interface); }
+status_t Parcel::writeInterfaceToken(const String16& interface) {
+    writeUint32(kStrictModePolicy);
+    writeInt32(kWorkSource);
+    writeInt32(kHeader);
+    return writeString16(interface);
+}
 
 bool Parcel::enforceInterface(const String16& interface, IPCThreadState*) const {
-    String16 token;
-    return readString16(&token) == OK && token == interface;
+    uint32_t policy;
+    int32_t workSource, header;
+    String16 name;
+    return readUint32(&policy) == OK && readInt32(&workSource) == OK && readInt32(&header) == OK &&
+           header == kHeader && readString16(&name) == OK && name == interface;
 }
 
 bool Parcel::checkInterface(IBinder* binder) const {
@@ -309,29 +337,7 @@ status_t Parcel::readByte(int8_t* pArg) const {
     return status;
 }
 
-// Strings: the length in characters, -1 for none at all, then the characters and a NUL.
-
-status_t Parcel::writeString8(const String8& str) {
-    const status_t status = writeInt32(static_cast<int32_t>(str.bytes()));
-    return status == OK ? write(str.string(), str.bytes() + 1) : status;
-}
-
-String8 Parcel::readString8() const {
-    String8 result;
-    readString8(&result);
-    return result;
-}
-
-status_t Parcel::readString8(String8* pArg) const {
-    int32_t size;
-    const status_t status = readInt32(&size);
-    if (status != OK) return status;
-    if (size < 0) return UNEXPECTED_NULL;
-    const void* str = readInplace(size_t(size) + 1);
-    if (!str) return NOT_ENOUGH_DATA;
-    pArg->setTo(static_cast<const char*>(str), size_t(size));
-    return OK;
-}
+// Strings: the length in UTF-16 units, -1 for none at all, then the units and a NUL.
 
 status_t Parcel::writeString16(const String16& str) {
     return writeString16(str.string(), str.size());
@@ -382,10 +388,12 @@ const char16_t* Parcel::readString16Inplace(size_t* outLen) const {
     *outLen = 0;
     int32_t size;
     if (readInt32(&size) != OK || size < 0) return nullptr;
-    const void* str = readInplace((size_t(size) + 1) * sizeof(char16_t));
-    if (!str) return nullptr;
+    const auto* str =
+        static_cast<const char16_t*>(readInplace((size_t(size) + 1) * sizeof(char16_t)));
+    // A sender may have put it at an odd place.
+    if (!str || memcmp(str + size, u"", sizeof(char16_t)) != 0) return nullptr;
     *outLen = size_t(size);
-    return static_cast<const char16_t*>(str);
+    return str;
 }
 
 status_t Parcel::writeUtf8AsUtf16(const std::string& str) {
@@ -511,47 +519,55 @@ const flat_binder_object* Parcel::readObject(bool nullMetaData) const {
     const flat_binder_object object = objectAt(mData, offset);
     const bool translated =
         std::find(mObjects, mObjects + mObjectsSize, offset) != mObjects + mObjectsSize;
+    const bool null =
+        object.hdr.type == BINDER_TYPE_BINDER && object.binder == 0 && object.cookie == 0;
     // What looks like an object but was not translated is the sender's invention.
-    if (!translated && (nullMetaData || object.binder != 0 || object.cookie != 0)) return nullptr;
+    if (!translated && (nullMetaData || !null)) return nullptr;
     return static_cast<const flat_binder_object*>(place);
 }
+
+// Behind each binder stands its stability: who may call it.
 
 status_t Parcel::flattenBinder(const sp<IBinder>& binder) {
     flat_binder_object object{};
     object.hdr.type = BINDER_TYPE_BINDER;
-    object.flags = FLAT_BINDER_FLAG_ACCEPTS_FDS;
-    if (binder == nullptr) return writeObject(object, false);
-
-    if (BBinder* local = binder->localBinder()) {
+    object.flags = kMinPriority;
+    if (BBinder* local = binder != nullptr ? binder->localBinder() : nullptr) {
+        object.flags |= FLAT_BINDER_FLAG_ACCEPTS_FDS;
         object.binder = reinterpret_cast<uintptr_t>(local->getWeakRefs());
         object.cookie = reinterpret_cast<uintptr_t>(local);
-    } else if (BpBinder* proxy = binder->remoteBinder()) {
+    } else if (binder != nullptr) {
         object.hdr.type = BINDER_TYPE_HANDLE;
-        object.handle = static_cast<uint32_t>(proxy->handle());
-        object.cookie = reinterpret_cast<uintptr_t>(proxy);
-    } else {
-        return BAD_TYPE;
+        object.handle = static_cast<uint32_t>(binder->remoteBinder()->handle());
     }
-    const status_t status = writeObject(object, true);
-    if (status == OK) binder->incStrong(this);
-    return status;
+    // The context manager's handle 0 is one to translate, too.
+    const status_t status = writeObject(object, binder != nullptr);
+    if (status != OK) return status;
+    if (binder != nullptr) binder->incStrong(this);
+    return writeInt32(Stability::get(binder.get()));
 }
 
 status_t Parcel::unflattenBinder(sp<IBinder>* out) const {
     const size_t offset = mDataPos;
     if (!readObject(false)) return BAD_TYPE;
     const flat_binder_object object = objectAt(mData, offset);
+    sp<IBinder> binder;
     switch (object.hdr.type) {
         case BINDER_TYPE_BINDER:
-            *out = reinterpret_cast<BBinder*>(object.cookie);
-            return OK;
+            binder = reinterpret_cast<BBinder*>(object.cookie);
+            break;
         case BINDER_TYPE_HANDLE:
-            *out =
+            binder =
                 ProcessState::self()->getStrongProxyForHandle(static_cast<int32_t>(object.handle));
-            return OK;
+            break;
         default:
             return BAD_TYPE;
     }
+    int32_t stability;
+    status_t status = readInt32(&stability);
+    if (status == OK) status = Stability::set(binder.get(), stability, true);
+    if (status == OK) *out = binder;
+    return status;
 }
 
 status_t Parcel::writeStrongBinder(const sp<IBinder>& val) { return flattenBinder(val); }
@@ -572,6 +588,7 @@ status_t Parcel::readNullableStrongBinder(sp<IBinder>* val) const { return unfla
 status_t Parcel::writeFileDescriptor(int fd, bool takeOwnership) {
     flat_binder_object object{};
     object.hdr.type = BINDER_TYPE_FD;
+    object.flags = kFileFlags;
     object.handle = static_cast<uint32_t>(fd);
     object.cookie = takeOwnership;
     return writeObject(object, true);

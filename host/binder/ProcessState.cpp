@@ -4,6 +4,7 @@
 #include <binder/IPCThreadState.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
+#include <binder/Stability.h>
 #include <fcntl.h>
 #include <linux/android/binder.h>
 #include <pthread.h>
@@ -67,7 +68,11 @@ sp<IBinder> ProcessState::getContextObject(const sp<IBinder>&) {
     Parcel reply;
     const status_t status =
         IPCThreadState::self()->transact(0, IBinder::PING_TRANSACTION, data, &reply, 0);
-    return status == OK ? getStrongProxyForHandle(0) : nullptr;
+    if (status != OK) return nullptr;
+    const sp<IBinder> context = getStrongProxyForHandle(0);
+    // No parcel that it came in says so.
+    internal::Stability::markCompilationUnit(context.get());
+    return context;
 }
 
 bool ProcessState::becomeContextManager(context_check_func, void*) {

@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "device_test.h"
 #include "process.h"
@@ -13,6 +14,7 @@ namespace {
 
 constexpr char kSelf[] = "/proc/self/exe";
 constexpr char kClientRole[] = "--client";
+constexpr char kHungClientRole[] = "--hung-client";
 constexpr char kCallerRole[] = "--caller";
 
 constexpr auto kCallingTime = 1s;
@@ -32,9 +34,17 @@ class PrintingCallback : public BnKUsbServiceCallback {
     }
 };
 
-int runClient(int registrations) {
+class HungCallback : public BnKUsbServiceCallback {
+    binder::Status onDeviceAdded(const DeviceInfo&) override { return hang(); }
+    binder::Status onDeviceRemoved(const DeviceInfo&) override { return hang(); }
+
+    static binder::Status hang() {
+        while (true) pause();
+    }
+};
+
+int runClient(const sp<IKUsbServiceCallback>& callback, int registrations) {
     ProcessState::self()->startThreadPool();
-    const sp<PrintingCallback> callback = new PrintingCallback();
     for (int i = 0; i < registrations; ++i) service()->registerKusCallback(callback);
     puts("registered");
     while (getchar() != EOF) {
@@ -62,13 +72,23 @@ int runCaller() {
 
 int runAsClient(int argc, char** argv) {
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    if (argc == 3 && strcmp(argv[1], kClientRole) == 0) return runClient(atoi(argv[2]));
+    if (argc == 3 && strcmp(argv[1], kClientRole) == 0) {
+        return runClient(new PrintingCallback(), atoi(argv[2]));
+    }
+    if (argc == 3 && strcmp(argv[1], kHungClientRole) == 0) {
+        return runClient(new HungCallback(), atoi(argv[2]));
+    }
     if (argc == 2 && strcmp(argv[1], kCallerRole) == 0) return runCaller();
     return -1;
 }
 
-Client::Client(int registrations) : Process({kSelf, kClientRole, std::to_string(registrations)}) {
-    EXPECT_EQ(line(), "registered");
+Client::Client(int registrations, bool hangs)
+    : Process({kSelf, hangs ? kHungClientRole : kClientRole, std::to_string(registrations)}) {
+    // After a notice, perhaps.
+    std::string printed;
+    do printed = line();
+    while (!printed.empty() && printed != "registered");
+    EXPECT_EQ(printed, "registered");
 }
 
 Caller::Caller() : Process({kSelf, kCallerRole}) { EXPECT_EQ(line(), "ready"); }

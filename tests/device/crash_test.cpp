@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/strings.h>
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
+#include <inttypes.h>
 #include <signal.h>
+#include <string.h>
+#include <unistd.h>
 
-#include <algorithm>
-#include <map>
+#include <array>
 #include <memory>
 #include <random>
 #include <thread>
@@ -15,6 +19,10 @@
 namespace android::kus {
 namespace {
 
+using android::base::Trim;
+using std::chrono::duration_cast;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 using std::this_thread::sleep_for;
 using testing::HasSubstr;
 
@@ -34,9 +42,13 @@ class CrashTest : public DeviceTest {
 
     void TearDown() override {
         daemon_.reset();
-        // A daemon that ends in the middle of a reset leaves its controller without a role.
-        shell("for mode in /sys/devices/platform/soc/*/mode; do printf host >$mode; done");
+        giveRolesBack();
         shell("services start kusd");
+    }
+
+    // A daemon that is killed in the middle of a reset leaves its controller without a role.
+    void giveRolesBack() {
+        shell("for mode in /sys/devices/platform/soc/*/mode; do printf host >$mode; done");
     }
 
     void startDaemon() {
@@ -59,6 +71,8 @@ class CrashTest : public DeviceTest {
         EXPECT_FALSE(isAllowed({1}));
         EXPECT_EQ(contentOf(statusFilePath), "SUCCESS");
     }
+
+    void crashAroundRewrites(int crashes);
 
     std::string good_;
     std::unique_ptr<Process> daemon_;
@@ -116,41 +130,180 @@ TEST_F(CrashTest, ARefusedRegistrationRestoresTheRules) {
     shell("services start servicemanager usb_host_stack");
 }
 
-std::string stateOf(const std::string& path, const std::vector<std::string>& whole) {
-    const std::string content = contentOf(path);
-    if (content.empty()) return "empty";
-    return std::find(whole.begin(), whole.end(), content) != whole.end() ? "whole" : "torn";
-}
-
-TEST_F(CrashTest, AKilledDaemonAlwaysStartsAgain) {
-    const std::string allowing = rulesText("whitelist", kStorageAllowed);
-    const std::string refusing = rulesText("blacklist", kStorageAllowed);
-    const std::vector<std::string> texts = {base::Trim(allowing), base::Trim(refusing), "<broken"};
-    std::mt19937 random(1);
-    std::map<std::string, int> states;
-    for (int i = 0; i < (fullRun() ? 50 : 8); ++i) {
-        startDaemon();
-        awaitDaemon();
-        const auto end =
-            std::chrono::steady_clock::now() + std::chrono::milliseconds(random() % 400);
-        while (std::chrono::steady_clock::now() < end) {
-            writeFile(configFilePath, random() % 3 == 0 ? "<broken"
-                                      : random() % 2    ? allowing
-                                                        : refusing);
-            sleep_for(std::chrono::milliseconds(random() % 40));
-        }
-        daemon_->kill(SIGKILL);
-        EXPECT_EQ(daemon_->exitStatus(), -SIGKILL);
-        ++states["rules " + stateOf(configFilePath, texts)];
-        ++states["backup " + stateOf(backupFilePath, texts)];
-        ++states[contentOf(statusFilePath).empty() ? "status empty" : "status whole"];
+/** A journalled file system in place of the daemon's directory, for as long as this lives. */
+class Ext4 {
+  public:
+    Ext4() {
+        shell("zcat /lib/ext4.gz >/tmp/ext4");
+        shell(std::string("mount -o loop /tmp/ext4 ") + configDirectory);
     }
-    for (const auto& [state, times] : states)
-        printf("found after SIGKILL: %s %d times\n", state.c_str(), times);
-    writeFile(configFilePath, allowing);
+    ~Ext4() { shell(std::string("umount ") + configDirectory + "; rm /tmp/ext4"); }
+};
+
+// A rewrite of many lines, and a crash at any moment of what the daemon does about it. The files
+// are judged as the crash leaves them, and so is the daemon that starts from them.
+void CrashTest::crashAroundRewrites(int crashes) {
+    constexpr int kLines = 100;
+    // The kernel gives the signal to the main thread. In the middle of a decision that would often
+    // hold the log's lock, for which the handler waits until it is ended.
+    const NoHostStack alone;
+    std::mt19937 random(1);
     startDaemon();
     awaitDaemon();
-    EXPECT_TRUE(isAllowed({8}));
+    Rules::rewrite(kLines);
+    const auto start = steady_clock::now();
+    Rules accepted = Rules::rewrite(kLines);
+    const int span = duration_cast<milliseconds>(steady_clock::now() - start).count() * 3 / 2;
+    int empty = 0;
+    for (int i = 0; i < crashes; ++i) {
+        const bool good = random() % 3 != 0;
+        const Rules next = Rules::next(kLines);
+        std::string written = next.text;
+        if (!good) written.insert(written.rfind("</"), "<refused/>");
+        const int signal = std::array{SIGKILL, SIGSEGV, SIGABRT}[random() % 3];
+        const int delay = random() % span;
+        SCOPED_TRACE(std::to_string(i) + (good ? ": good, " : ": refused, ") +
+                     std::to_string(delay) + " ms, signal " + std::to_string(signal));
+        writeFile(configFilePath, written);
+        sleep_for(milliseconds(delay));
+        daemon_->kill(signal);
+        ASSERT_TRUE(daemon_->ends());
+        EXPECT_EQ(daemon_->exitStatus(), signal == SIGKILL ? -SIGKILL : signal);
+
+        const std::string rules = contentOf(configFilePath), backup = contentOf(backupFilePath);
+        if (signal != SIGKILL) {
+            EXPECT_EQ(contentOf(statusFilePath), kCrashStatus);
+        }
+        // Between truncation and the one write that follows it a file is empty, for microseconds.
+        const bool rulesEmpty = signal == SIGKILL && rules.empty();
+        const bool backupEmpty = signal == SIGKILL && backup.empty();
+        empty += rulesEmpty || backupEmpty;
+        ASSERT_FALSE(rulesEmpty && backupEmpty);
+        ASSERT_TRUE(rulesEmpty || rules == Trim(written) || rules == Trim(accepted.text)) << rules;
+        ASSERT_TRUE(backupEmpty || backup == Trim(accepted.text) ||
+                    (good && backup == Trim(written)))
+            << backup;
+
+        startDaemon();
+        awaitDaemon();
+        if (rules == Trim(accepted.text) || good) {
+            const Rules& expected = rules == Trim(next.text) ? next : accepted;
+            EXPECT_TRUE(rulesEmpty || expected.areAccepted());
+            accepted = expected;
+        }
+        // From an empty file it starts in mode "default".
+        EXPECT_TRUE(rulesEmpty || !isKeyboardAllowed());
+        if (rulesEmpty || !accepted.areAccepted()) accepted = Rules::rewrite(kLines);
+    }
+    printf("%d crashes within %d ms of a rewrite; one of the files empty after %d\n", crashes, span,
+           empty);
+    EXPECT_LE(empty, crashes / 100);
+}
+
+TEST_F(CrashTest, ACrashAroundARewriteLeavesGoodRules) { crashAroundRewrites(fullRun() ? 500 : 8); }
+
+TEST_F(CrashTest, ACrashAroundARewriteLeavesGoodRulesOnAJournalledFileSystem) {
+    const Ext4 files;
+    crashAroundRewrites(fullRun() ? 500 : 8);
+    daemon_.reset();
+}
+
+TEST_F(CrashTest, ACrashInTheMiddleOfAResetGivesTheRoleBack) {
+    const std::string hsusb = "/sys/devices/platform/soc/c200000.hsusb/mode";
+    const std::string ssusb = "/sys/devices/platform/soc/a800000.ssusb/mode";
+    const struct {
+        int signal;
+        int waitMs;
+        std::string controller;
+    } cases[] = {
+        // A wait is between the roles of the adapter's controller.
+        {SIGSEGV, 0, hsusb},
+        {SIGABRT, 30000, ssusb},
+        {SIGKILL, 30000, ssusb},
+    };
+    const Plugged adapter("dock", "--vendor 0x17E9 --product 0x6000 --network --port 3");
+    for (const auto& crash : cases) {
+        SCOPED_TRACE(crash.signal);
+        startDaemon();
+        awaitDaemon();
+        adapter.decision();
+        std::thread reset([&] { service()->resetUsbDevices(crash.waitMs); });
+        const auto none = [&] { return contentOf(crash.controller) == "none"; };
+        for (const auto end = steady_clock::now() + 30s; !none() && steady_clock::now() < end;) {
+            sleep_for(1ms);
+        }
+        daemon_->kill(SIGSTOP);
+        EXPECT_TRUE(none());
+        daemon_->kill(crash.signal);
+        daemon_->kill(SIGCONT);
+        ASSERT_TRUE(daemon_->ends());
+        daemon_->exitStatus();
+        reset.join();
+        if (crash.signal == SIGKILL) {
+            startDaemon();
+            awaitDaemon();
+            printf("started after SIGKILL in the middle of a reset: the controller's role is %s\n",
+                   contentOf(crash.controller).c_str());
+        } else {
+            EXPECT_EQ(contentOf(hsusb), "host");
+            EXPECT_EQ(contentOf(ssusb), "host");
+        }
+        giveRolesBack();
+    }
+}
+
+/**
+ * Makes the unused rest of every arena of a process look larger than it can be, for which glibc's
+ * malloc aborts while it holds the arena's lock. The rest's size is the word before it, with bit 0
+ * set. Returns how many words were changed.
+ */
+int corruptHeaps(pid_t pid) {
+    const std::string process = "/proc/" + std::to_string(pid);
+    const base::unique_fd memory(open((process + "/mem").c_str(), O_RDWR | O_CLOEXEC));
+    int corrupted = 0;
+    for (const std::string& mapping : base::Split(contentOf(process + "/maps"), "\n")) {
+        uint64_t start, end;
+        char access[5], path[64] = "";
+        sscanf(mapping.c_str(), "%" SCNx64 "-%" SCNx64 " %4s %*s %*s %*s %63s", &start, &end,
+               access, path);
+        const bool arena = path[0] == '\0' && start % (64 << 20) == 0;
+        if (strcmp(access, "rw-p") != 0 || !(arena || strcmp(path, "[heap]") == 0)) continue;
+        std::vector<uint64_t> words((end - start) / sizeof(uint64_t));
+        if (pread(memory.get(), words.data(), end - start, start) < 0) continue;
+        for (size_t i = 1; i < words.size(); ++i) {
+            const uint64_t chunk = start + (i - 1) * sizeof(uint64_t);
+            if (words[i] % 8 != 1 || chunk + words[i] - 1 != end) continue;
+            const uint64_t tooLarge = ~uint64_t{7} | 1;
+            corrupted += pwrite(memory.get(), &tooLarge, sizeof(tooLarge),
+                                start + i * sizeof(uint64_t)) == sizeof(tooLarge);
+        }
+    }
+    return corrupted;
+}
+
+TEST_F(CrashTest, AHandlerThatHangsEndsAllTheSame) {
+    startDaemon();
+    awaitDaemon();
+    const sp<IKUsbService> kus = service();
+    daemon_->kill(SIGSTOP);
+    EXPECT_GT(corruptHeaps(daemon_->pid()), 0);
+    daemon_->kill(SIGCONT);
+    // Records fill the heap.
+    std::thread asking([kus] {
+        DeviceInfo device;
+        device.deviceName = std::string(5000, 'n');
+        device.deviceType = 1;
+        bool allowed;
+        while (kus->isDeviceAllowed(device, &allowed).isOk() && device.deviceId < 1000) {
+            ++device.deviceId;
+        }
+    });
+    EXPECT_TRUE(daemon_->ends()) << "it hangs";
+    daemon_->kill(SIGKILL);
+    asking.join();
+    const int status = daemon_->exitStatus();
+    EXPECT_TRUE(status == SIGABRT || status == -SIGALRM) << status;
+    expectDecidesUnderTheRestoredRules();
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <optional>
 #include <thread>
 
 #include "util/Util.h"
@@ -26,6 +27,10 @@ namespace fs = std::filesystem;
 constexpr char kUsbDevices[] = "/sys/bus/usb/devices/";
 const std::string kSoc = "/sys/devices/platform/soc/";
 
+constexpr int kKeyboard = 0x101;
+constexpr int kMouse = 0x2002;
+constexpr int kAnyVendor = 1;
+
 /** Longer than the time between two writes of a reset. */
 constexpr auto kQuietTime = 600ms;
 
@@ -36,6 +41,20 @@ DeviceInfo findRecorded(const std::function<bool(const DeviceInfo&)>& wanted) {
         if (wanted(device)) return device;
     }
     return {};
+}
+
+/** The answer about an input device that is not there; none from a daemon that ends. */
+std::optional<bool> isInputAllowed(int sources, int vendor) {
+    DeviceInfo device;
+    device.deviceName = "asked about";
+    device.deviceId = 99100;
+    device.deviceClass = sources;
+    device.deviceType = 1;
+    device.vendorId = vendor;
+    bool allowed = false;
+    const bool answered = service()->isDeviceAllowed(device, &allowed).isOk();
+    service()->updateDeviceList(device, 0);
+    return answered ? std::optional(allowed) : std::nullopt;
 }
 
 }  // namespace
@@ -64,13 +83,18 @@ std::string rulesText(const std::string& mode, const std::string& rules) {
     return "<usbconfig mode=\"" + mode + "\">" + rules + "</usbconfig>\n";
 }
 
+int parses() {
+    return stoi(shell("grep -c 'config file call parsing' /data/log/kusd.log || true"));
+}
+
 sp<IKUsbService> service() {
-    static sp<IKUsbService> current;
+    static thread_local sp<IKUsbService> current;
     EXPECT_TRUE(eventually([] {
         if (current != nullptr && IInterface::asBinder(current)->pingBinder() == OK) return true;
-        current = waitForService<IKUsbService>(String16("kusbservice"));
+        const auto found = defaultServiceManager()->checkService(String16("kusbservice"));
+        if (found != nullptr) current = interface_cast<IKUsbService>(found);
         return false;
-    }));
+    })) << "no service";
     return current;
 }
 
@@ -93,12 +117,67 @@ bool isAllowed(const std::vector<int>& interfaceClasses) {
     return allowed;
 }
 
-pid_t daemonPid() { return atoi(shell("pidof kusd || true").c_str()); }
+Rules Rules::next(int lines) {
+    static int vendor = 10000;
+    static bool whitelist = false;
+    Rules rules = {"", ++vendor, whitelist = !whitelist};
+    const std::string own = "<vid vendorid=\"" + std::to_string(vendor) + "\"/>\n";
+    std::string elements = whitelist ? "\n" : "\n<class>AINPUT_SOURCE_KEYBOARD</class>";
+    for (int i = 0; i < lines; ++i) elements += own;
+    rules.text = rulesText(whitelist ? "whitelist" : "blacklist", elements + own);
+    return rules;
+}
+
+Rules Rules::rewrite(int lines) {
+    const Rules rules = next(lines);
+    writeFile(configFilePath, rules.text);
+    EXPECT_TRUE(eventually([&] { return rules.areAccepted(); })) << rules.text;
+    return rules;
+}
+
+bool Rules::areInForce() const {
+    return isInputAllowed(kMouse, vendor) == whitelist &&
+           isInputAllowed(kMouse, kAnyVendor) == !whitelist;
+}
+
+bool Rules::areAccepted() const {
+    return contentOf(statusFilePath) == "SUCCESS" && contentOf(configFilePath) == Trim(text) &&
+           contentOf(backupFilePath) == Trim(text) && areInForce();
+}
+
+bool isKeyboardAllowed() { return isInputAllowed(kKeyboard, kAnyVendor) == true; }
+
+Intruder::Intruder()
+    : thread_([this] {
+          while (!done_) {
+              entries_ += isKeyboardAllowed();
+              std::this_thread::sleep_for(2ms);
+          }
+      }) {}
+
+Intruder::~Intruder() {
+    done_ = true;
+    thread_.join();
+}
+
+// By its program: pool threads have names of their own, and the main thread is one of them.
+pid_t daemonPid() {
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
+        std::error_code none;
+        const fs::path program = fs::read_symlink(entry.path() / "exe", none);
+        if (program.filename() == "kusd") return atoi(entry.path().filename().c_str());
+    }
+    return 0;
+}
 
 void awaitDaemon() {
     EXPECT_TRUE(eventually([] {
-        return !shell("grep -l '^inotify' /proc/$(pidof kusd)/fdinfo/* 2>/dev/null || true")
-                    .empty();
+        std::error_code gone;
+        const std::string fds = "/proc/" + std::to_string(daemonPid()) + "/fdinfo";
+        for (fs::directory_iterator fd(fds, gone), end; !gone && fd != end; fd.increment(gone)) {
+            if (contentOf(fd->path()).find("inotify") != std::string::npos) return true;
+        }
+        return false;
     })) << "no daemon watches the rules file";
     service();
 }

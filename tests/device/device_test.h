@@ -34,6 +34,9 @@ void writeFile(const std::string& path, const std::string& content);
 /** A rules file's text with this mode and these elements. */
 std::string rulesText(const std::string& mode, const std::string& rules);
 
+/** Counts the parses of rewrites since the device's start. */
+int parses();
+
 /** The service; waits for it when it is not there, or was lost. */
 sp<IKUsbService> service();
 
@@ -43,6 +46,38 @@ DeviceInfo recorded(const std::string& name);
 
 /** Asks the service about a device that is not there, with interfaces of these classes. */
 bool isAllowed(const std::vector<int>& interfaceClasses);
+
+/** A rules file that differs from all others made here in its text and in its decisions. */
+struct Rules {
+    /** In turn a whitelist and a blacklist. Without `lines` it is two lines long. */
+    static Rules next(int lines = 0);
+    /** Writes the next ones and waits until they are accepted. */
+    static Rules rewrite(int lines = 0);
+    bool areInForce() const;
+    /** Whether they are in force and all three files say so. */
+    bool areAccepted() const;
+
+    std::string text;
+    int vendor = 0;
+    bool whitelist = false;
+};
+
+/** Asks about a keyboard that is not there, which all of Rules refuse. */
+bool isKeyboardAllowed();
+
+/** Asks about that keyboard again and again for as long as it lives. */
+class Intruder {
+  public:
+    Intruder();
+    ~Intruder();
+    /** How often it was let in since this was asked last. */
+    int entries() { return entries_.exchange(0); }
+
+  private:
+    std::atomic<bool> done_ = false;
+    std::atomic<int> entries_ = 0;
+    std::thread thread_;
+};
 
 /** Pid of the running daemon; 0 while there is none. */
 pid_t daemonPid();
@@ -71,6 +106,13 @@ class Plugged {
   private:
     std::string name_;
     std::string entry_;
+};
+
+/** While it lives no one but the test asks the daemon about devices. */
+class NoHostStack {
+  public:
+    NoHostStack() { shell("services stop usb_host_stack"); }
+    ~NoHostStack() { shell("services start usb_host_stack"); }
 };
 
 /** Block devices of USB sticks. */

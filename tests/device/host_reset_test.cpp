@@ -65,6 +65,18 @@ TEST_F(HostResetTest, ARealUndockEndsTheVirtualOneAtOnce) {
     reset.join();
 }
 
+TEST_F(HostResetTest, RulesDoNotWaitForAResetThatIsUnderWay) {
+    setPower("1", "0");
+    RoleWatch roles;
+    std::thread reset([] { service()->resetUsbDevices(10000); });
+    EXPECT_TRUE(eventually([] { return monitorProperties() == "11"; }, 3s));
+    for (int i = 0; i < 3; ++i) Rules::rewrite();
+    EXPECT_EQ(monitorProperties(), "11") << "accepted only after the reset";
+    EXPECT_THAT(roles.writes(0), IsEmpty()) << "two resets at a time";
+    reset.join();
+    EXPECT_EQ(roles.writes(4), oneToggle()) << "those that waited are done once";
+}
+
 TEST_F(HostResetTest, ADisplayLinkAdaptersControllerComesBackOnlyWithPower) {
     // The root hub of this port says in its devspec that it belongs to a800000.ssusb.
     const Plugged adapter("dock", "--vendor 0x17E9 --product 0x6000 --network --port 3");

@@ -39,13 +39,6 @@ class HiddenBus {
     static constexpr char kUsbDevices[] = "/sys/bus/usb/devices";
 };
 
-/** While it lives no one else asks the daemon about devices. */
-class NoHostStack {
-  public:
-    NoHostStack() { shell("services stop usb_host_stack"); }
-    ~NoHostStack() { shell("services start usb_host_stack"); }
-};
-
 DeviceInfo deviceWithId(int id) {
     DeviceInfo device;
     device.deviceName = "A device of some name";

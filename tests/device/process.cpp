@@ -70,9 +70,22 @@ std::string Process::line(int timeoutMs) {
     return line;
 }
 
-void Process::poke() { EXPECT_EQ(write(input_, "\n", 1), 1); }
+void Process::tell(const std::string& line) {
+    const std::string text = line + '\n';
+    EXPECT_EQ(write(input_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+}
 
 void Process::kill(int signal) { ::kill(pid_, signal); }
+
+bool Process::ends(std::chrono::seconds timeout) const {
+    return eventually(
+        [&] {
+            siginfo_t info = {};
+            waitid(P_PID, pid_, &info, WEXITED | WNOHANG | WNOWAIT);
+            return info.si_pid == pid_;
+        },
+        timeout);
+}
 
 int Process::exitStatus() {
     int status = 0;

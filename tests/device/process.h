@@ -27,9 +27,12 @@ class Process {
     /** The next line that it prints; empty when none comes in time. */
     std::string line(int timeoutMs = 30000);
     /** Gives it a line to read. */
-    void poke();
+    void tell(const std::string& line);
+    void poke() { tell(""); }
     void kill(int signal);
     pid_t pid() const { return pid_; }
+    /** Whether it ends in time. */
+    bool ends(std::chrono::seconds timeout = std::chrono::seconds(30)) const;
     /** Waits for its end: what it exits with, or minus the signal that it dies of. */
     int exitStatus();
 
@@ -43,10 +46,11 @@ class Process {
  * A client of the service in a process of its own. It registers one callback this many times and
  * then prints "registered", and for each callback "added ID STATUS" or "removed ID". From inside
  * the callbacks it calls the service. For each poke it unregisters once and prints "unregistered".
+ * A hung one prints nothing in its callbacks and does not return from them.
  */
 class Client : public Process {
   public:
-    explicit Client(int registrations);
+    explicit Client(int registrations, bool hangs = false);
 };
 
 /** A process of its own that, once poked, calls getDeviceList for a second. */

@@ -282,5 +282,40 @@ TEST_F(Admission, NoDecisionSeesHalfLoadedRules) {
     EXPECT_EQ(allowed, 0);
 }
 
+TEST_F(Admission, ADecisionWaitsForRulesThatStayASecondAtMost) {
+    for (const bool restored : {true, false}) {
+        configMode = "blacklist";
+        setRulesInDoubt(true);
+        std::atomic<bool> answered = false;
+        std::thread decision([&] {
+            EXPECT_EQ(isAllowed(inputDevice(1, 0x101)), !restored);
+            answered = true;
+        });
+        usleep(500000);
+        EXPECT_FALSE(answered);
+        if (restored) {
+            loadRules("<usbconfig mode=\"whitelist\"/>");
+            setRulesInDoubt(false);
+        }
+        decision.join();
+        setRulesInDoubt(false);
+    }
+}
+
+TEST_F(Admission, ARemovalDoesNotUndoARefusalThatIsBeingWritten) {
+    configMode = "whitelist";
+    for (int i = 0; i < 100; ++i) {
+        attach();
+        std::atomic<bool> done = false;
+        std::thread removal([&] {
+            while (!done) remove(usbDevice(kId, {8}));
+        });
+        EXPECT_FALSE(isAllowed(usbDevice(kId, {8})));
+        done = true;
+        removal.join();
+        ASSERT_FALSE(isAuthorized()) << "in round " << i;
+    }
+}
+
 }  // namespace
 }  // namespace android::kus

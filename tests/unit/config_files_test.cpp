@@ -1,5 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <filesystem>
+#include <thread>
 
 #include "kus_test.h"
 #include "util/Util.h"
@@ -9,6 +14,8 @@ namespace {
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
+using testing::EndsWith;
+using testing::StartsWith;
 
 constexpr char kSource[] = "/data/source";
 constexpr char kCopy[] = "/data/copy";
@@ -61,6 +68,70 @@ TEST_F(ConfigFiles, CopyToAClosedDestinationFailsOnceALine) {
 
     writeFile(kSource, "");
     EXPECT_TRUE(Util::copyFileContent(kSource, "/data/none/copy"));
+}
+
+/** A full disk: from here on no file can be written beyond this size. */
+class FileSizeLimit {
+  public:
+    explicit FileSizeLimit(rlim_t size) {
+        signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &before_);
+        const rlimit limit = {size, before_.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &before_); }
+
+  private:
+    rlimit before_;
+};
+
+TEST_F(ConfigFiles, WhatCannotBeWrittenWholeIsPutBack) {
+    writeFile(configFilePath, "longer than the limit");
+    writeFile(backupFilePath, "old\n");
+    writeFile(statusFilePath, "old");
+    Util::readRules(configFilePath);
+    const FileSizeLimit limit(4);
+    EXPECT_FALSE(Util::backUpRules());
+    Util::updateErrorFile(statusFilePath, "SUCCESS");
+    EXPECT_EQ(readFile(backupFilePath), "old\n");
+    EXPECT_EQ(readFile(statusFilePath), "old");
+    const std::string error = ": File too large, it is put back";
+    EXPECT_THAT(takeLog(),
+                ElementsAre(StartsWith("I "), StartsWith("I "),
+                            "E Could not write " + std::string(backupFilePath) + error,
+                            "I longer than the limit", kDone, StartsWith("I updateErrorFile"),
+                            "E Could not write " + std::string(statusFilePath) + error));
+}
+
+TEST_F(ConfigFiles, TheBackupIsWhatWasParsed) {
+    writeFile(configFilePath, "parsed");
+    Util::readRules(configFilePath);
+    writeFile(configFilePath, "moved here meanwhile");
+    EXPECT_TRUE(Util::backUpRules());
+    EXPECT_EQ(readFile(backupFilePath), "parsed\n");
+}
+
+// A restore that comes first is overwritten, one that comes later sees that the file is another.
+TEST_F(ConfigFiles, ARestoreNeverTakesAFileThatWasWrittenMeanwhile) {
+    writeFile(backupFilePath, "backup\n");
+    int restored = 0;
+    for (int i = 0; i < 2000; ++i) {
+        writeFile(configFilePath, "refused");
+        Util::readRules(configFilePath);
+        const auto wait = [](int spins) {
+            for (; spins > 0; --spins) getppid();
+        };
+        std::thread administrator([&] {
+            wait(i % 100 * 100);
+            writeFile(configFilePath, "good");
+        });
+        wait(i % 200 * 100);
+        restored += Util::restoreRules() == Util::Restored::kWhole;
+        administrator.join();
+        ASSERT_EQ(readFile(configFilePath), "good") << "in round " << i;
+    }
+    EXPECT_GT(restored, 0);
+    EXPECT_LT(restored, 2000);
 }
 
 TEST_F(ConfigFiles, StatusFileHoldsJustTheText) {

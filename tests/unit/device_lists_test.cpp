@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <cutils/properties.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "service_test.h"
@@ -15,6 +16,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
+using testing::StartsWith;
 using testing::UnorderedElementsAre;
 
 /** The mode is "default": every device that is asked about is recorded. */
@@ -169,9 +171,26 @@ TEST_F(DeviceLists, EveryRegistrationIsToldWhateverAnotherReturns) {
     EXPECT_THAT(client_->calls(), ElementsAre("added usb1"));
     EXPECT_THAT(second->calls(), ElementsAre("added usb1", "added usb1"));
     const std::string sending = "I addDeviceList: sending callback to client of onDeviceAdded  ";
-    EXPECT_THAT(
-        takeLog(),
-        Contains(sending + address(static_cast<IKUsbServiceCallback*>(second.get()))).Times(2));
+    const std::vector<std::string> log = takeLog();
+    EXPECT_EQ(std::count(log.begin(), log.end(),
+                         sending + address(static_cast<IKUsbServiceCallback*>(second.get()))),
+              2);
+}
+
+// As when the client's buffer is full. A dead one's registration is about to go.
+TEST_F(DeviceLists, ALostNoticeIsAnErrorInTheLog) {
+    client_->callStatus = FAILED_TRANSACTION;
+    const sp<FakeClient> dead = new FakeClient();
+    service_->registerKusCallback(dead);
+    takeLog();
+    add(usbDevice(1, {8}));
+    remove(usbDevice(1, {8}));
+    std::vector<std::string> errors;
+    for (const std::string& line : takeLog()) {
+        if (line[0] == 'E') errors.push_back(line);
+    }
+    EXPECT_THAT(errors, ElementsAre(StartsWith("E Could not give onDeviceAdded to client 0x"),
+                                    StartsWith("E Could not give onDeviceRemoved to client 0x")));
 }
 
 TEST_F(DeviceLists, ClientMayCallTheServiceFromItsCallback) {

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/file.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "service_test.h"
@@ -90,28 +93,69 @@ TEST_F(DumpTest, TheTopologyIsScannedAnewAndPrintedOnRequest) {
     EXPECT_EQ(UsbDevice::deviceid_map.size(), 1u);
 }
 
-// A reader that does not drain its pipe must not stop decisions.
-TEST_F(DumpTest, AStalledReaderHoldsNoLock) {
+TEST_F(DumpTest, WithoutADescriptorForItsMemoryADumpIsPrintedStraight) {
+    TemporaryFile file;
+    rlimit before;
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none = {0, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    Vector<String16> args;
+    args.add(String16("test"));
+    service_->dump(file.fd, args);
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(readFile(file.path), "USB Test \n\n\nDeviceIdMap size0\n");
+}
+
+/** A pipe that takes one page, whose reader does not read. */
+class StalledReader {
+  public:
+    StalledReader() {
+        EXPECT_EQ(pipe2(pipe_, O_CLOEXEC), 0);
+        fcntl(pipe_[1], F_SETPIPE_SZ, 4096);
+        fcntl(pipe_[0], F_SETFL, O_NONBLOCK);
+    }
+    ~StalledReader() {
+        close(pipe_[0]);
+        close(pipe_[1]);
+    }
+    int writingEnd() const { return pipe_[1]; }
+    void drain() const {
+        for (char page[4096]; read(pipe_[0], page, sizeof(page)) > 0;) continue;
+    }
+
+  private:
+    int pipe_[2];
+};
+
+// As many as there are binder threads, and more.
+TEST_F(DumpTest, StalledReadersStopNobodyAndAreGivenUp) {
     addDevice("1-2", 4);
     for (int i = 0; i < 40; ++i) addInterface("1-2:1." + std::to_string(i), 8);
-    int pipe[2];
-    ASSERT_EQ(pipe2(pipe, O_CLOEXEC), 0);
-    fcntl(pipe[1], F_SETPIPE_SZ, 4096);
-    fcntl(pipe[0], F_SETFL, O_NONBLOCK);
-    std::atomic<bool> done = false;
-    std::thread reader([&] {
-        Vector<String16> args;
-        args.add(String16("test"));
-        service_->dump(pipe[1], args);
-        done = true;
-    });
-    takeLogUntil("print_deviceid_map");
-    EXPECT_TRUE(isAllowed(usbDevice(1004, {8})));
-    EXPECT_FALSE(done) << "the pipe took it all";
-    for (char drained[4096]; !done;) static_cast<void>(!read(pipe[0], drained, sizeof(drained)));
-    reader.join();
-    close(pipe[0]);
-    close(pipe[1]);
+    Vector<String16> args;
+    args.add(String16("test"));
+    const StalledReader readers[25];
+    std::atomic<int> waiting = 25;
+    std::vector<std::thread> threads;
+    const auto start = std::chrono::steady_clock::now();
+    for (const StalledReader& reader : readers) {
+        threads.emplace_back([&] {
+            service_->dump(reader.writingEnd(), args);
+            --waiting;
+        });
+    }
+    while (waiting > 4) usleep(1000);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
+    isAllowed(usbDevice(1004, {8}));
+    // One that reads again gets the rest, however late.
+    usleep(500000);
+    EXPECT_EQ(waiting, 4) << "they have some seconds";
+    while (waiting > 0) {
+        for (const StalledReader& reader : readers) reader.drain();
+    }
+    for (std::thread& thread : threads) thread.join();
+    const auto log = takeLog();
+    EXPECT_EQ(std::count(log.begin(), log.end(), "E dump is cut short: its reader takes nothing"),
+              21);
 }
 
 }  // namespace

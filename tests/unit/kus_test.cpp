@@ -22,7 +22,8 @@ namespace android::kus {
 namespace {
 
 std::mutex logLock;
-std::vector<std::string> logLines;
+// Never destroyed: an observer and a reset outlive the tests.
+auto& logLines = *new std::vector<std::string>;
 
 void captureLog(base::LogId, base::LogSeverity severity, const char*, const char*, unsigned int,
                 const char* text) {
@@ -51,6 +52,7 @@ KusTest::KusTest() {
     clearRules();
     errorMessage = "SUCCESS";
     xml_parse_status = false;
+    Util::readRules(configFilePath);
     UsbDevice::deviceid_map.clear();
     mUsbDeviceInfoList.clear();
     mInputDeviceInfoList.clear();
@@ -63,9 +65,9 @@ std::vector<std::string> takeLog() {
     return std::exchange(logLines, {});
 }
 
-std::vector<std::string> takeLogUntil(const std::string& text) {
+std::vector<std::string> takeLogUntil(const std::string& text, std::chrono::milliseconds timeout) {
     std::vector<std::string> log;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (std::chrono::steady_clock::now() < deadline) {
         for (const std::string& line : takeLog()) log.push_back(line);
         for (const std::string& line : log) {

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <string>
@@ -23,8 +24,9 @@ class KusTest : public testing::Test {
 /** The log lines since the last call, oldest first: "I " or "E " or "F ", and the text. */
 std::vector<std::string> takeLog();
 
-/** The same, once a thread has logged a line with this text; gives up after ten seconds. */
-std::vector<std::string> takeLogUntil(const std::string& text);
+/** The same, once a thread has logged a line with this text; gives up in time. */
+std::vector<std::string> takeLogUntil(const std::string& text,
+                                      std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 /** Writes a file whole, with the directories above it. */
 void writeFile(const std::string& path, const std::string& content);

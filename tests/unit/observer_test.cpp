@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/file.h>
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -8,12 +10,15 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <shared_mutex>
 #include <thread>
 
 #include "ku_service/KUsbService.h"
-#include "kus_test.h"
+#include "service_test.h"
+#include "usb_tree.h"
+#include "usbdevice/UsbDevice.h"
 #include "util/Util.h"
 #include "util/rule_tables.h"
 
@@ -24,7 +29,9 @@ namespace {
 
 using testing::Contains;
 using testing::ElementsAre;
+using testing::Ge;
 using testing::HasSubstr;
+using testing::Le;
 using testing::Not;
 using testing::StartsWith;
 
@@ -162,6 +169,155 @@ TEST_F(ObserverTest, EventsThatComeInOneReadAreAllWalked) {
     EXPECT_EQ(std::count(log.begin(), log.end(), kParse), 2) << "besides the first";
     EXPECT_THAT(log, Contains(HasSubstr("/a_much_longer_name_than_the_others")));
     EXPECT_EQ(configMode, "whitelist");
+}
+
+// The refused text is never restored over, however long it takes to write the next one.
+TEST_F(ObserverTest, ARefusedFileThatIsBeingRewrittenIsLeftToTheRewrite) {
+    writeFile(configFilePath, kGood);
+    takeLogUntil(kReset);
+    int fd;
+    {
+        const std::shared_lock held(ruleTablesLock);
+        writeFile(configFilePath, kBad);
+        takeLogUntil(kParse + 2);
+        fd = open(configFilePath, O_WRONLY | O_TRUNC | O_CLOEXEC);
+    }
+    takeLogUntil("Parsing status xml_parse_status 0");
+    usleep(200000);
+    ASSERT_TRUE(base::WriteStringToFd(kBetter, fd));
+    close(fd);
+    const auto log = takeLogUntil(kReset);
+    EXPECT_THAT(log, Not(Contains(HasSubstr("Parsing failure"))));
+    EXPECT_EQ(readFile(configFilePath), kBetter);
+    EXPECT_EQ(readFile(backupFilePath), kBetter);
+    EXPECT_EQ(readFile(statusFilePath), "SUCCESS");
+}
+
+TEST_F(ObserverTest, WithoutABackupARestoreIsTriedOnceASecond) {
+    writeFile(configFilePath, kBad);
+    takeLogUntil("Parsing status xml_parse_status 0");
+    usleep(2500000);
+    const auto log = takeLog();
+    EXPECT_THAT(std::count(log.begin(), log.end(), kParse), testing::AllOf(Ge(2), Le(4)));
+    writeFile(configFilePath, kGood);
+    takeLogUntil(kReset, std::chrono::milliseconds(500));
+    EXPECT_EQ(readFile(backupFilePath), kGood);
+    EXPECT_EQ(readFile(statusFilePath), "SUCCESS");
+}
+
+// The kernel drops what its queue has no room for, and says just that it did.
+TEST_F(ObserverTest, ARewriteWhoseEventIsLostIsFound) {
+    std::ifstream limit("/proc/sys/fs/inotify/max_queued_events");
+    int events;
+    ASSERT_TRUE(limit >> events);
+    // Keeps the observer waiting.
+    ASSERT_EQ(mkfifo(statusFilePath, 0600), 0);
+    writeFile(configFilePath, kGood);
+    takeLogUntil("updateErrorFile called");
+    for (int i = 0; i < events; ++i) {
+        close(open(configDirectory, O_RDONLY | O_CLOEXEC));
+        close(open(configFilePath, O_RDONLY | O_CLOEXEC));
+    }
+    writeFile(configFilePath, kBetter);
+    const base::unique_fd fifo(open(statusFilePath, O_RDONLY | O_CLOEXEC));
+    fs::remove(statusFilePath);
+    std::string status;
+    EXPECT_TRUE(base::ReadFdToString(fifo, &status));
+    EXPECT_EQ(status, "SUCCESS");
+    takeLogUntil(kReset);
+    takeLogUntil(kReset);
+    EXPECT_EQ(readFile(backupFilePath), kBetter);
+    EXPECT_EQ(configMode, "blacklist");
+}
+
+TEST_F(ObserverTest, RulesDoNotWaitForAReset) {
+    {
+        const std::lock_guard busy(UsbDevice::hostResetMutex);
+        for (const char* rules : {kGood, kBetter, kGood, kBetter}) {
+            writeFile(configFilePath, rules);
+            takeLogUntil("copied successfully");
+            EXPECT_EQ(readFile(statusFilePath), "SUCCESS");
+            EXPECT_EQ(readFile(backupFilePath), rules);
+        }
+        takeLog();
+    }
+    usleep(50000);
+    writeFile(configFilePath, kGood);
+    const auto log = takeLogUntil(kReset);
+    EXPECT_EQ(std::count(log.begin(), log.end(), std::string("I ") + kReset), 1);
+}
+
+// For the thread sanitizer. Both good files allow class 1 and refuse class 8; what the refused one
+// leaves in the tables would do the opposite.
+TEST_F(ObserverTest, EightThreadsCallEverythingWhileRulesAreRewritten) {
+    const std::string rewrites[] = {
+        kGood,
+        "<usbconfig mode=\"whitelist\"><class>USB_CLASS_MASS_STORAGE</class><foo/></usbconfig>",
+        "<usbconfig mode=\"blacklist\"><class>USB_CLASS_MASS_STORAGE</class></usbconfig>", kBad};
+    writeFile("/sys/devices/platform/soc/a800000.ssusb/mode", "host");
+    writeFile("/sys/class/power_supply/dc/online", "1");
+    addDevice("1-1", 1);
+    addInterface("1-1:1.0", 8);
+    writeFile(configFilePath, kGood);
+    takeLogUntil(kReset);
+
+    const sp<KUsbService> service = new KUsbService();
+    const sp<FakeClient> loyal = new FakeClient();
+    const auto decide = [&](const DeviceInfo& device, bool expected) {
+        bool allowed = !expected;
+        service->isDeviceAllowed(device, &allowed);
+        EXPECT_EQ(allowed, expected) << device.deviceName;
+    };
+    const std::function<void()> calls[] = {
+        [&] { decide(usbDevice(1001, {8}), false); },
+        [&] { decide(usbDevice(1002, {1}), true); },
+        [&] {
+            bool allowed;
+            service->isDeviceAllowed(inputDevice(1003, 0x101), &allowed);
+            service->updateDeviceList(inputDevice(1003, 0x101), 0);
+        },
+        [&] {
+            std::vector<DeviceInfo> devices;
+            service->getDeviceList(&devices);
+            service->updateDeviceList(usbDevice(1001, {8}), 0);
+        },
+        [&] {
+            service->registerKusCallback(loyal);
+            service->unregisterKusCallback(loyal);
+        },
+        [&] {
+            const sp<FakeClient> dying = new FakeClient();
+            service->registerKusCallback(dying);
+            dying->die();
+        },
+        [&, wait = -1]() mutable { service->resetUsbDevices(wait = -wait); },
+        [&] {
+            const base::unique_fd fd(open("/dev/null", O_WRONLY | O_CLOEXEC));
+            Vector<String16> topology;
+            topology.add(String16("test"));
+            service->dump(fd, {});
+            service->dump(fd, topology);
+        }};
+    std::atomic<bool> ended = false;
+    std::vector<std::thread> threads;
+    for (const auto& call : calls) {
+        threads.emplace_back([&] {
+            for (; !ended; usleep(1000)) call();
+        });
+    }
+    for (int i = 0; i < 80; ++i) {
+        writeFile(configFilePath, rewrites[i % std::size(rewrites)]);
+        usleep(i % 3 * 20000);
+    }
+    ended = true;
+    for (std::thread& thread : threads) thread.join();
+}
+
+TEST_F(KusTest, ARewriteBeforeTheWatchIsFound) {
+    writeFile(configFilePath, kGood);
+    const Observer observer;
+    takeLogUntil(kReset);
+    EXPECT_EQ(readFile(backupFilePath), kGood);
 }
 
 TEST_F(ObserverTest, AnInterruptedReadGoesOnAndAFailedOneEndsTheThread) {

@@ -21,7 +21,7 @@ binder::Status FakeClient::record(const char* event, const DeviceInfo& device) {
     const std::lock_guard lock(lock_);
     calls_.push_back(event + device.deviceName);
     devices_.push_back(text(device));
-    return binder::Status::fromStatusT(DEAD_OBJECT);
+    return binder::Status::fromStatusT(callStatus);
 }
 
 status_t FakeClient::linkToDeath(const sp<DeathRecipient>& recipient, void* cookie,

@@ -41,6 +41,9 @@ class FakeClient : public BnKUsbServiceCallback {
     status_t linkStatus = OK;
     status_t unlinkStatus = OK;
 
+    /** What its calls return. */
+    status_t callStatus = DEAD_OBJECT;
+
     /** Run inside every call, where a client may call the service. */
     std::function<void()> whenCalled = [] {};
 

@@ -3,13 +3,20 @@
 
 #include <android-base/logging.h>
 #include <stdlib.h>
+#include <unistd.h>
 #include <unwindstack/AndroidUnwinder.h>
 
-#include "ku_service/KUsbService.h"
+#include <atomic>
+
+#include "crash/crash_barrier.h"
+#include "usbdevice/UsbDevice.h"
 #include "util/Util.h"
 
 namespace android::kus {
 namespace {
+
+// Init restarts only what has ended. The longest part is the stack trace.
+constexpr unsigned int kLongestHandlerSeconds = 10;
 
 void logStackTrace() {
     unwindstack::AndroidLocalUnwinder unwinder;
@@ -24,13 +31,17 @@ void logStackTrace() {
 }  // namespace
 
 void signalHandler(int signum, siginfo_t*, void*) {
+    // A handler that hangs, such as in the allocator that has just found its heap broken, is ended
+    // by the default action of SIGALRM. Set once, also for a handler that crashes itself.
+    static std::atomic_flag alarmIsSet = ATOMIC_FLAG_INIT;
+    if (!alarmIsSet.test_and_set()) alarm(kLongestHandlerSeconds);
     // One text for every signal: an abort logs it too.
     LOG(INFO) << "Segmentation faultsignum" << signum << std::endl;
-    // Or the observer would take the restored rules for a good rewrite and report success.
-    KUsbService::suspendFileObserver();
+    SharedStateUse::endAll();
     // The rules first: they must be back even if the diagnostics fail.
-    Util::copyFileContent(backupFilePath, configFilePath);
-    Util::updateErrorFile(statusFilePath, "Unable to apply the USB Admin config rules");
+    Util::restoreRules();
+    Util::updateErrorFile(statusFilePath, crashStatus);
+    UsbDevice::give_host_role_back();
     logStackTrace();
     exit(signum);
 }

@@ -6,10 +6,13 @@
 #include <binder/ProcessState.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <string>
 
 #include "daemon/crash_handler.h"
 #include "ku_service/KUsbService.h"
@@ -29,6 +32,20 @@ constexpr char kDefaultConfig[] =
     "<usbconfig mode=\"default\">\n"
     "</usbconfig>";
 
+/** The file appears whole or not at all, and never in the place of another. */
+void writeDefaultConfig() {
+    const std::string draft = std::string(android::kus::configFilePath) + ".new";
+    const android::base::unique_fd file(
+        open(draft.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    if (!file.ok()) return;
+    if (!android::base::WriteStringToFd(kDefaultConfig, file.get()) || fsync(file.get()) != 0 ||
+        renameat2(AT_FDCWD, draft.c_str(), AT_FDCWD, android::kus::configFilePath,
+                  RENAME_NOREPLACE) != 0) {
+        PLOG(ERROR) << "Could not write " << android::kus::configFilePath;
+        unlink(draft.c_str());
+    }
+}
+
 void createDefaultConfig() {
     struct stat st;
     if (stat(android::kus::configDirectory, &st) != 0 || !S_ISDIR(st.st_mode)) {
@@ -36,10 +53,7 @@ void createDefaultConfig() {
         return;
     }
     LOG(INFO) << "Directory exist, creating file";
-    if (stat(android::kus::configFilePath, &st) == 0) return;
-    const android::base::unique_fd file(
-        open(android::kus::configFilePath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-    if (file.ok() && android::base::WriteStringToFd(kDefaultConfig, file.get())) fsync(file.get());
+    if (stat(android::kus::configFilePath, &st) != 0) writeDefaultConfig();
 }
 
 void installCrashHandler() {

@@ -27,6 +27,12 @@ extern DeviceInfoList mInputDeviceInfoList;
 /** Turns on the listings of the callback registry in the log. Set once, by Register. */
 extern bool isUserDebugBuild;
 
+/**
+ * The rules of this start were refused, and are not the backup's: a crash came before they were
+ * read. Set once, by Register.
+ */
+extern bool rulesAreLeftByCrash;
+
 /** While this property is 1, every device is allowed and nothing is recorded or removed. */
 inline constexpr char kAutomationProperty[] = "ro.config.device.kus_automation";
 
@@ -63,8 +69,6 @@ class KUsbService : public BnKUsbService {
     static void registerFileObserverViaThread();
     /** The thread's entry. It returns, and nothing restarts it, when inotify cannot be read. */
     static void* registerFileObserver(void*);
-    /** Makes the observer pass over every further rewrite. May be called from a signal handler. */
-    static void suspendFileObserver();
 
     binder::Status registerKusCallback(const sp<IKUsbServiceCallback>& callback) override;
     binder::Status unregisterKusCallback(const sp<IKUsbServiceCallback>& callback) override;
@@ -93,6 +97,8 @@ class KUsbService : public BnKUsbService {
     /** Records a decision and, for a USB device, tells every client. */
     void addDeviceList(DeviceInfo device, bool status, std::string reason);
 
+    /** The text of dump, written to `text`, for the reader at `fd`. Write errors are ignored. */
+    void print(int fd, int text, const Vector<String16>& args);
     void dumpPrint(int fd, DeviceInfo device);
 
     std::mutex callbacksLock_;

@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 
+#include "crash/crash_barrier.h"
 #include "ku_service/KUsbService.h"
 #include "usbdevice/UsbDevice.h"
 #include "util/Util.h"
@@ -117,6 +119,11 @@ binder::Status KUsbService::isDeviceAllowed(const DeviceInfo& device, bool* allo
     }
 
     std::shared_lock rules(ruleTablesLock);
+    awaitRulesThatStay(&rules);
+    const SharedStateUse use;
+    // Or a removal on another thread could take away what a refusal has to be written to.
+    std::optional<UsbDevice::KeptInMap> kept;
+    if (device.deviceType == 0) kept.emplace(device.deviceId);
     const std::string mode = Util::getMode();
     if (device.deviceType == 0 && isLeftToInputSubsystem(device)) {
         *allowed = false;
@@ -131,6 +138,7 @@ binder::Status KUsbService::isDeviceAllowed(const DeviceInfo& device, bool* allo
         LOG(INFO) << "isDeviceAllowed called and updating status authorized to 0";
         UsbDevice::update_status(device.deviceId, 0);
     }
+    kept.reset();
     addDeviceList(device, result, reason);
     LOG(INFO) << "isDeviceAllowed called with mode: " << mode
               << " DeviceInfo:= { DeviceId:" << device.deviceId

@@ -2,6 +2,7 @@
 #include <android-base/logging.h>
 #include <cutils/properties.h>
 
+#include "crash/crash_barrier.h"
 #include "ku_service/KUsbService.h"
 #include "usbdevice/UsbDevice.h"
 
@@ -26,6 +27,14 @@ void categorise(DeviceInfo* device) {
     }
     LOG(INFO) << " device category  " << device->category << " categoryPath "
               << device->categoryPath;
+}
+
+/** A dead client is no failure: its registration is about to go. */
+void reportLostNotice(const char* notice, const IKUsbServiceCallback* client,
+                      const binder::Status& status) {
+    if (status.isOk() || status.transactionError() == DEAD_OBJECT) return;
+    LOG(ERROR) << "Could not give " << notice << " to client " << client << ": "
+               << status.toString8().c_str();
 }
 
 void insert(DeviceInfoList* list, std::unique_ptr<DeviceInfo> record) {
@@ -63,12 +72,13 @@ void KUsbService::addDeviceList(DeviceInfo device, bool status, std::string reas
             LOG(INFO) << "addDeviceList: sending callback to client of onDeviceAdded  "
                       << callback.get();
         }
-        callback->onDeviceAdded(*record);
+        reportLostNotice("onDeviceAdded", callback.get(), callback->onDeviceAdded(*record));
     }
     insert(&mUsbDeviceInfoList, std::move(record));
 }
 
 binder::Status KUsbService::updateDeviceList(const DeviceInfo& device, int32_t updateStatus) {
+    const SharedStateUse use;
     if (property_get_int32(kAutomationProperty, 0) == 1) {
         LOG(INFO) << "updateDeviceList::Automation flag set, return";
         return binder::Status::ok();
@@ -92,7 +102,7 @@ binder::Status KUsbService::updateDeviceList(const DeviceInfo& device, int32_t u
                 LOG(INFO) << "updateDeviceList--: sending callback to client onDeviceRemoved "
                           << callback.get();
             }
-            callback->onDeviceRemoved(device);
+            reportLostNotice("onDeviceRemoved", callback.get(), callback->onDeviceRemoved(device));
         }
         UsbDevice::update_deviceid_map(device.deviceId, false);
         LOG(INFO) << device.deviceName << " device removed from mUsbDeviceInfoList";
@@ -105,6 +115,7 @@ binder::Status KUsbService::updateDeviceList(const DeviceInfo& device, int32_t u
 }
 
 binder::Status KUsbService::getDeviceList(std::vector<DeviceInfo>* devices) {
+    const SharedStateUse use;
     LOG(INFO) << "--getDeviceList()--";
     const std::lock_guard lock(deviceListsLock);
     LOG(INFO) << "getDeviceList--completeDeviceInfoList size"

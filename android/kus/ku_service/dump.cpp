@@ -1,7 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <android-base/file.h>
 #include <android-base/logging.h>
+#include <android-base/unique_fd.h>
+#include <limits.h>
+#include <poll.h>
 #include <stdio.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+
+#include "crash/crash_barrier.h"
 #include "ku_service/KUsbService.h"
 #include "usbdevice/UsbDevice.h"
 #include "util/Util.h"
@@ -9,8 +19,27 @@
 namespace android::kus {
 namespace {
 
+using std::chrono::milliseconds;
+
 const String16 kTopologyArgument("test");
 constexpr char kNone[] = "<none>";
+
+constexpr milliseconds kReaderPatience(5000);
+constexpr int kMaxSlowReaders = 4;
+
+std::atomic<int> slowReaders = 0;
+
+/** Also true when a write would fail at once. */
+bool isReady(int fd, milliseconds patience) {
+    pollfd reader = {fd, POLLOUT, 0};
+    return TEMP_FAILURE_RETRY(poll(&reader, 1, patience.count())) != 0;
+}
+
+bool waitForSlowReader(int fd) {
+    const bool becameReady = ++slowReaders <= kMaxSlowReaders && isReady(fd, kReaderPatience);
+    --slowReaders;
+    return becameReady;
+}
 
 /** The name of each class once; an empty name never. */
 void appendOnce(std::string* names, const std::string& name) {
@@ -44,19 +73,48 @@ void classNames(const std::vector<int32_t>& classes, std::string* ordinary,
     }
 }
 
+/**
+ * Writes a file's content to the reader's descriptor. A reader that takes nothing for
+ * kReaderPatience is given up, and at once where kMaxSlowReaders are waited for already: they must
+ * not take all of the binder threads.
+ */
+void handOver(int file, int reader) {
+    // A pipe that is ready for writing has room for this much.
+    char piece[PIPE_BUF];
+    ssize_t length;
+    while ((length = TEMP_FAILURE_RETRY(read(file, piece, sizeof(piece)))) > 0) {
+        if (!isReady(reader, milliseconds(0)) && !waitForSlowReader(reader)) {
+            LOG(ERROR) << "dump is cut short: its reader takes nothing";
+            return;
+        }
+        if (!base::WriteFully(reader, piece, length)) return;
+    }
+}
+
 }  // namespace
 
 status_t KUsbService::dump(int fd, const Vector<String16>& args) {
+    // Printed into memory: a reader that does not drain its descriptor must not hold a lock. Where
+    // there is no memory for it, or no descriptor, straight to the reader.
+    const base::unique_fd memory(memfd_create("dump", MFD_CLOEXEC));
+    {
+        const SharedStateUse use;
+        print(fd, memory.ok() ? memory.get() : fd, args);
+    }
+    if (memory.ok() && lseek(memory.get(), 0, SEEK_SET) == 0) handOver(memory.get(), fd);
+    return OK;
+}
+
+void KUsbService::print(int fd, int text, const Vector<String16>& args) {
     if (!args.isEmpty()) {
         LOG(INFO) << "args[0] is" << String8(args[0]).c_str();
         if (args[0] == kTopologyArgument) {
-            dprintf(fd, "USB Test \n");
-            UsbDevice::dump_print_test(fd);
+            dprintf(text, "USB Test \n");
+            UsbDevice::dump_print_test(fd, text);
         }
-        return OK;
+        return;
     }
-    dprintf(fd, "USB DEVICE INFO ");
-    // Printed from a copy: a reader that does not drain the descriptor must not hold the lists.
+    dprintf(text, "USB DEVICE INFO ");
     std::vector<DeviceInfo> devices;
     {
         const std::lock_guard lock(deviceListsLock);
@@ -66,8 +124,7 @@ status_t KUsbService::dump(int fd, const Vector<String16>& args) {
             for (const auto& [id, record] : *list) devices.push_back(*record);
         }
     }
-    for (const DeviceInfo& device : devices) dumpPrint(fd, device);
-    return OK;
+    for (const DeviceInfo& device : devices) dumpPrint(text, device);
 }
 
 void KUsbService::dumpPrint(int fd, DeviceInfo device) {

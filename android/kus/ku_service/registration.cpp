@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <android-base/file.h>
 #include <android-base/logging.h>
 #include <binder/IServiceManager.h>
 #include <cutils/properties.h>
@@ -22,23 +23,32 @@ void readBuildType() {
     if (strcmp(buildType, kDebugBuildType) == 0) isUserDebugBuild = true;
 }
 
+bool hasCrashed() {
+    std::string status;
+    return base::ReadFileToString(statusFilePath, &status) && status == crashStatus;
+}
+
 // A file that is refused at start-up is not undone: the rules before its first error are in force,
-// and the status file says why.
+// and the status file says why. But a crash handler leaves a rewrite alone that it does not know,
+// and where that is refused now, the observer does what the crash has kept it from.
 void loadRules() {
+    const bool afterCrash = hasCrashed();
     Util::createMapFromConfig(configFilePath);
     if (!xml_parse_status) {
         LOG(INFO) << " parsing failed";
+        rulesAreLeftByCrash = afterCrash && Util::backupDiffersFromRules();
         return;
     }
     LOG(INFO) << " updating error fle with success";
     Util::updateErrorFile(statusFilePath, "SUCCESS");
     LOG(INFO) << "copying backup ";
-    Util::copyFileContent(configFilePath, backupFilePath);
+    Util::backUpRules();
 }
 
 }  // namespace
 
 bool isUserDebugBuild = false;
+bool rulesAreLeftByCrash = false;
 
 void KUsbService::Register() {
     LOG(INFO) << " parsing register createmap called";

@@ -21,13 +21,27 @@ namespace android::kus {
  */
 class UsbDevice {
   public:
+    /** While one lives, its device is in the device-id map for as long as a scan finds it. */
+    class KeptInMap {
+      public:
+        explicit KeptInMap(int deviceId);
+        ~KeptInMap();
+        KeptInMap(const KeptInMap&) = delete;
+
+      private:
+        const int deviceId_;
+    };
+
     /** Rebuilds the device-id map from a fresh scan of sysfs. */
     static void create_usb_device_map();
 
     /** Copies of a device's records, in map order; empty when the id is unknown. */
     static std::vector<usbinterface_custom> get_deviceid_data(int deviceId);
 
-    /** Drops a device from the map when `flag` is false; does nothing when it is true. */
+    /**
+     * Drops a device from the map when `flag` is false, and waits while it is a KeptInMap; does
+     * nothing when it is true.
+     */
     static void update_deviceid_map(int deviceId, bool flag);
 
     /** True when one of the device's interfaces is a vendor-specific HID. */
@@ -47,10 +61,25 @@ class UsbDevice {
     static void usb_host_reset(int value);
 
     /**
-     * Rescans, which rebuilds the device-id map too, and prints the device tree, the interfaces and
-     * the map to `fd`.
+     * Does usb_host_reset(0) on a thread of its own and returns at once. One that still waits for
+     * its turn serves further requests, too.
      */
-    static void dump_print_test(int fd);
+    static void request_host_reset();
+    /** True while one that was requested waits or runs. */
+    static bool requested_reset_runs();
+
+    /**
+     * Gives the controller that a reset has just switched off its role back. For the crash handler,
+     * once SharedStateUse::endAll keeps resets from writing.
+     */
+    static void give_host_role_back();
+
+    /**
+     * Rescans, which rebuilds the device-id map too, and prints the device tree, the interfaces and
+     * the map to `text`. Holds topologyLock meanwhile, so that should not block. The log names
+     * `fd`, which the text is for.
+     */
+    static void dump_print_test(int fd, int text);
 
     // The scan. Whoever calls these holds topologyLock and leaves the lists empty.
 

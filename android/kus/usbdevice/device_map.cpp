@@ -4,8 +4,10 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <condition_variable>
 #include <iterator>
 #include <memory>
+#include <set>
 
 #include "usbdevice/UsbDevice.h"
 
@@ -80,10 +82,26 @@ bool hasInputDirectory(const InterfacePath& path) {
     return false;
 }
 
+// Guarded by topologyLock.
+std::multiset<int> keptDevices;
+// Never destroyed: at the exit after a crash a removal may still wait on it.
+auto& noLongerKept = *new std::condition_variable;
+
 }  // namespace
 
 std::mutex UsbDevice::topologyLock;
 std::multimap<int32_t, usbinterface_custom> UsbDevice::deviceid_map;
+
+UsbDevice::KeptInMap::KeptInMap(int deviceId) : deviceId_(deviceId) {
+    const std::lock_guard lock(topologyLock);
+    keptDevices.insert(deviceId_);
+}
+
+UsbDevice::KeptInMap::~KeptInMap() {
+    const std::lock_guard lock(topologyLock);
+    keptDevices.erase(keptDevices.find(deviceId_));
+    noLongerKept.notify_all();
+}
 
 void UsbDevice::create_usb_device_map() {
     LOG(INFO) << "create_usb_device_map called";
@@ -240,7 +258,8 @@ bool UsbDevice::check_vendor_hid(int deviceId) {
 void UsbDevice::update_deviceid_map(int deviceId, bool flag) {
     LOG(INFO) << "update_deviceid_map deviceId:" << deviceId << " flag:" << flag;
     if (flag) return;
-    const std::lock_guard lock(topologyLock);
+    std::unique_lock lock(topologyLock);
+    noLongerKept.wait(lock, [&] { return keptDevices.count(deviceId) == 0; });
     deviceid_map.erase(deviceId);
 }
 

@@ -14,6 +14,7 @@
 #include <sstream>
 #include <thread>
 
+#include "crash/crash_barrier.h"
 #include "usbdevice/UsbDevice.h"
 
 namespace android::kus {
@@ -47,6 +48,14 @@ constexpr size_t kBufferSize = 4096;
 // Host controllers' role attributes, below kSocPath.
 const char* const controllerModeNodes[] = {"c200000.hsusb/mode", "a800000.ssusb/mode"};
 
+// Resets handed over by request_host_reset: one has not begun; and how many have not ended.
+std::atomic<bool> resetWaits = false;
+std::atomic<int> requestedResets = 0;
+
+// The controller that a reset has switched off. The crash handler looks at them.
+char offControllerPath[kBufferSize];
+std::atomic<bool> controllerIsOff = false;
+
 std::mutex dockPollLock;
 char dockPollBuffer[kBufferSize];  // guarded by dockPollLock
 
@@ -62,8 +71,21 @@ bool isInHostRole(const std::string& path) {
 }
 
 void writeRole(const std::string& path, const char* role) {
+    // Or a reset could switch a controller off after the crash handler has switched it on.
+    const SharedStateUse use;
     UsbDevice::write_sysfs_val(path.c_str(), role, kRoleLength);
 }
+
+/** Switches a controller off. While one lives, a crash gives the controller its role back. */
+class ControllerOff {
+  public:
+    explicit ControllerOff(const std::string& path) {
+        snprintf(offControllerPath, sizeof(offControllerPath), "%s", path.c_str());
+        controllerIsOff = true;
+        writeRole(path, kNoRole);
+    }
+    ~ControllerOff() { controllerIsOff = false; }
+};
 
 /** The value of "dc/online" as it stands, by way of dockPollBuffer; empty when unreadable. */
 std::string readDockPower() {
@@ -89,12 +111,14 @@ void toggleControllers() {
     for (const char* node : controllerModeNodes) {
         const std::string path = std::string(kSocPath) + node;
         if (!isInHostRole(path)) continue;
-        writeRole(path, kNoRole);
-        LOG(INFO) << "usb_host_reset mode set to none for syspath: " << path;
-        sleep_for(kRoleSettleTime);
-        // Logged before the write, unlike "none".
-        LOG(INFO) << "usb_host_reset mode set to host for syspath: " << path;
-        writeRole(path, kHostRole);
+        {
+            const ControllerOff off(path);
+            LOG(INFO) << "usb_host_reset mode set to none for syspath: " << path;
+            sleep_for(kRoleSettleTime);
+            // Logged before the write, unlike "none".
+            LOG(INFO) << "usb_host_reset mode set to host for syspath: " << path;
+            writeRole(path, kHostRole);
+        }
         sleep_for(kRoleSettleTime);
     }
 }
@@ -123,7 +147,7 @@ bool hasPower() {
 /** The role stays "none" where the power is gone: the dock was pulled meanwhile. */
 void toggleDisplayLinkController(const std::string& path, milliseconds wait) {
     if (!isInHostRole(path)) return;
-    writeRole(path, kNoRole);
+    const ControllerOff off(path);
     LOG(INFO) << "virtual_undock_dock_event mode set to none for syspath: " << path;
     sleep_for(wait);
     if (!exists(kUsbOnlinePath)) return;
@@ -162,19 +186,49 @@ void pollDock() {
     LOG(INFO) << "readSysfsChangeEvent:exit poll due to virtual dock";
 }
 
+std::unique_lock<std::mutex> awaitTurn() {
+    LOG(INFO) << "usb_host_reset entered:";
+    return std::unique_lock(UsbDevice::hostResetMutex);
+}
+
+void* resetInTurn(void*) {
+    const std::unique_lock turn = awaitTurn();
+    resetWaits = false;
+    toggleControllers();
+    --requestedResets;
+    return nullptr;
+}
+
 }  // namespace
 
 std::mutex UsbDevice::hostResetMutex;
 std::atomic<bool> UsbDevice::virtualDockDone = false;
 
 void UsbDevice::usb_host_reset(int value) {
-    LOG(INFO) << "usb_host_reset entered:";
-    const std::lock_guard lock(hostResetMutex);
+    const std::unique_lock turn = awaitTurn();
     if (value <= 0) {
         toggleControllers();
     } else {
         virtual_undock_dock_event(value);
     }
+}
+
+void UsbDevice::request_host_reset() {
+    // One that still waits will see to these rules too.
+    if (resetWaits.exchange(true)) return;
+    ++requestedResets;
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, resetInTurn, nullptr) == 0) {
+        pthread_detach(thread);
+    } else {
+        resetInTurn(nullptr);
+    }
+}
+
+bool UsbDevice::requested_reset_runs() { return requestedResets > 0; }
+
+void UsbDevice::give_host_role_back() {
+    if (controllerIsOff) writeRole(offControllerPath, kHostRole);
 }
 
 void UsbDevice::virtual_undock_dock_event(int wait) {
@@ -240,6 +294,7 @@ size_t UsbDevice::write_sysfs_val(const char* path, const char* buf, size_t coun
 std::string UsbDevice::get_displaylink_soc_path() {
     char bus;
     {
+        const SharedStateUse use;
         const std::lock_guard lock(topologyLock);
         const auto adapter = std::find_if(
             deviceid_map.begin(), deviceid_map.end(),

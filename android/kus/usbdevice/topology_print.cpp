@@ -1,10 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <android-base/file.h>
 #include <android-base/logging.h>
-#include <android-base/unique_fd.h>
 #include <stdio.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <string>
 
@@ -13,8 +9,6 @@
 namespace android::kus {
 namespace {
 
-using android::base::unique_fd;
-
 // One prefix at every depth: the order of the lines alone shows the nesting.
 constexpr char kLinePrefix[] = "   |__ ";
 
@@ -22,27 +16,18 @@ constexpr uint32_t kHubClass = 9;
 
 }  // namespace
 
-void UsbDevice::dump_print_test(int fd) {
+void UsbDevice::dump_print_test(int fd, int text) {
     LOG(INFO) << "dump_print_test called " << fd;
-    // Into memory first: a reader that does not drain its descriptor must not hold the topology,
-    // and with it every decision.
-    const unique_fd text(memfd_create("usb_topology", MFD_CLOEXEC));
-    {
-        const std::lock_guard lock(topologyLock);
-        deviceid_map.clear();
-        // Silent where the directory cannot be read, unlike create_usb_device_map.
-        if (scan_bus_entries()) {
-            print_tree(text.get());
-            print_interfacelist(text.get());
-        }
-        delete_all_nodes();
-        empty_list();
-        print_deviceid_map(text.get());
+    const std::lock_guard lock(topologyLock);
+    deviceid_map.clear();
+    // Silent where the directory cannot be read, unlike create_usb_device_map.
+    if (scan_bus_entries()) {
+        print_tree(text);
+        print_interfacelist(text);
     }
-    std::string content;
-    if (lseek(text.get(), 0, SEEK_SET) == 0 && base::ReadFdToString(text.get(), &content)) {
-        base::WriteStringToFd(content, fd);
-    }
+    delete_all_nodes();
+    empty_list();
+    print_deviceid_map(text);
 }
 
 void UsbDevice::print_tree(int fd) {

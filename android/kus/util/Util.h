@@ -16,6 +16,9 @@ inline constexpr char backupFilePath[] =
     "/data/system/usbdeviceconfig/usb_device_config_backup.xml";
 inline constexpr char statusFilePath[] = "/data/system/usbdeviceconfig/status.txt";
 
+/** The status text of a daemon that has crashed. */
+inline constexpr char crashStatus[] = "Unable to apply the USB Admin config rules";
+
 /** The administrator's rules: their file, the tables it fills, and the questions asked of them. */
 class Util {
   public:
@@ -62,13 +65,48 @@ class Util {
     static std::vector<int32_t> checkMultiClass(int key_val);
 
     /**
-     * Copies a text file line by line, ending every line with a line feed, and syncs what it wrote.
-     * False when a file could not be opened or written, but an empty source is true whatever the
-     * destination. Empties the destination even when there is no source.
+     * Reads the rules file at `path` for a parse, and keeps its text for backUpRules. Null, with
+     * errno, where it cannot be read; else valid until the next of either. Called by the one thread
+     * that parses.
+     */
+    static const std::string* readRules(const std::string& path);
+
+    /** True when the rules file is no longer as it was read last. */
+    static bool rulesFileHasChanged();
+
+    /** True when there is a backup, and it is not of what was read last. */
+    static bool backupDiffersFromRules();
+
+    /** True when what was read last is what restoreRules left: the backup, or what was there. */
+    static bool readWhatWasRestored();
+
+    /**
+     * Copies a text file, ending every line with a line feed, and syncs what it wrote. False when a
+     * file could not be read or written, but an empty source is true when the destination could not
+     * be opened. Empties the destination when there is no source; what cannot be written whole is
+     * put back, with an error in the log.
      */
     static bool copyFileContent(std::string src, std::string dst);
 
-    /** Replaces the file's content with `message` and syncs it. Fails silently. */
+    /**
+     * Copies the rules file over the backup as copyFileContent does, but as it was read by the last
+     * parse, which has accepted it: another file may stand there by now.
+     */
+    static bool backUpRules();
+
+    /** What restoreRules did. But for kNotOpened, an event of the file's being closed follows. */
+    enum class Restored { kWhole, kNotWhole, kNotOpened, kRewritten };
+
+    /**
+     * Copies the backup over the rules file as copyFileContent does, unless that has been rewritten
+     * since it was read last. May be called from a signal handler.
+     */
+    static Restored restoreRules();
+
+    /**
+     * Replaces the file's content with `message` and syncs it. Silent where it cannot be opened;
+     * what cannot be written is put back, with an error in the log.
+     */
     static void updateErrorFile(std::string path, std::string message);
 };
 

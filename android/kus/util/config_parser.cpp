@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string_view>
 
+#include "crash/crash_barrier.h"
 #include "util/Util.h"
 #include "util/rule_tables.h"
 
@@ -173,6 +174,18 @@ void ConfigReader::reportLoadError(const XMLDocument& document) {
     writeStatus_(document.ErrorStr(), document.ErrorLineNum());
 }
 
+// Parses the text that is kept for the backup, not whatever the library would read a moment later.
+bool load(const std::string& path, XMLDocument* document) {
+    while (true) {
+        const std::string* text = Util::readRules(path);
+        if (text != nullptr) {
+            return document->Parse(text->data(), text->size()) == tinyxml2::XML_SUCCESS;
+        }
+        // For the library's own words about a file that cannot be read.
+        if (document->LoadFile(path.c_str()) != tinyxml2::XML_SUCCESS) return false;
+    }
+}
+
 }  // namespace
 
 void Util::createMapFromConfig(const std::string& path) {
@@ -182,9 +195,10 @@ void Util::createMapFromConfig(const std::string& path) {
 
 void Util::readConfig(const std::string& path, const StatusWriter& writeStatus) {
     const std::unique_lock lock(ruleTablesLock);
+    const SharedStateUse use;
     XMLDocument document(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE);
     clearRules();
-    const bool loaded = document.LoadFile(path.c_str()) == tinyxml2::XML_SUCCESS;
+    const bool loaded = load(path, &document);
     xml_parse_status = false;
     ConfigReader reader(writeStatus);
     if (loaded) {

@@ -1,8 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "util/rule_tables.h"
 
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
 namespace android::kus {
 namespace {
+
+constexpr std::chrono::seconds kLongestDoubt(1);
+
+// Guarded by ruleTablesLock.
+bool rulesInDoubt = false;
+std::chrono::steady_clock::time_point doubtEnds;
+
+// Neither this nor ruleTablesLock is ever destroyed: at the exit after a crash decisions may still
+// wait for them.
+auto& rulesStay = *new std::condition_variable_any;
 
 std::map<int32_t, std::string> inputSourceRows() {
     std::map<int32_t, std::string> rows;
@@ -14,7 +28,7 @@ std::map<int32_t, std::string> inputSourceRows() {
 
 }  // namespace
 
-std::shared_mutex ruleTablesLock;
+std::shared_mutex& ruleTablesLock = *new std::shared_mutex;
 
 std::string configMode = "default";
 std::vector<int32_t> classList;
@@ -25,6 +39,17 @@ std::string errorMessage = "SUCCESS";
 const std::vector<int32_t> restrictedClasses = {0x00, 0x03, 0x09, 0xEF, 0xFE, 0xFF};
 const std::map<int32_t, std::string> inputSourceNames = inputSourceRows();
 bool xml_parse_status = false;
+
+void setRulesInDoubt(bool inDoubt) {
+    const std::unique_lock lock(ruleTablesLock);
+    if (inDoubt && !rulesInDoubt) doubtEnds = std::chrono::steady_clock::now() + kLongestDoubt;
+    rulesInDoubt = inDoubt;
+    rulesStay.notify_all();
+}
+
+void awaitRulesThatStay(std::shared_lock<std::shared_mutex>* lock) {
+    rulesStay.wait_until(*lock, doubtEnds, [] { return !rulesInDoubt; });
+}
 
 void addVidPid(int32_t vid, int32_t pid) {
     // Spares a file that is sorted by vendor the search.

@@ -21,7 +21,19 @@ inline constexpr int32_t ANY_PRODUCT = -1;
  * whoever combines several queries into one decision holds it shared from the first to the last,
  * so that no decision sees half-loaded rules. The queries themselves take no lock.
  */
-extern std::shared_mutex ruleTablesLock;
+extern std::shared_mutex& ruleTablesLock;
+
+/**
+ * Tells that the tables are about to hold rules which may turn out to be refused and be followed by
+ * the restored ones, or that they hold what stays. Takes ruleTablesLock exclusively.
+ */
+void setRulesInDoubt(bool inDoubt);
+
+/**
+ * Waits for rules that stay, until they have been in doubt for a second. `lock` holds
+ * ruleTablesLock, before and after.
+ */
+void awaitRulesThatStay(std::shared_lock<std::shared_mutex>* lock);
 
 /** The root element's mode, as written, even when the file was rejected because of it. */
 extern std::string configMode;

@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <filesystem>
+#include <thread>
+
+#include "device_test.h"
+#include "process.h"
+#include "util/Util.h"
+
+namespace android::kus {
+namespace {
+
+using std::this_thread::sleep_for;
+
+class SoakTest : public DeviceTest {};
+
+size_t descriptors(pid_t pid) {
+    namespace fs = std::filesystem;
+    return std::distance(fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd"), {});
+}
+
+/** Does something again and again, for as long as this lives. */
+class Again {
+  public:
+    Again(std::chrono::milliseconds pause, std::function<void()> action)
+        : thread_([=] {
+              for (; !done_; sleep_for(pause)) action();
+          }) {}
+    ~Again() {
+        done_ = true;
+        thread_.join();
+    }
+
+  private:
+    std::atomic<bool> done_ = false;
+    std::thread thread_;
+};
+
+TEST_F(SoakTest, DevicesClientsRulesAndReadersComeAndGo) {
+    const pid_t daemon = daemonPid();
+    Plugged stick("stick", "--vendor 2385 --product 5734 --storage --port 0");
+    const auto run = [&](int times) {
+        const Again rewrites(1s, [bad = false]() mutable {
+            writeFile(configFilePath, (bad = !bad) ? "<broken" : Rules::next().text);
+        });
+        const Again dumps(200ms, [] { shell("kusctl dump; kusctl dump topology"); });
+        const Again clients(100ms, [] { Client dying(2); });
+        for (int i = 0; i < times; ++i) stick.replug();
+    };
+    run(fullRun() ? 50 : 4);
+    const size_t descriptorsBefore = descriptors(daemon);
+    const long memoryBefore = residentKilobytes(daemon);
+    run(fullRun() ? 1000 : 10);
+    const Rules rules = Rules::rewrite();
+    EXPECT_EQ(stick.decision().status, !rules.whitelist);
+    EXPECT_EQ(daemonPid(), daemon);
+    EXPECT_TRUE(eventually([&] { return descriptors(daemon) <= descriptorsBefore; }))
+        << descriptors(daemon) << " descriptors, " << descriptorsBefore << " before";
+    const long grown = residentKilobytes(daemon) - memoryBefore;
+    printf("resident memory: %ld KiB, grown by %ld KiB\n", memoryBefore + grown, grown);
+    EXPECT_LT(grown, 1024);
+}
+
+}  // namespace
+}  // namespace android::kus

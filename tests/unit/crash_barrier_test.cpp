@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "crash/crash_barrier.h"
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "kus_test.h"
+
+namespace android::kus {
+namespace {
+
+using std::chrono::milliseconds;
+using std::this_thread::sleep_for;
+
+class CrashBarrierDeathTest : public KusTest {};
+
+enum Steps { kBegun = 1, kEnded = 2, kTold = 4, kBegunLater = 8 };
+
+/** Ends what another thread is at for `work`, as a crash does, and exits with the steps it made. */
+void crashDuring(milliseconds work) {
+    std::atomic<int> steps = 0;
+    std::thread([&] {
+        {
+            const SharedStateUse use;
+            const SharedStateUse nested;
+            steps |= kBegun;
+            sleep_for(work);
+            steps |= kEnded;
+        }
+        steps |= kTold;
+    }).detach();
+    while (!steps) sleep_for(milliseconds(1));
+    // What crashes is a use itself, and may begin others.
+    const SharedStateUse own;
+    SharedStateUse::endAll();
+    const SharedStateUse afterwards;
+    std::thread([&] {
+        const SharedStateUse use;
+        steps |= kBegunLater;
+    }).detach();
+    sleep_for(milliseconds(100));
+    _exit(steps);
+}
+
+TEST_F(CrashBarrierDeathTest, WhatIsUnderWayEndsAndNothingBegins) {
+    EXPECT_EXIT(crashDuring(milliseconds(300)), testing::ExitedWithCode(kBegun | kEnded), "");
+    EXPECT_EXIT(crashDuring(std::chrono::hours(1)), testing::ExitedWithCode(kBegun), "");
+}
+
+}  // namespace
+}  // namespace android::kus

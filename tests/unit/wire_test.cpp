@@ -1,0 +1,413 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// The bytes of every call, worked out by hand from what a phone's libbinder and the code that its
+// aidl generates write (API 34: Parcel.cpp, Status.cpp, Binder.cpp, Stability.cpp). All numbers are
+// little-endian; every item starts at a multiple of four bytes.
+
+#include <android/kus/BnKUsbService.h>
+#include <android/kus/BnKUsbServiceCallback.h>
+#include <android/kus/BpKUsbService.h>
+#include <android/kus/BpKUsbServiceCallback.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace android::kus {
+namespace {
+
+using binder::Status;
+
+// What every call of an interface starts with.
+constexpr char kServiceToken[] = R"(
+    00000080                           # strict mode policy: none, violations to be gathered
+    ffffffff                           # work source: none
+    54535953                           # 0x53595354, "SYST": a libbinder of the system's
+    18000000                           # a string of 24 units, with a NUL and padding
+    61006e00 64007200 6f006900 64002e00 6b007500 73002e00
+    49004b00 55007300 62005300 65007200 76006900 63006500
+    00000000                           # "android.kus.IKUsbService"
+)";
+constexpr char kCallbackToken[] = R"(
+    00000080 ffffffff 54535953 20000000
+    61006e00 64007200 6f006900 64002e00 6b007500 73002e00
+    49004b00 55007300 62005300 65007200 76006900 63006500
+    43006100 6c006c00 62006100 63006b00
+    00000000                           # "android.kus.IKUsbServiceCallback"
+)";
+
+constexpr char kDevice[] = R"(
+    01000000                           # there is one
+    5c000000                           # 92 bytes, this number included
+    04000000 6d00e900 6d006f00 00000000     # deviceName
+    e9030000 ef000000                  # deviceId, deviceClass
+    02000000 08000000 ff000000         # interfaceClassList
+    51090000 66160000 01000000         # vendorId, productId, status
+    00000000                           # deviceType
+    02000000 6f006b00 00000000         # reason
+    04000000                           # category
+    07000000 73006400 63006100 72006400 3b000000    # categoryPath: its NUL fills the last word
+)";
+
+DeviceInfo device() {
+    DeviceInfo device;
+    device.deviceName = "m\u00e9mo";
+    device.deviceId = 1001;
+    device.deviceClass = 0xef;
+    device.interfaceClassList = {8, 255};
+    device.vendorId = 0x0951;
+    device.productId = 0x1666;
+    device.status = 1;
+    device.reason = "ok";
+    device.category = 4;
+    device.categoryPath = "sdcard;";
+    return device;
+}
+
+auto fields(const DeviceInfo& d) {
+    return std::tie(d.deviceName, d.deviceId, d.deviceClass, d.interfaceClassList, d.vendorId,
+                    d.productId, d.status, d.deviceType, d.reason, d.category, d.categoryPath);
+}
+
+// An object of this process's own; the driver replaces the two addresses by a handle.
+constexpr char kObjectStart[] = R"(
+    852a6273                           # 0x73622a85, "sb*": a local object
+    13010000                           # served at nice 19 at least; takes descriptors (0x100)
+)";
+constexpr char kObjectEnd[] = "0c000000    # stability: the system's\n";
+constexpr char kNullObject[] = R"(
+    852a6273 13000000 0000000000000000 0000000000000000
+    00000000                           # stability: none
+)";
+
+constexpr char kOk[] = "00000000    # no exception\n";
+constexpr char kTrue[] = "01000000\n";
+constexpr char kTwo[] = "02000000\n";
+
+std::string hex(const void* data, size_t size) {
+    std::string digits;
+    for (size_t i = 0; i < size; ++i) {
+        char byte[3];
+        snprintf(byte, sizeof(byte), "%02x", static_cast<const uint8_t*>(data)[i]);
+        digits += byte;
+    }
+    return digits;
+}
+
+std::string hex(const Parcel& parcel) { return hex(parcel.data(), parcel.dataSize()); }
+
+std::string address(const void* object) { return hex(&object, sizeof(object)) + " "; }
+
+std::string object(BBinder* binder) {
+    return kObjectStart + address(binder->getWeakRefs()) + address(binder) + kObjectEnd;
+}
+
+/** The digits of a text, without its comments. */
+std::string digits(const std::string& text) {
+    std::string result;
+    bool comment = false;
+    for (const char c : text) {
+        comment = c != '\n' && (comment || c == '#');
+        if (!comment && isxdigit(c)) result += c;
+    }
+    return result;
+}
+
+void write(Parcel* parcel, const std::string& text) {
+    const std::string all = digits(text);
+    std::vector<uint8_t> bytes;
+    for (size_t i = 0; i < all.size(); i += 2) bytes.push_back(stoi(all.substr(i, 2), nullptr, 16));
+    if (bytes.empty()) return;
+    ASSERT_EQ(parcel->write(bytes.data(), bytes.size()), OK);
+    parcel->setDataPosition(0);
+}
+
+/** Stands between a proxy and a stub, as the driver does, and keeps what passes. */
+class Wire : public BBinder {
+  public:
+    explicit Wire(const sp<IBinder>& callee) : callee_(callee) {}
+
+    uint32_t code, flags;
+    std::string request, reply;
+
+  private:
+    status_t onTransact(uint32_t calledCode, const Parcel& data, Parcel* answer,
+                        uint32_t calledFlags) override {
+        code = calledCode;
+        flags = calledFlags;
+        request = hex(data);
+        const status_t status = callee_->transact(code, data, answer, flags);
+        reply = hex(*answer);
+        return status;
+    }
+
+    const sp<IBinder> callee_;
+};
+
+/** Keeps what it was called with. */
+class Service : public BnKUsbService {
+  public:
+    Status registerKusCallback(const sp<IKUsbServiceCallback>& callback) override {
+        return called(IInterface::asBinder(callback));
+    }
+    Status unregisterKusCallback(const sp<IKUsbServiceCallback>& callback) override {
+        return called(IInterface::asBinder(callback));
+    }
+    Status getDeviceList(std::vector<DeviceInfo>* devices) override {
+        *devices = {device(), device()};
+        return called();
+    }
+    Status updateDeviceList(const DeviceInfo& device, int32_t updateStatus) override {
+        return called(nullptr, device, updateStatus);
+    }
+    Status isDeviceAllowed(const DeviceInfo& device, bool* allowed) override {
+        *allowed = true;
+        return called(nullptr, device);
+    }
+    Status resetUsbDevices(int32_t waitMs) override { return called(nullptr, {}, waitMs); }
+
+    status_t dump(int fd, const Vector<String16>& args) override {
+        number = fd;
+        lastArgument = args.size() == 2 ? args[1] : String16();
+        return OK;
+    }
+
+    Status result;
+    sp<IBinder> binder;
+    DeviceInfo record;
+    int32_t number = 0;
+    String16 lastArgument;
+
+  private:
+    Status called(const sp<IBinder>& b = nullptr, const DeviceInfo& r = {}, int32_t n = 0) {
+        binder = b;
+        record = r;
+        number = n;
+        return result;
+    }
+};
+
+class Callback : public BnKUsbServiceCallback {
+  public:
+    Status onDeviceAdded(const DeviceInfo& device) override { return called("added", device); }
+    Status onDeviceRemoved(const DeviceInfo& device) override { return called("removed", device); }
+
+    std::string event;
+    DeviceInfo record;
+
+  private:
+    Status called(const char* what, const DeviceInfo& device) {
+        event = what;
+        record = device;
+        return Status::ok();
+    }
+};
+
+class WireTest : public testing::Test {
+  protected:
+    void expectPassed(uint32_t code, const std::string& arguments, const std::string& reply) {
+        EXPECT_EQ(wire_->code, code);
+        EXPECT_EQ(wire_->flags, 0u);
+        EXPECT_EQ(wire_->request, digits(kServiceToken + arguments)) << "of call " << code;
+        EXPECT_EQ(wire_->reply, digits(reply)) << "of call " << code;
+    }
+
+    const sp<Service> service_ = new Service;
+    const sp<Callback> callback_ = new Callback;
+    const sp<Wire> wire_ = new Wire(service_);
+    const sp<IKUsbService> client_ = new BpKUsbService(wire_);
+};
+
+TEST_F(WireTest, CallsOfTheService) {
+    EXPECT_TRUE(client_->registerKusCallback(callback_).isOk());
+    expectPassed(1, object(callback_.get()), kOk);
+    EXPECT_EQ(service_->binder, callback_);
+    EXPECT_TRUE(client_->unregisterKusCallback(callback_).isOk());
+    expectPassed(2, object(callback_.get()), kOk);
+    EXPECT_EQ(service_->binder, callback_);
+
+    std::vector<DeviceInfo> devices;
+    EXPECT_TRUE(client_->getDeviceList(&devices).isOk());
+    expectPassed(3, "", std::string(kOk) + kTwo + kDevice + kDevice);
+    ASSERT_EQ(devices.size(), 2u);
+    EXPECT_EQ(fields(devices[1]), fields(device()));
+
+    EXPECT_TRUE(client_->updateDeviceList(device(), 2).isOk());
+    expectPassed(4, std::string(kDevice) + kTwo, kOk);
+    EXPECT_EQ(fields(service_->record), fields(device()));
+    EXPECT_EQ(service_->number, 2);
+
+    bool allowed = false;
+    EXPECT_TRUE(client_->isDeviceAllowed(device(), &allowed).isOk());
+    expectPassed(5, kDevice, std::string(kOk) + kTrue);
+    EXPECT_EQ(fields(service_->record), fields(device()));
+    EXPECT_TRUE(allowed);
+
+    EXPECT_TRUE(client_->resetUsbDevices(-2).isOk());
+    expectPassed(6, "feffffff", kOk);
+    EXPECT_EQ(service_->number, -2);
+}
+
+TEST_F(WireTest, CallsOfTheCallback) {
+    const sp<Wire> wire = new Wire(callback_);
+    const sp<IKUsbServiceCallback> caller = new BpKUsbServiceCallback(wire);
+    const struct {
+        Status (IKUsbServiceCallback::*call)(const DeviceInfo&);
+        uint32_t code;
+        const char* event;
+    } calls[] = {
+        {&IKUsbServiceCallback::onDeviceAdded, 1, "added"},
+        {&IKUsbServiceCallback::onDeviceRemoved, 2, "removed"},
+    };
+    for (const auto& call : calls) {
+        SCOPED_TRACE(call.event);
+        EXPECT_TRUE((*caller.*call.call)(device()).isOk());
+        EXPECT_EQ(wire->code, call.code);
+        EXPECT_EQ(wire->flags, IBinder::FLAG_ONEWAY);
+        EXPECT_EQ(wire->request, digits(std::string(kCallbackToken) + kDevice));
+        EXPECT_EQ(wire->reply, "");
+        EXPECT_EQ(callback_->event, call.event);
+        EXPECT_EQ(fields(callback_->record), fields(device()));
+    }
+}
+
+TEST_F(WireTest, Exceptions) {
+    const struct {
+        Status status;
+        const char* reply;
+    } cases[] = {
+        {Status::fromExceptionCode(Status::EX_SECURITY), R"(
+            ffffffff 00000000 00000000     # -1; an empty message's length, its NUL and padding
+            00000000                       # size of a stack trace: none)"},
+        {Status::fromExceptionCode(Status::EX_ILLEGAL_STATE, "no"), R"(
+            fbffffff 02000000 6e006f00 00000000 00000000)"},
+        {Status::fromServiceSpecificError(-7, "no"), R"(
+            f8ffffff 02000000 6e006f00 00000000 00000000 f9ffffff)"},
+        {Status::fromExceptionCode(Status::EX_PARCELABLE), R"(
+            f7ffffff 00000000 00000000 00000000
+            00000000                       # size of an object: none)"},
+    };
+    for (const auto& c : cases) {
+        service_->result = c.status;
+        EXPECT_EQ(client_->resetUsbDevices(0).toString8(), c.status.toString8());
+        EXPECT_EQ(wire_->reply, digits(c.reply));
+    }
+    service_->result = Status::ok();
+    EXPECT_EQ(client_->registerKusCallback(nullptr).exceptionCode(), Status::EX_NULL_POINTER);
+    EXPECT_EQ(wire_->request, digits(std::string(kServiceToken) + kNullObject));
+    EXPECT_EQ(wire_->reply, digits("fcffffff 00000000 00000000 00000000"));
+}
+
+TEST_F(WireTest, CallsThatEveryObjectTakes) {
+    Parcel none, reply;
+    EXPECT_EQ(service_->transact(0x5f504e47 /* _PNG */, none, &reply), OK);
+    EXPECT_EQ(reply.dataSize(), 0u);
+
+    EXPECT_EQ(callback_->transact(0x5f4e5446 /* _NTF */, none, &reply), OK);
+    EXPECT_EQ(hex(reply), digits(kCallbackToken).substr(24)) << "without the three words before";
+
+    Parcel dump;
+    dump.writeFileDescriptor(5);
+    EXPECT_EQ(hex(dump), digits(R"(
+        852a6466                           # 0x66642a85, "fd*"
+        7f010000                           # no priority to ask for; takes descriptors
+        0500000000000000 0000000000000000  # the descriptor; whether the parcel owns it)"));
+    dump.writeInt32(2);
+    dump.writeString16(String16("-a"));
+    dump.writeString16(String16("x"));
+    EXPECT_EQ(service_->transact(0x5f444d50 /* _DMP */, dump, &reply), OK);
+    EXPECT_EQ(service_->number, 5);
+    EXPECT_EQ(service_->lastArgument, String16("x"));
+
+    // A count of arguments that are not there, and a byte that cannot be one.
+    Parcel cut;
+    cut.writeFileDescriptor(6);
+    cut.writeInt32(INT32_MAX);
+    cut.setDataSize(cut.dataSize() + 1);
+    EXPECT_EQ(service_->transact(0x5f444d50, cut, &reply), OK);
+    EXPECT_EQ(service_->number, 6);
+}
+
+/** Answers every call with the same bytes. */
+class Canned : public BBinder {
+  public:
+    explicit Canned(const char* reply) : reply_(reply) {}
+
+  private:
+    status_t onTransact(uint32_t, const Parcel&, Parcel* reply, uint32_t) override {
+        write(reply, reply_);
+        return OK;
+    }
+
+    const char* const reply_;
+};
+
+TEST_F(WireTest, RepliesThatOnlyJavaWrites) {
+    const struct {
+        const char* reply;
+        Status status;
+    } cases[] = {
+        {"80ffffff 08000000 11111111 01000000", Status::ok()},
+        {"81ffffff 0c000000 11111111 22222222 00000000 01000000", Status::ok()},
+        {"81ffffff 04000000 80ffffff 04000000 01000000", Status::ok()},
+        {"81ffffff 04000000 ffffffff 00000000 00000000 00000000",
+         Status::fromExceptionCode(Status::EX_SECURITY)},
+        {"f8ffffff 01000000 6e000000 0c000000 11111111 22222222 09000000",
+         Status::fromServiceSpecificError(9, "n")},
+        {"f7ffffff 01000000 6e000000 00000000 08000000 11111111",
+         Status::fromExceptionCode(Status::EX_PARCELABLE, "n")},
+        // Sizes that the reply does not bear out, and replies that end too soon.
+        {"80ffffff 0c000000 11111111", Status::fromStatusT(UNKNOWN_ERROR)},
+        {"81ffffff fcffffff 00000000 01000000", Status::fromStatusT(UNKNOWN_ERROR)},
+        {"ffffffff 00000000 00000000 08000000", Status::fromStatusT(UNKNOWN_ERROR)},
+        {"ffffffff 02000000 6e006f00", Status::fromStatusT(UNEXPECTED_NULL)},
+        {"f8ffffff 00000000 00000000 00000000", Status::fromStatusT(NOT_ENOUGH_DATA)},
+        {"00000000", Status::fromStatusT(NOT_ENOUGH_DATA)},
+        {"", Status::fromStatusT(NOT_ENOUGH_DATA)},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.reply);
+        const sp<IKUsbService> client = new BpKUsbService(new Canned(c.reply));
+        bool allowed = false;
+        EXPECT_EQ(client->isDeviceAllowed(device(), &allowed).toString8(), c.status.toString8());
+        EXPECT_EQ(allowed, c.status.isOk());
+    }
+}
+
+TEST_F(WireTest, RequestsThatAreRefused) {
+    const std::string token = digits(kServiceToken);
+    std::string vendors = token, another = token, unended = token;
+    vendors.replace(16, 8, "52444e56");
+    another.replace(32, 4, "6200");
+    unended.replace(token.size() - 8, 4, "6100");
+    const struct {
+        const char* what;
+        std::string request;
+        status_t status;
+    } cases[] = {
+        {"the name alone", token.substr(24) + digits(kNullObject), BAD_TYPE},
+        {"a vendor's libbinder", vendors + digits(kNullObject), BAD_TYPE},
+        {"another interface", another + digits(kNullObject), BAD_TYPE},
+        {"a name without its NUL", unended + digits(kNullObject), BAD_TYPE},
+        {"null without its stability", token + digits(kNullObject).substr(0, 48), NOT_ENOUGH_DATA},
+        {"null that has one", token + digits(kNullObject).substr(0, 48) + "0c000000", BAD_TYPE},
+        {"a handle that nobody translated",
+         token + "852a6873 13000000 0000000000000000 0000000000000000 0c000000", BAD_TYPE},
+        {"an object that nobody translated", token + digits(object(callback_.get())), BAD_TYPE},
+    };
+    for (const auto& c : cases) {
+        Parcel data, reply;
+        write(&data, c.request);
+        EXPECT_EQ(service_->transact(1, data, &reply), c.status) << c.what;
+    }
+    // A record that ends in its list, which claims to be longer.
+    for (const char* count : {"03000000", "00001000", "ffffff7f"}) {
+        Parcel data, reply;
+        write(&data, token + digits(kDevice).substr(0, 64) + count + "08000000");
+        EXPECT_EQ(service_->transact(5, data, &reply), BAD_VALUE) << count;
+    }
+}
+
+}  // namespace
+}  // namespace android::kus
