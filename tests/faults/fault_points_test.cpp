@@ -212,8 +212,21 @@ TEST_F(FaultPoints, OfAStart) {
     const auto act = [&] {
         writeRules(kAfter);
         writeFile(backupFilePath, kBefore.copy());
+        writeFile(statusFilePath, "SUCCESS");
     };
     tryAll({"start", {kAfter}, {kBefore, kAfter}, false, act});
+}
+
+// The crash came before the refused file was read.
+TEST_F(FaultPoints, OfAStartAfterACrash) {
+    const Rules refused = makeRules(kUnknownElement, 3);
+    const auto act = [&] {
+        writeRules(refused);
+        writeFile(backupFilePath, kBefore.copy());
+        writeFile(statusFilePath, crashStatus);
+    };
+    tryAll({"start after a crash", {refused, kBefore}, {kBefore}, false, act});
+    EXPECT_TRUE(kBefore.isIn(contentOf(configFilePath)));
 }
 
 TEST_F(FaultPoints, OfStartupTasks) {
