@@ -88,7 +88,7 @@ Client::Client(int registrations, bool hangs)
     std::string printed;
     do printed = line();
     while (!printed.empty() && printed != "registered");
-    EXPECT_EQ(printed, "registered");
+    EXPECT_EQ(printed, "registered") << (ends(0s) ? "it has ended" : "it takes too long");
 }
 
 Caller::Caller() : Process({kSelf, kCallerRole}) { EXPECT_EQ(line(), "ready"); }

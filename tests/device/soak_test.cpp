@@ -39,7 +39,7 @@ TEST_F(SoakTest, DevicesClientsRulesAndReadersComeAndGo) {
     const pid_t daemon = daemonPid();
     Plugged stick("stick", "--vendor 2385 --product 5734 --storage --port 0");
     const auto run = [&](int times) {
-        const Again rewrites(1s, [bad = false]() mutable {
+        const Again rewrites(3s, [bad = false]() mutable {
             writeFile(configFilePath, (bad = !bad) ? "<broken" : Rules::next().text);
         });
         const Again dumps(200ms, [] { shell("kusctl dump; kusctl dump topology"); });
@@ -51,7 +51,7 @@ TEST_F(SoakTest, DevicesClientsRulesAndReadersComeAndGo) {
     const long memoryBefore = residentKilobytes(daemon);
     run(fullRun() ? 1000 : 10);
     const Rules rules = Rules::rewrite();
-    EXPECT_EQ(stick.decision().status, !rules.whitelist);
+    EXPECT_TRUE(eventually([&] { return stick.decision().status == !rules.whitelist; }));
     EXPECT_EQ(daemonPid(), daemon);
     EXPECT_TRUE(eventually([&] { return descriptors(daemon) <= descriptorsBefore; }))
         << descriptors(daemon) << " descriptors, " << descriptorsBefore << " before";
