@@ -246,9 +246,9 @@ TEST_F(CallbacksTest, ReadersOfADumpThatTakeNothingStopNoDecisions) {
         for (; decisions < 20; ++decisions) isAllowed({8});
     });
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_TRUE(eventually([&] { return decisions == 20; }, 15s));
+    EXPECT_TRUE(eventually([&] { return decisions == 20; }, 30s));
     const auto decided = std::chrono::steady_clock::now() - start;
-    EXPECT_TRUE(eventually([&] { return running == 0; }, 20s)) << running << " are still served";
+    EXPECT_TRUE(eventually([&] { return running == 0; }, 40s)) << running << " are still served";
     printf("20 decisions took %.1f s\n", std::chrono::duration<double>(decided).count());
     readEnds.clear();
     asking.join();

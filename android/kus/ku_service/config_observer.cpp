@@ -131,11 +131,22 @@ void resetControllers() {
     while (UsbDevice::requested_reset_runs() && !rewriteFollows(kResetPollInterval)) continue;
 }
 
+// Of a file that was written once more as it was refused. Left in the queue, it would be taken for
+// the event of the restore, and that one for a rewrite.
+void forgetRewrites() {
+    while (rewriteFollows(milliseconds(0))) {
+        events.erase(
+            std::remove_if(events.begin(), events.end(),
+                           [](const FileEvent& event) { return event.name == kConfigFileName; }),
+            events.end());
+    }
+}
+
 // Writing the rules file makes an event of its own, whose parse puts the old rules back in force.
 void restoreRules() {
     LOG(INFO) << "Parsing failure, copying backup file content";
     lastRestore = steady_clock::now();
-    const Util::Restored restored = Util::restoreRules();
+    const Util::Restored restored = Util::restoreRules(forgetRewrites);
     // Without that event it would be the next good rewrite that is taken for the copy.
     backupRestorePending =
         restored == Util::Restored::kWhole || restored == Util::Restored::kNotWhole;

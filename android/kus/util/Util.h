@@ -99,9 +99,10 @@ class Util {
 
     /**
      * Copies the backup over the rules file as copyFileContent does, unless that has been rewritten
-     * since it was read last. May be called from a signal handler.
+     * since it was read last. `whenHeld` is called just before, if nobody else can write the file
+     * then. May be called from a signal handler.
      */
-    static Restored restoreRules();
+    static Restored restoreRules(const std::function<void()>& whenHeld = [] {});
 
     /**
      * Replaces the file's content with `message` and syncs it. Silent where it cannot be opened;

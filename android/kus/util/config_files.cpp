@@ -78,6 +78,8 @@ struct Destination {
     unique_fd fd;
     /** Was opened for writing, so that its observer is told when it is closed. */
     bool opened = false;
+    /** Nobody else has it open, nor can open it. */
+    bool held = false;
 };
 
 Destination closedFile(const std::string& path) {
@@ -107,13 +109,14 @@ Destination heldRulesFile() {
     fcntl(fd.get(), F_SETSIG, SIGURG);
     heldDescriptor = fd.get();
     const auto deadline = steady_clock::now() + kLongestHoldUp;
-    while (fcntl(fd.get(), F_SETLEASE, F_WRLCK) != 0 && errno == EAGAIN &&
+    bool held = false;
+    while (!(held = fcntl(fd.get(), F_SETLEASE, F_WRLCK) == 0) && errno == EAGAIN &&
            steady_clock::now() < deadline) {
         std::this_thread::sleep_for(kHoldInterval);
     }
     Text text;
     if (!base::ReadFdToString(fd.get(), &text.content)) text.error = errno;
-    return {configFilePath, std::move(text), std::move(fd), /*opened=*/true};
+    return {configFilePath, std::move(text), std::move(fd), /*opened=*/true, held};
 }
 
 /** While one lives, the crash handler does not run on its thread, which has emptied a file. */
@@ -238,7 +241,7 @@ bool Util::backUpRules() {
     return copy(configFilePath, {std::exchange(rulesText, {})}, &backup);
 }
 
-Util::Restored Util::restoreRules() {
+Util::Restored Util::restoreRules(const std::function<void()>& whenHeld) {
     const SharedStateUse use;
     letRulesFileGo();
     Text backup = readFile(backupFilePath);
@@ -252,6 +255,7 @@ Util::Restored Util::restoreRules() {
         LOG(INFO) << "The rules file was rewritten meanwhile, so it stays";
         return rules.opened ? Restored::kRewritten : Restored::kNotOpened;
     }
+    if (rules.held) whenHeld();
     if (copy(backupFilePath, std::move(backup), &rules)) return Restored::kWhole;
     restoredVersion = rulesVersion.load();
     return rules.opened ? Restored::kNotWhole : Restored::kNotOpened;
