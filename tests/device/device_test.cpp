@@ -150,7 +150,10 @@ bool isKeyboardAllowed() { return isInputAllowed(kKeyboard, kAnyVendor) == true;
 Intruder::Intruder()
     : thread_([this] {
           while (!done_) {
-              entries_ += isKeyboardAllowed();
+              const auto asked = std::chrono::steady_clock::now();
+              const bool allowed = isKeyboardAllowed();
+              // A decision waits a second for rules that stay, then it takes what there is.
+              entries_ += allowed && std::chrono::steady_clock::now() - asked < 1s;
               std::this_thread::sleep_for(2ms);
           }
       }) {}

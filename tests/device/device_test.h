@@ -70,7 +70,7 @@ class Intruder {
   public:
     Intruder();
     ~Intruder();
-    /** How often it was let in since this was asked last. */
+    /** How often it was let in without a wait since this was asked last. */
     int entries() { return entries_.exchange(0); }
 
   private:

@@ -42,8 +42,8 @@ TEST_F(SoakTest, DevicesClientsRulesAndReadersComeAndGo) {
         const Again rewrites(3s, [bad = false]() mutable {
             writeFile(configFilePath, (bad = !bad) ? "<broken" : Rules::next().text);
         });
-        const Again dumps(200ms, [] { shell("kusctl dump; kusctl dump topology"); });
-        const Again clients(100ms, [] { Client dying(2); });
+        const Again dumps(1s, [] { shell("kusctl dump; kusctl dump topology"); });
+        const Again clients(500ms, [] { Client dying(2); });
         for (int i = 0; i < times; ++i) stick.replug();
     };
     run(fullRun() ? 50 : 4);
