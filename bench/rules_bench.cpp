@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/logging.h>
+#include <android/kus/DeviceInfo.h>
 #include <tinyxml2.h>
 
 #include "compare.h"
-#include "ku_service/admission.h"
+#include "ku_service/admission_rules.h"
 #include "rules_file.h"
 #include "util/Util.h"
 #include "util/rule_tables.h"

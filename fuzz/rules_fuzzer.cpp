@@ -3,6 +3,7 @@
 // An input is a rules file. Comments in it may ask about devices, one a line: "<!--?" and numbers
 // for the device's type, vendor, product and class, and for the class of each of its interfaces.
 #include <android-base/logging.h>
+#include <android/kus/DeviceInfo.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -11,7 +12,7 @@
 #include <algorithm>
 
 #include "fuzz_world.h"
-#include "ku_service/admission.h"
+#include "ku_service/admission_rules.h"
 #include "rules_model.h"
 #include "util/Util.h"
 #include "util/rule_tables.h"

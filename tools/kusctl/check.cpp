@@ -7,7 +7,7 @@
 #include <optional>
 #include <shared_mutex>
 
-#include "ku_service/admission.h"
+#include "ku_service/admission_rules.h"
 #include "kusctl.h"
 #include "util/Util.h"
 #include "util/rule_tables.h"
