@@ -71,6 +71,12 @@ std::vector<Call> readTrace() {
     return calls;
 }
 
+/** Between the truncation of the file and the one write that fills it again. */
+bool endInWindow(const std::vector<Call>& calls, const std::string& path) {
+    return calls.size() > 1 && calls.back().name == "write" && calls.back().isOn(path) &&
+           calls[calls.size() - 2].truncates();
+}
+
 /** Lines at level ERROR, apart from those of a stack trace. */
 int countErrors(const std::string& log) {
     const std::vector<std::string> lines = base::Split(log, "\n");
@@ -104,6 +110,7 @@ class FaultPoints : public LocalDaemonTest {
     ~FaultPoints() override { kill(); }
 
     void tryAll(const Scenario& scenario);
+    static std::vector<std::string> straceOnFiles(const std::string& injection);
 
   private:
     std::vector<Call> run(const Scenario& scenario, const std::string& injection = "");
@@ -118,14 +125,18 @@ class FaultPoints : public LocalDaemonTest {
     int windows_ = 0;
 };
 
-std::vector<Call> FaultPoints::run(const Scenario& scenario, const std::string& injection) {
+std::vector<std::string> FaultPoints::straceOnFiles(const std::string& injection) {
     std::vector<std::string> strace = {"strace", "-f", "-y", "-s", "0", "-o", kTrace};
     for (const char* path : {"", "/usb_device_config.xml", "/usb_device_config.xml.new",
                              "/usb_device_config_backup.xml", "/status.txt"}) {
         strace.insert(strace.end(), {"-P", std::string(configDirectory) + path});
     }
     if (!injection.empty()) strace.push_back("--inject=" + injection);
+    return strace;
+}
 
+std::vector<Call> FaultPoints::run(const Scenario& scenario, const std::string& injection) {
+    std::vector<std::string> strace = straceOnFiles(injection);
     std::unique_ptr<Process> tracer;
     if (scenario.whileItRuns) {
         settleOn(kBefore);
@@ -181,9 +192,7 @@ void FaultPoints::tryPoint(const Scenario& scenario, const Call& call, const std
 
     const std::string found = contentOf(configFilePath);
     for (const char* path : {configFilePath, backupFilePath}) {
-        // Between the truncation of the file and the one write that fills it again.
-        if (killed && calls.size() > 1 && calls.back().name == "write" && calls.back().isOn(path) &&
-            calls[calls.size() - 2].truncates()) {
+        if (killed && endInWindow(calls, path)) {
             ++windows_;
             continue;
         }
@@ -261,6 +270,40 @@ TEST_F(FaultPoints, OfACrashInTheParser) {
     const Rules refused = makeRules(kNumberTooLarge, 3);
     const auto act = [&] { writeRules(refused); };
     tryAll({"crash in the parser", {refused, kBefore}, {kBefore}, true, act, SIGABRT});
+}
+
+TEST_F(FaultPoints, OfKusctlRestore) {
+    const Rules refused = makeRules(kUnknownElement, 3);
+    const auto restore = [&](const std::string& injection) {
+        std::vector<std::string> command = straceOnFiles(injection);
+        command.insert(command.end(), {KUSCTL_PATH, "restore"});
+        return Process(command).exitStatus();
+    };
+    const auto tryPoint = [&](const Call& call, const std::string& fault) {
+        SCOPED_TRACE(fault + " at " + std::to_string(call.number) + ": " + call.line);
+        writeRules(refused);
+        const int status =
+            restore(call.name + ':' + fault + ":when=" + std::to_string(call.number));
+        const std::vector<Call> calls = readTrace();
+        const std::string found = contentOf(configFilePath);
+        EXPECT_TRUE(kBefore.copy() == contentOf(backupFilePath));
+        EXPECT_TRUE((fault == kKill && endInWindow(calls, configFilePath)) ||
+                    find(found, {refused, kBefore}))
+            << gist(found);
+        EXPECT_TRUE(status != 0 || kBefore.isIn(found)) << gist(found);
+        restore("");
+        EXPECT_TRUE(kBefore.isIn(contentOf(configFilePath))) << gist(contentOf(configFilePath));
+    };
+    writeFile(backupFilePath, kBefore.copy());
+    writeRules(refused);
+    EXPECT_EQ(restore(""), 0);
+    const std::vector<Call> calls = readTrace();
+    EXPECT_TRUE(
+        std::any_of(calls.begin(), calls.end(), [](auto& call) { return call.truncates(); }));
+    for (const Call& call : calls) {
+        tryPoint(call, kKill);
+        for (const std::string& error : call.errors()) tryPoint(call, "error=" + error);
+    }
 }
 
 // The kernel writes what still fits, and only then fails.

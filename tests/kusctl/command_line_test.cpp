@@ -8,7 +8,8 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
-const char* const kCommands[] = {"list", "watch", "check", "lint", "generate", "reset", "dump"};
+const char* const kCommands[] = {"list",     "watch",   "check", "lint",
+                                 "generate", "restore", "reset", "dump"};
 
 class CommandTest : public testing::TestWithParam<const char*> {};
 
@@ -70,6 +71,7 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{{"reset", "2147483648"},
                 "kusctl reset",
                 "'2147483648' is no number of milliseconds from 1 up"},
+        Mistake{{"restore", "x.xml"}, "kusctl restore", "unexpected argument 'x.xml'"},
         Mistake{{"generate", "--mode"}, "kusctl generate", "option --mode needs a value"},
         Mistake{{"generate", "--mode", "default"},
                 "kusctl generate",

@@ -24,7 +24,7 @@ struct Command {
 };
 
 extern const Command kCheckCommand, kDumpCommand, kGenerateCommand, kLintCommand, kListCommand,
-    kResetCommand, kWatchCommand;
+    kResetCommand, kRestoreCommand, kWatchCommand;
 
 // The command line: command_line.cpp
 

@@ -66,8 +66,11 @@ Verdict judgeRules(const std::string& path) {
 
     std::string bytes;
     base::ReadFdToString(in.get(), &bytes);
-    waitpid(child, nullptr, 0);
+    int status = 0;
+    waitpid(child, &status, 0);
     if (bytes.size() < sizeof(Report)) {
+        // Nothing that the parser did: somebody else ended it, or the pipe took no report.
+        if (!WIFSIGNALED(status) || WTERMSIG(status) == SIGKILL) fail("cannot judge " + path);
         return {Verdict::Outcome::kCrash, "Unable to apply the USB Admin config rules", 0};
     }
     Report report;
