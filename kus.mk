@@ -6,7 +6,8 @@ KUS_DIR := $(patsubst %/,%,$(dir $(lastword $(MAKEFILE_LIST))))
 
 PRODUCT_PACKAGES += \
     kusctl \
-    kusd
+    kusd \
+    kusgate
 
 SYSTEM_EXT_PUBLIC_SEPOLICY_DIRS += $(KUS_DIR)/sepolicy/public
 SYSTEM_EXT_PRIVATE_SEPOLICY_DIRS += $(KUS_DIR)/sepolicy/private
