@@ -10,6 +10,7 @@
 #include <chrono>
 #include <thread>
 
+#include "gate/opening.h"
 #include "gate/silencing.h"
 
 namespace android::kus {
@@ -31,8 +32,8 @@ class DeathNotice : public IBinder::DeathRecipient {
 
 class Asker {
   public:
-    explicit Asker(DeviceTable* devices)
-        : devices_(devices), deathNotice_(new DeathNotice(devices)) {}
+    Asker(DeviceTable* devices, bool closed)
+        : devices_(devices), closed_(closed), deathNotice_(new DeathNotice(devices)) {}
 
     /** Returns when the service is dead. */
     void askOneService() {
@@ -65,7 +66,8 @@ class Asker {
             return;
         }
         if (!devices_->isToBeAskedAbout(device, description->info)) return;
-        const auto allowed = ask(*device, description->info);
+        const auto allowed = closed_ && !device->isInput() ? askAndOpen(*device, *description)
+                                                           : ask(*device, description->info);
         if (!allowed) {
             devices_->postpone(device);
             return;
@@ -73,6 +75,21 @@ class Asker {
         if (device->isInput()) setSilenced(*device, !*allowed);
         record(*device, description->info, *allowed);
         devices_->setDecided(device);
+    }
+
+    // The service closes what it refuses.
+    std::optional<bool> askAndOpen(const Device& device, const DeviceDescription& description) {
+        const bool wasOpen = isOpen(device, description.interfaces);
+        auto allowed = ask(device, description.info);
+        if (allowed == true) openDevice(device, description.interfaces);
+        if (allowed == false && !wasOpen && hasOnlyHids(description.info)) {
+            // The input question comes for what its drivers make, and a vendor-specific HID is
+            // known by them: it gets its answer now.
+            openDevice(device, description.interfaces);
+            allowed = ask(device, description.info);
+            if (!allowed) closeDevice(device, description.interfaces);
+        }
+        return allowed;
     }
 
     /** Nothing when the call fails. */
@@ -93,14 +110,15 @@ class Asker {
     }
 
     DeviceTable* const devices_;
+    const bool closed_;
     const sp<DeathNotice> deathNotice_;
     sp<IKUsbService> service_;
 };
 
 }  // namespace
 
-void askAboutDevices(DeviceTable* devices) {
-    Asker asker(devices);
+void askAboutDevices(DeviceTable* devices, bool closed) {
+    Asker asker(devices, closed);
     while (true) asker.askOneService();
 }
 

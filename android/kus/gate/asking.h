@@ -8,7 +8,8 @@ namespace android::kus {
 /**
  * Asks the service about every device in the table and acts on the answers, and tells it what was
  * removed; waits for the service where there is none, and begins anew with each one that comes.
+ * With `closed` the kernel gives no driver to a USB device until this opens it.
  */
-[[noreturn]] void askAboutDevices(DeviceTable* devices);
+[[noreturn]] void askAboutDevices(DeviceTable* devices, bool closed);
 
 }  // namespace android::kus

@@ -20,6 +20,8 @@ namespace {
 constexpr char kUsbDevices[] = "/sys/bus/usb/devices";
 constexpr char kInputDevices[] = "/sys/class/input";
 constexpr char kInputPrefix[] = "input";
+// Read under the device's lock, which the kernel holds while it configures the device.
+constexpr char kInterfaceCount[] = "bNumInterfaces";
 
 constexpr int kFirstInputId = 1000000;
 constexpr int kMaxInputNumber = 1000000000;
@@ -31,25 +33,18 @@ struct Interface {
     int code;
 };
 
+bool isInterfaceName(const std::string& entry) { return entry.find(':') != std::string::npos; }
+
 // By number; nothing when an attribute cannot be read.
 std::optional<std::map<int, Interface>> readInterfaces(const Device& device) {
     std::map<int, Interface> interfaces;
-    for (const std::string& entry : device.directory.entries()) {
-        if (!base::StartsWith(entry, device.name + ":")) continue;
+    for (const std::string& entry : interfaceNames(device)) {
         const auto number = device.directory.readNumber(entry + "/bInterfaceNumber", 16, kMaxByte);
         const auto code = device.directory.readNumber(entry + "/bInterfaceClass", 16, kMaxByte);
         if (!number || !code) return std::nullopt;
         interfaces[*number] = {entry, *code};
     }
     return interfaces;
-}
-
-bool isHub(const Device& device) {
-    if (device.directory.readNumber("bDeviceClass", 16, kMaxByte) != USB_CLASS_HUB) return false;
-    const auto interfaces = readInterfaces(device);
-    return interfaces && std::all_of(interfaces->begin(), interfaces->end(), [](const auto& entry) {
-               return entry.second.code == USB_CLASS_HUB;
-           });
 }
 
 bool isExternalInput(const Device& device) {
@@ -71,8 +66,8 @@ std::optional<DeviceDescription> describeUsbDevice(const Device& device) {
     const auto deviceClass = directory.readNumber("bDeviceClass", 16, kMaxByte);
     const auto vendor = directory.readNumber("idVendor", 16, kMaxId);
     const auto product = directory.readNumber("idProduct", 16, kMaxId);
-    // Waits for a device that is being configured, so that all interfaces are there after it.
-    const auto count = directory.readNumber("bNumInterfaces", 10, kMaxByte);
+    // Waits, see isHub.
+    const auto count = directory.readNumber(kInterfaceCount, 10, kMaxByte);
     const auto interfaces = readInterfaces(device);
     if (!bus || !number || !deviceClass || !vendor || !product || !count || !interfaces ||
         interfaces->size() != static_cast<size_t>(*count)) {
@@ -146,8 +141,7 @@ Device::Device(const std::string& sysfsName)
 std::vector<std::string> deviceNames() {
     std::vector<std::string> names;
     for (const std::string& name : SysfsDirectory(kUsbDevices).entries()) {
-        // Interfaces have a colon in their names, root hubs are called usb1 and so on.
-        if (isdigit(name[0]) && name.find(':') == std::string::npos) names.push_back(name);
+        if (!isInterfaceName(name)) names.push_back(name);
     }
     for (const std::string& name : SysfsDirectory(kInputDevices).entries()) {
         if (isInputName(name)) names.push_back(name);
@@ -155,9 +149,32 @@ std::vector<std::string> deviceNames() {
     return names;
 }
 
+bool isHub(const Device& device) {
+    if (device.directory.readNumber("bDeviceClass", 16, kMaxByte) != USB_CLASS_HUB) return false;
+    // Waits for a device that is being configured, so that all interfaces are there after it.
+    device.directory.read(kInterfaceCount);
+    const auto interfaces = readInterfaces(device);
+    return interfaces && std::all_of(interfaces->begin(), interfaces->end(), [](const auto& entry) {
+               return entry.second.code == USB_CLASS_HUB;
+           });
+}
+
 bool isAskedAbout(const Device& device) {
-    if (!device.directory.isOpen()) return false;
+    if (device.directory.isGone()) return false;
     return device.isInput() ? isExternalInput(device) : !isHub(device);
+}
+
+std::vector<std::string> interfaceNames(const Device& device) {
+    std::vector<std::string> names;
+    for (const std::string& entry : device.directory.entries()) {
+        if (isInterfaceName(entry)) names.push_back(entry);
+    }
+    return names;
+}
+
+bool hasOnlyHids(const DeviceInfo& info) {
+    return std::all_of(info.interfaceClassList.begin(), info.interfaceClassList.end(),
+                       [](int32_t code) { return code == USB_CLASS_HID; });
 }
 
 std::optional<DeviceDescription> describe(const Device& device) {

@@ -11,11 +11,12 @@
 
 namespace android::kus {
 
-/** An attached device. Its name in sysfs is such as "3-1", or "input4" for an input device. */
+/** An attached device. Its name in sysfs is such as "3-1", "usb3" for a root hub, or "input4". */
 struct Device {
     explicit Device(const std::string& sysfsName);
 
     bool isInput() const { return name[0] == 'i'; }
+    bool isRootHub() const { return name[0] == 'u'; }
 
     const std::string name;
     const SysfsDirectory directory;
@@ -28,15 +29,23 @@ struct DeviceDescription {
     std::vector<std::string> interfaces;
 };
 
-/** The USB devices but the root hubs, and the input devices, that sysfs has now. */
+/** The USB devices, root hubs included, and the input devices that sysfs has now. */
 std::vector<std::string> deviceNames();
 
 /**
- * Whether the service is to be asked about the device: not about hubs, unless one has an interface
- * that is none, and about input devices on USB and Bluetooth only, as the others are the machine's
- * own. False for one that is gone.
+ * True when the device calls itself a hub, and so does each of its interfaces. May wait for the
+ * kernel to configure it.
+ */
+bool isHub(const Device& device);
+
+/**
+ * Whether the service is to be asked about the device: not about hubs, and about input devices on
+ * USB and Bluetooth only, as the others are the machine's own. False for one that is gone.
  */
 bool isAskedAbout(const Device& device);
+
+/** sysfs names of a USB device's interfaces, such as "3-1:1.0". */
+std::vector<std::string> interfaceNames(const Device& device);
 
 /**
  * Nothing while attributes are missing or make no sense. May wait for the kernel to configure the
@@ -46,5 +55,8 @@ bool isAskedAbout(const Device& device);
  * kernel has 64 buses at most). The kernel never gives a number twice.
  */
 std::optional<DeviceDescription> describe(const Device& device);
+
+/** True when no interface is of another class. */
+bool hasOnlyHids(const DeviceInfo& usbDevice);
 
 }  // namespace android::kus

@@ -32,6 +32,11 @@ void DeviceTable::remove(const std::string& name) {
     changed_.notify_one();
 }
 
+bool DeviceTable::has(const std::string& name) {
+    const std::lock_guard guard(lock_);
+    return entries_.count(name) != 0;
+}
+
 std::vector<DeviceTable::Pointer> DeviceTable::devices() {
     const std::lock_guard guard(lock_);
     std::vector<Pointer> devices;
@@ -92,10 +97,7 @@ void DeviceTable::postpone(const Pointer& device) {
 void DeviceTable::startAgain() {
     const std::lock_guard guard(lock_);
     removed_.clear();
-    for (auto& [name, entry] : entries_) {
-        entry.decided = false;
-        entry.asked.reset();
-    }
+    for (auto& [name, entry] : entries_) entry = Entry{entry.device};
 }
 
 void DeviceTable::wake() {

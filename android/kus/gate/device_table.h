@@ -34,6 +34,7 @@ class DeviceTable {
     /** A device of its name that is there already stays, and is looked at at once if undecided. */
     void add(const Pointer& device);
     void remove(const std::string& name);
+    bool has(const std::string& name);
     std::vector<Pointer> devices();
 
     // For the thread that asks the service.
@@ -58,9 +59,9 @@ class DeviceTable {
         Pointer device;
         bool decided = false;
         /** What the service was asked about. */
-        std::optional<DeviceInfo> asked;
+        std::optional<DeviceInfo> asked{};
         std::chrono::milliseconds pause{0};
-        Clock::time_point notBefore;
+        Clock::time_point notBefore{};
     };
 
     /** Null when the device is gone, also when another has got its name. */

@@ -3,19 +3,27 @@
 
 #include <android-base/logging.h>
 #include <android-base/strings.h>
-
-#include <set>
+#include <string.h>
 
 #include "gate/kernel_events.h"
+#include "gate/opening.h"
+#include "gate/silencing.h"
 
 namespace android::kus {
 namespace {
 
+// "usb3" for "3-0:1.0", "3-1" for "3-1:1.0".
+std::string ownerOf(const std::string& interface) {
+    const std::string device = interface.substr(0, interface.find(':'));
+    return base::EndsWith(device, "-0") ? "usb" + device.substr(0, device.size() - 2) : device;
+}
+
 class Follower {
   public:
-    explicit Follower(DeviceTable* devices) : devices_(devices) {}
+    Follower(DeviceTable* devices, bool closed) : devices_(devices), closed_(closed) {}
 
     [[noreturn]] void run() {
+        if (closed_) closeHids();
         findDevices();
         while (true) {
             if (const auto event = events_.receive()) {
@@ -30,38 +38,80 @@ class Follower {
   private:
     // Devices that were attached or removed without an event that was seen.
     void findDevices() {
-        std::set<std::string> known;
         for (const DeviceTable::Pointer& device : devices_->devices()) {
-            if (device->directory.read("uevent")) {
-                known.insert(device->name);
-            } else {
-                devices_->remove(device->name);
-            }
+            if (device->directory.isGone()) devices_->remove(device->name);
         }
-        for (const std::string& name : deviceNames()) {
-            if (known.count(name) == 0) add(name);
+        if (closed_) {
+            for (const std::string& name : deviceNames()) keepClosed(Device(name));
         }
+        for (const std::string& name : deviceNames()) add(name);
     }
 
     void handle(const KernelEvent& event) {
+        const bool added = event.action == "add";
         const bool usb = event.subsystem == "usb" && event.devtype == "usb_device";
         const bool input = event.subsystem == "input" && base::StartsWith(event.name, "input");
-        // A USB device is bound when it is configured and its interfaces have their drivers.
-        if ((usb && event.action == "bind") || (input && event.action == "add")) add(event.name);
+        // A USB device is bound when it is configured and its interfaces have their drivers, or
+        // stay without while it is closed.
+        if ((usb && event.action == "bind") || (input && added)) add(event.name);
         if ((usb || input) && event.action == "remove") devices_->remove(event.name);
+        if (!closed_ || !added) return;
+        if (usb && Device(event.name).isRootHub()) keepClosed(Device(event.name));
+        if (event.devtype == "usb_interface") handleNewInterface(ownerOf(event.name));
+    }
+
+    // Interfaces come again, without a new device, after a change of its configuration or its
+    // authorization; those of a root hub after its controller has left the host role.
+    void handleNewInterface(const std::string& owner) {
+        keepClosed(Device(owner));
+        if (!devices_->has(owner)) return;
+        devices_->remove(owner);
+        add(owner);
     }
 
     void add(const std::string& name) {
         const auto device = std::make_shared<const Device>(name);
-        if (isAskedAbout(*device)) devices_->add(device);
+        if (!isAskedAbout(*device)) return;
+        if (closed_ && device->isInput() && !devices_->has(name)) setSilenced(*device, true);
+        devices_->add(device);
+    }
+
+    void closeHids() {
+        for (const std::string& name : deviceNames()) {
+            const Device device(name);
+            const auto description = device.isInput() ? std::nullopt : describe(device);
+            if (description && hasOnlyHids(description->info)) {
+                closeDevice(device, description->interfaces);
+            }
+        }
+    }
+
+    // Root hubs close what is behind them, and hubs are opened for it to be seen.
+    void keepClosed(const Device& device) {
+        if (device.isRootHub() && !isBusClosed(device)) {
+            closeBus(device);
+            closeDevicesOn(device);
+        }
+        if (!device.isInput() && isHub(device)) openHub(device);
+    }
+
+    void closeDevicesOn(const Device& rootHub) {
+        const std::string prefix = rootHub.name.substr(strlen("usb")) + "-";
+        for (const std::string& name : deviceNames()) {
+            const Device device(name);
+            if (!base::StartsWith(name, prefix) || isHub(device)) continue;
+            closeDevice(device, interfaceNames(device));
+            devices_->remove(name);
+        }
     }
 
     KernelEvents events_;
     DeviceTable* const devices_;
+    const bool closed_;
 };
 
 }  // namespace
 
-void followKernel(DeviceTable* devices) { Follower(devices).run(); }
+void followKernel(DeviceTable* devices, bool closed) { Follower(devices, closed).run(); }
 
 }  // namespace android::kus

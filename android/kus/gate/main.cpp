@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // The platform's part towards the daemon: asks it about every USB and input device that is
-// attached, tells it what is removed, and keeps refused input devices silent.
+// attached, tells it what is removed, and keeps refused input devices silent. With --closed no
+// interface of a USB device has a driver before the device is allowed.
 #include <android-base/logging.h>
 #include <binder/ProcessState.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 
 #include <thread>
@@ -18,12 +20,20 @@ using android::ProcessState;
 using android::kus::DeviceTable;
 
 constexpr int kWrongUse = 2;
+constexpr char kClosedOption[] = "--closed";
 constexpr char kUsbDevices[] = "/sys/bus/usb/devices";
 
-void expectNoArguments(int argc, char** argv) {
-    if (argc == 1) return;
-    LOG(ERROR) << "unknown argument " << argv[1] << ": kusgate takes none";
-    exit(kWrongUse);
+/** Whether the kernel is to keep devices closed until they are allowed. */
+bool isToBeClosed(int argc, char** argv) {
+    bool closed = false;
+    for (int i = 1; i < argc; ++i) {
+        closed = strcmp(argv[i], kClosedOption) == 0;
+        if (closed) continue;
+        LOG(ERROR) << "unknown argument " << argv[i] << ": usage: kusgate [" << kClosedOption
+                   << "]";
+        exit(kWrongUse);
+    }
+    return closed;
 }
 
 void expectUsb() {
@@ -42,10 +52,10 @@ void startBinderThread() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    expectNoArguments(argc, argv);
+    const bool closed = isToBeClosed(argc, argv);
     expectUsb();
     startBinderThread();
     DeviceTable devices;
-    std::thread(android::kus::askAboutDevices, &devices).detach();
-    android::kus::followKernel(&devices);
+    std::thread(android::kus::askAboutDevices, &devices, closed).detach();
+    android::kus::followKernel(&devices, closed);
 }

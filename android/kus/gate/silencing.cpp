@@ -13,7 +13,7 @@ void setSilenced(const Device& inputDevice, bool silenced) {
     const SysfsDirectory& directory = inputDevice.directory;
     if (directory.write("inhibited", silenced ? "1" : "0")) return;
     const int error = errno;
-    if (!directory.read("name")) return;  // It is gone.
+    if (directory.isGone()) return;
     static std::atomic_flag warned = ATOMIC_FLAG_INIT;
     if (error != ENOENT) {
         LOG(ERROR) << "cannot write inhibited of " << inputDevice.name << ": " << strerror(error);

@@ -5,6 +5,7 @@
 #include <android-base/strings.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <charconv>
 
@@ -12,6 +13,13 @@ namespace android::kus {
 
 SysfsDirectory::SysfsDirectory(const std::string& path)
     : fd_(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
+
+// Each device in sysfs has this attribute.
+bool SysfsDirectory::isGone() const { return !has("uevent"); }
+
+bool SysfsDirectory::has(const std::string& entry) const {
+    return faccessat(fd_.get(), entry.c_str(), F_OK, 0) == 0;
+}
 
 std::optional<std::string> SysfsDirectory::read(const std::string& attribute) const {
     const base::unique_fd file(openat(fd_.get(), attribute.c_str(), O_RDONLY | O_CLOEXEC));

@@ -17,8 +17,9 @@ class SysfsDirectory {
   public:
     explicit SysfsDirectory(const std::string& path);
 
-    /** False where there was none. */
-    bool isOpen() const { return fd_.ok(); }
+    /** True where there was none, too. */
+    bool isGone() const;
+    bool has(const std::string& entry) const;
 
     /** An attribute's text without the white space around it; nothing when it cannot be read. */
     std::optional<std::string> read(const std::string& attribute) const;
