@@ -2,7 +2,7 @@
 //
 // An input is a tree below /sys/bus/usb/devices, one entry a line: "PATH/" for a directory,
 // "PATH=VALUE" for a file, "PATH>PATH" for a link to a place in the same tree. The directories
-// above an entry come with it.
+// above an entry come with it. The gate finds its input devices there, too.
 #include <android-base/file.h>
 #include <android-base/logging.h>
 #include <android-base/strings.h>
@@ -16,6 +16,7 @@
 #include <set>
 
 #include "fuzz_world.h"
+#include "gate/opening.h"
 #include "ku_service/KUsbService.h"
 #include "usbdevice/UsbDevice.h"
 #include "util/rule_tables.h"
@@ -160,6 +161,28 @@ void scanAndDecide() {
     }
 }
 
+void readAsTheGate() {
+    static const bool linked = mkdir("/sys/class", 0755) == 0 &&
+                               symlink(kUsbDevicesPath, "/sys/class/input") == 0;
+    CHECK(linked);
+    for (const std::string& name : deviceNames()) {
+        const Device device(name);
+        isAskedAbout(device);
+        openHub(device);
+        const auto description = kus::describe(device);
+        if (!description) continue;
+        const DeviceInfo& info = description->info;
+        CHECK_EQ(info.deviceType, device.isInput() ? 1 : 0);
+        CHECK_EQ(info.deviceId >= 1000000, device.isInput());
+        CHECK(info.vendorId >= 0 && info.vendorId <= 0xffff);
+        CHECK(String16(info.deviceName.c_str()).size() > 0);
+        CHECK_EQ(info.interfaceClassList.size(), description->interfaces.size());
+        openDevice(device, description->interfaces);
+        closeDevice(device, description->interfaces);
+        CHECK(description->interfaces.empty() || !isOpen(device, description->interfaces));
+    }
+}
+
 }  // namespace
 
 void runInput(const std::string& tree) {
@@ -171,6 +194,7 @@ void runInput(const std::string& tree) {
 
     makeTree(tree);
     scanAndDecide();
+    readAsTheGate();
 }
 
 }  // namespace android::kus
