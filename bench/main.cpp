@@ -2,6 +2,7 @@
 #include <android-base/logging.h>
 #include <benchmark/benchmark.h>
 
+#include "compare.h"
 #include "private_world.h"
 
 int main(int argc, char** argv) {
@@ -12,4 +13,5 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
     benchmark::RunSpecifiedBenchmarks();
+    return android::kus::isTargetMissed() ? 1 : 0;
 }
