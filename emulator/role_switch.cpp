@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "role_switch.h"
 
+// The machine's role switch: follows the `mode` file of each controller under
+// /sys/devices/platform/soc. A controller has its devices while its file says "host"; any other
+// role takes them away. The daemon leaves 100 ms between two roles: both are gone through, in
+// order, however long the kernel takes for each.
 #include <android-base/file.h>
 #include <android-base/logging.h>
 #include <android-base/strings.h>
@@ -22,9 +25,10 @@ using android::base::ReadFileToString;
 using android::base::StartsWith;
 using android::base::WriteStringToFile;
 
-namespace emulator {
-
 namespace {
+
+// Tells `services` that what is written to the files from now on has its effect.
+constexpr char kReadyPath[] = "/run/services/role_switch.ready";
 
 struct Role {
     std::string controller;
@@ -59,7 +63,7 @@ void takeRole(const std::string& modeFile) {
 
 // Nothing may hold this thread up, or it reads the second of two roles only: neither other threads
 // nor the time that the kernel takes to remove devices.
-void followModeFiles(int inotify, const std::map<int, std::string>& watches) {
+[[noreturn]] void followModeFiles(int inotify, const std::map<int, std::string>& watches) {
     sched_param priority = {};
     priority.sched_priority = 1;
     pthread_setschedparam(pthread_self(), SCHED_FIFO, &priority);
@@ -99,7 +103,7 @@ void applyRoles() {
 
 }  // namespace
 
-void startRoleSwitch() {
+int main() {
     const int inotify = inotify_init1(IN_CLOEXEC);
     if (inotify == -1) PLOG(FATAL) << "no inotify";
     std::map<int, std::string> watches;
@@ -108,8 +112,7 @@ void startRoleSwitch() {
         // It may have changed while nobody watched.
         takeRole(file);
     }
-    std::thread(followModeFiles, inotify, watches).detach();
     std::thread(applyRoles).detach();
+    if (!WriteStringToFile("", kReadyPath)) PLOG(FATAL) << "cannot write " << kReadyPath;
+    followModeFiles(inotify, watches);
 }
-
-}  // namespace emulator

@@ -6,7 +6,7 @@ repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 # What the virtual device runs.
 # shellcheck disable=SC2034
-device_programs=(getprop setprop servicemanager kusd kusctl usb_host_stack)
+device_programs=(getprop setprop servicemanager kusd kusctl kusgate role_switch)
 
 die() {
     echo "${0##*/}: $*" >&2

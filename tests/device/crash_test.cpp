@@ -118,7 +118,7 @@ TEST_F(CrashTest, RulesThatEndTheDaemonAreRestored) {
 }
 
 TEST_F(CrashTest, ARefusedRegistrationRestoresTheRules) {
-    shell("services stop usb_host_stack servicemanager");
+    shell("services stop kusgate servicemanager");
     {
         Process refusing({"refusing_service_manager"});
         ASSERT_EQ(refusing.line(), "refusing");
@@ -127,7 +127,7 @@ TEST_F(CrashTest, ARefusedRegistrationRestoresTheRules) {
         EXPECT_THAT(contentOf(kLog), HasSubstr("Could not register KUS"));
         EXPECT_THAT(contentOf(kLog), HasSubstr("android::kus::KUsbService::Register()"));
     }
-    shell("services start servicemanager usb_host_stack");
+    shell("services start servicemanager kusgate");
 }
 
 /** A journalled file system in place of the daemon's directory, for as long as this lives. */
@@ -146,7 +146,7 @@ void CrashTest::crashAroundRewrites(int crashes) {
     constexpr int kLines = 100;
     // The kernel gives the signal to the main thread. In the middle of a decision that would often
     // hold the log's lock, for which the handler waits until it is ended.
-    const NoHostStack alone;
+    const NoGate alone;
     std::mt19937 random(1);
     startDaemon();
     awaitDaemon();

@@ -109,10 +109,10 @@ class Plugged {
 };
 
 /** While it lives no one but the test asks the daemon about devices. */
-class NoHostStack {
+class NoGate {
   public:
-    NoHostStack() { shell("services stop usb_host_stack"); }
-    ~NoHostStack() { shell("services start usb_host_stack"); }
+    NoGate() { shell("services stop kusgate"); }
+    ~NoGate() { shell("services start kusgate"); }
 };
 
 /** Block devices of USB sticks. */

@@ -89,7 +89,7 @@ void PerformanceTest::reportListing() {
 }
 
 TEST_F(PerformanceTest, ListingAndMemory) {
-    const NoHostStack alone;
+    const NoGate alone;
     shell("services start kusd");
     awaitDaemon();
     kus_ = service();

@@ -13,10 +13,10 @@ constexpr char kStick[] = "--vendor 2385 --product 5734 --storage --port 0";
 TEST_F(ServicesTest, WhoDependsOnTheServiceManagerIsRestartedWithIt) {
     setRules("whitelist", "<class>USB_CLASS_AUDIO</class>");
     const std::string unchanged =
-        "services pid servicemanager kusd usb_host_stack >/tmp/after;"
+        "services pid servicemanager kusd kusgate >/tmp/after;"
         "sort /tmp/before /tmp/after | uniq -d";
     shell(
-        "services pid servicemanager kusd usb_host_stack >/tmp/before;"
+        "services pid servicemanager kusd kusgate >/tmp/before;"
         "kill -KILL $(services pid servicemanager)");
     EXPECT_TRUE(eventually([&] { return shell(unchanged).empty(); })) << shell(unchanged);
     // Not asked by this process: one that calls a dead service manager has lost it for good.
@@ -25,19 +25,19 @@ TEST_F(ServicesTest, WhoDependsOnTheServiceManagerIsRestartedWithIt) {
     EXPECT_EQ(stick.decision().reason, "No matching rule found to Whitelist the device");
 }
 
-TEST_F(ServicesTest, ARoleIsFollowedAsSoonAsTheHostStackCountsAsStarted) {
+TEST_F(ServicesTest, ARoleIsFollowedAsSoonAsTheRoleSwitchCountsAsStarted) {
     const Plugged stick("stick", kStick);
     for (int i = 0; i < 3; ++i) {
         const int before = stick.id();
         shell(
-            "services start usb_host_stack; cd /sys/devices/platform/soc/c200000.hsusb;"
+            "services start role_switch; cd /sys/devices/platform/soc/c200000.hsusb;"
             "printf none >mode; usleep 100000; printf host >mode");
         EXPECT_TRUE(eventually([&] { return stick.id() != before && stick.id() != 0; }, 10s));
     }
     // What was written while nobody watched.
     shell(
-        "services stop usb_host_stack; cd /sys/devices/platform/soc/c200000.hsusb;"
-        "printf none >mode; services start usb_host_stack");
+        "services stop role_switch; cd /sys/devices/platform/soc/c200000.hsusb;"
+        "printf none >mode; services start role_switch");
     EXPECT_TRUE(eventually([&] { return stick.id() == 0; }, 10s));
     shell("printf host >/sys/devices/platform/soc/c200000.hsusb/mode");
     EXPECT_EQ(stick.decision().reason, "Enabled by default rule");

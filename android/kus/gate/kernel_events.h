@@ -5,11 +5,12 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
-namespace emulator {
+namespace android::kus {
 
 /** One kernel event about a device (Documentation/ABI/testing/sysfs-uevent). */
-struct Uevent {
+struct KernelEvent {
     std::string action;
     std::string subsystem;
     /** Empty where the subsystem has only one type. */
@@ -18,21 +19,22 @@ struct Uevent {
     std::string name;
 };
 
-/** The kernel's device events, from the moment of construction on. */
-class UeventSocket {
-  public:
-    UeventSocket();
+/** `text` is a header line and then KEY=value fields, each ended by a NUL. */
+KernelEvent parseKernelEvent(std::string_view text);
 
-    int fd() const { return fd_.get(); }
+/** The kernel's device events, from the moment of construction on. */
+class KernelEvents {
+  public:
+    KernelEvents();
 
     /**
      * The next event, waiting for it if there is none. Nothing when the kernel had to drop events:
-     * the reader then has to look at sysfs for itself.
+     * the reader then has to look at sysfs for itself. What others than the kernel sent is ignored.
      */
-    std::optional<Uevent> receive();
+    std::optional<KernelEvent> receive();
 
   private:
-    android::base::unique_fd fd_;
+    base::unique_fd socket_;
 };
 
-}  // namespace emulator
+}  // namespace android::kus

@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "input_sources.h"
+#include "gate/input_sources.h"
 
-#include <android/input.h>
-
-namespace emulator {
+namespace android::kus {
 
 namespace {
 
@@ -34,18 +32,17 @@ uint32_t inputSources(const InputCapabilities& capabilities) {
                             (keys[BTN_TOUCH] || !gamepadButtons);
 
     uint32_t sources = 0;
-    if (keyboardKeys || gamepadButtons) sources |= AINPUT_SOURCE_KEYBOARD;
-    if (hasDpad(capabilities)) sources |= AINPUT_SOURCE_DPAD;
-    if (gamepadButtons) sources |= AINPUT_SOURCE_GAMEPAD;
-    if (keys[BTN_MOUSE] && relative[REL_X] && relative[REL_Y]) sources |= AINPUT_SOURCE_MOUSE;
+    if (keyboardKeys || gamepadButtons) sources |= kKeyboardSource;
+    if (hasDpad(capabilities)) sources |= kDpadSource;
+    if (gamepadButtons) sources |= kGamepadSource;
+    if (keys[BTN_MOUSE] && relative[REL_X] && relative[REL_Y]) sources |= kMouseSource;
     if (singleTouch || multiTouch) {
-        sources |=
-            properties[INPUT_PROP_DIRECT] ? AINPUT_SOURCE_TOUCHSCREEN : AINPUT_SOURCE_TOUCHPAD;
-        if (keys[BTN_TOOL_PEN]) sources |= AINPUT_SOURCE_STYLUS;
+        sources |= properties[INPUT_PROP_DIRECT] ? kTouchscreenSource : kTouchpadSource;
+        if (keys[BTN_TOOL_PEN]) sources |= kStylusSource;
     } else if (gamepadButtons && absolute[ABS_X] && absolute[ABS_Y]) {
-        sources |= AINPUT_SOURCE_JOYSTICK;
+        sources |= kJoystickSource;
     }
     return sources;
 }
 
-}  // namespace emulator
+}  // namespace android::kus

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "gate/kernel_events.h"
+
+#include <android-base/logging.h>
+#include <cutils/uevent.h>
+#include <errno.h>
+
+#include <algorithm>
+#include <array>
+
+namespace android::kus {
+namespace {
+
+constexpr int kReceiveBufferBytes = 1024 * 1024;
+// What the kernel gives one event at most (UEVENT_BUFFER_SIZE and the header line before it).
+constexpr size_t kMaxEventBytes = 4096;
+
+}  // namespace
+
+KernelEvent parseKernelEvent(std::string_view text) {
+    KernelEvent event;
+    while (!text.empty()) {
+        const std::string_view field = text.substr(0, text.find('\0'));
+        text.remove_prefix(std::min(field.size() + 1, text.size()));
+        const size_t equals = field.find('=');
+        if (equals == std::string_view::npos) continue;
+        const std::string_view key = field.substr(0, equals);
+        const std::string_view value = field.substr(equals + 1);
+        if (key == "ACTION") event.action = value;
+        if (key == "SUBSYSTEM") event.subsystem = value;
+        if (key == "DEVTYPE") event.devtype = value;
+        if (key == "DEVPATH") event.name = value.substr(value.rfind('/') + 1);
+    }
+    return event;
+}
+
+KernelEvents::KernelEvents() : socket_(uevent_open_socket(kReceiveBufferBytes, true)) {
+    if (!socket_.ok()) PLOG(FATAL) << "cannot listen to kernel events";
+}
+
+std::optional<KernelEvent> KernelEvents::receive() {
+    while (true) {
+        std::array<char, kMaxEventBytes> buffer;
+        const ssize_t size =
+            uevent_kernel_multicast_recv(socket_.get(), buffer.data(), buffer.size());
+        if (size > 0) return parseKernelEvent(std::string_view(buffer.data(), size));
+        if (errno == ENOBUFS) return std::nullopt;
+        if (size == -1 && errno != EIO) PLOG(FATAL) << "cannot receive kernel events";
+    }
+}
+
+}  // namespace android::kus
