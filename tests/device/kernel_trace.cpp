@@ -22,7 +22,8 @@ void set(const std::string& file, const std::string& value, int flags = O_TRUNC)
 
 void start() {
     if (access((kTracefs + "trace").c_str(), F_OK) != 0) {
-        PCHECK(mount("tracefs", kTracefs.c_str(), "tracefs", 0, nullptr) == 0) << kTracefs;
+        const int mounted = mount("tracefs", kTracefs.c_str(), "tracefs", 0, nullptr);
+        if (mounted != 0) PLOG(FATAL) << kTracefs;
     }
     set("trace_clock", "mono");
     set("trace", "");

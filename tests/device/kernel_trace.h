@@ -43,9 +43,8 @@ namespace kernel_probes {
 inline constexpr char kAdded[] = "added device_add device=+0(+0($arg1)):string";
 /** An interface is given to a driver. */
 inline constexpr char kProbed[] = "probed usb_probe_interface device=+0(+0($arg1)):string";
-/** Userspace is told: action 0 add, 1 remove, 6 bind. */
-inline constexpr char kTold[] =
-    "told kobject_uevent_env device=+0(+0($arg1)):string action=$arg2:u32";
+/** A device has its driver: the event "bind" goes out next, after those of its interfaces. */
+inline constexpr char kBound[] = "bound driver_bound device=+0(+0($arg1)):string";
 /** An interface's `authorized` is written. */
 inline constexpr char kWritten[] =
     "written interface_authorized_store device=+0(+0($arg1)):string value=+0($arg3):string";
