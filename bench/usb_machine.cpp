@@ -1,15 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "usb_machine.h"
 
+#include <android-base/file.h>
 #include <android-base/logging.h>
+#include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <initializer_list>
+#include <map>
 
 #include "usb_tree.h"
 #include "usbdevice/UsbDevice.h"
@@ -18,6 +24,8 @@ namespace fs = std::filesystem;
 
 namespace android::kus {
 namespace {
+
+const std::string kKernelUsbDevices = "/sys/kernel/bus/usb/devices";
 
 // What a scan reads of each entry.
 const std::vector<std::string> kBusAttributes = {
@@ -127,10 +135,57 @@ void addInterfaceOf(const std::string& device, int number) {
     }
 }
 
+/** Makes a tree with this many devices and returns the id of the last one. */
+int makeDevices(int devices, int interfacesPerDevice) {
+    for (int bus = 1; bus <= 4; ++bus) addBus(bus);
+    for (int bus : {1, 3}) {
+        fs::create_symlink("../../../../../../bus/platform/drivers/xhci-hcd",
+                           controllerOf(bus) + "/driver");
+    }
+    for (int i = 0; i < devices; ++i) {
+        std::string name = "1-" + std::to_string(i / 8 + 1);
+        if (i % 8 != 0) name += "." + std::to_string(i % 8);
+        addDeviceOf(name, i + 2, i % 8 == 0);
+        for (int number = 0; number < interfacesPerDevice; ++number) addInterfaceOf(name, number);
+    }
+    return 1000 + devices + 1;
+}
+
+/**
+ * Makes the bus of links to devices of the kernel: to four of its root hubs, and so often to the
+ * device with four interfaces, each time on a bus of its own. Returns the id of the last one.
+ */
+int linkDevices(int devices) {
+    std::map<std::string, fs::path> kernels;
+    for (const fs::directory_entry& entry : fs::directory_iterator(kKernelUsbDevices)) {
+        kernels.emplace(entry.path().filename(), fs::read_symlink(entry));
+    }
+    const auto addLink = [&](const std::string& name, const std::string& target) {
+        fs::create_symlink(kernels.at(target), fs::path(kUsbDevicesPath) / name);
+    };
+    for (const std::string bus : {"1", "2", "3", "4"}) {
+        for (const std::string& name : {"usb" + bus, bus + "-0:1.0"}) addLink(name, name);
+    }
+    const auto fourth = std::find_if(kernels.begin(), kernels.end(), [](const auto& entry) {
+        return base::EndsWith(entry.first, ":1.3");
+    });
+    CHECK(fourth != kernels.end()) << "no device has four interfaces";
+    const std::string device = fourth->first.substr(0, fourth->first.find(':'));
+    for (const auto& [name, target] : kernels) {
+        if (name != device && !base::StartsWith(name, device + ":")) continue;
+        for (int i = 1; i <= devices; ++i) {
+            addLink(std::to_string(i) + name.substr(name.find('-')), name);
+        }
+    }
+    std::string devnum;
+    CHECK(base::ReadFileToString(kKernelUsbDevices + "/" + device + "/devnum", &devnum));
+    return devices * 1000 + std::stoi(devnum);
+}
+
 void readAttribute(int directory, const char* path) {
     char text[64];
     const int fd = openat(directory, path, O_RDONLY | O_CLOEXEC);
-    if (read(fd, text, sizeof(text)) <= 0) PLOG(FATAL) << path;
+    if (read(fd, text, sizeof(text)) < 0) PLOG(FATAL) << path;
     close(fd);
 }
 
@@ -151,19 +206,10 @@ void readLink(int directory, const char* path) {
 
 UsbMachine::UsbMachine(int devices, int interfacesPerDevice) {
     makeMachineWithoutUsb();
-    for (int bus = 1; bus <= 4; ++bus) addBus(bus);
-    for (int bus : {1, 3}) {
-        fs::create_symlink("../../../../../../bus/platform/drivers/xhci-hcd",
-                           controllerOf(bus) + "/driver");
-    }
-    for (int i = 0; i < devices; ++i) {
-        std::string name = "1-" + std::to_string(i / 8 + 1);
-        if (i % 8 != 0) name += "." + std::to_string(i % 8);
-        addDeviceOf(name, i + 2, i % 8 == 0);
-        for (int number = 0; number < interfacesPerDevice; ++number) addInterfaceOf(name, number);
-    }
     lastDevice_.deviceName = "A device";
-    lastDevice_.deviceId = 1000 + devices + 1;
+    lastDevice_.deviceId = fs::exists(kKernelUsbDevices)
+                               ? linkDevices(devices)
+                               : makeDevices(devices, interfacesPerDevice);
     for (int number = 0; number < interfacesPerDevice; ++number) {
         lastDevice_.interfaceClassList.push_back(kindOf(number).interfaceClass);
     }
@@ -191,16 +237,22 @@ void UsbMachine::planReads() {
 }
 
 void UsbMachine::planCategorisation(const std::string& interface) {
-    // A root hub's interface has no category.
-    if (interface.find("-0:") != std::string::npos) return;
-    const InterfaceKind& kind = kindOf(std::stoi(interface.substr(interface.rfind('.') + 1)));
-    if (kind.directory == nullptr) return;
-    // A network adapter's directory is left as soon as its name is found; a HID device's is read to
-    // the end for what may follow.
-    const bool isNetwork = kind.interfaceClass == 2;
+    // A root hub's interface has no category, and a stick's is known without a look.
+    std::string interfaceClass;
+    CHECK(base::ReadFileToString(sysfsPath(interface, "bInterfaceClass"), &interfaceClass, true));
+    if (interface.find("-0:") != std::string::npos || std::stoi(interfaceClass, nullptr, 16) == 8) {
+        return;
+    }
+    // A network adapter's directory is left as soon as its name is found; any other is read to the
+    // end for what may follow.
+    const bool isNetwork = fs::exists(sysfsPath(interface, "net"));
     reads_.push_back({isNetwork ? Read::Kind::startOfDirectory : Read::Kind::directory,
                       sysfsPath(interface, "")});
-    reads_.push_back({Read::Kind::startOfDirectory, sysfsPath(interface, kind.directory)});
+    for (const std::string& name : readerOrder(sysfsPath(interface, ""))) {
+        if (name == "net" || name.find(':') != std::string::npos) {
+            reads_.push_back({Read::Kind::startOfDirectory, sysfsPath(interface, name)});
+        }
+    }
 }
 
 void UsbMachine::readBare(Lookup lookup) const {
@@ -229,8 +281,21 @@ void UsbMachine::readBare(Lookup lookup) const {
     }
 }
 
+void enterKernelWorld() {
+    const auto require = [](int result) {
+        if (result != 0) PLOG(FATAL) << "cannot make a /data and /sys of its own";
+    };
+    require(unshare(CLONE_NEWNS));
+    require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr));
+    for (const char* path : {"/data", "/sys"}) require(mount("tmpfs", path, "tmpfs", 0, nullptr));
+    for (const char* path : {"/sys/kernel", "/sys/devices"}) fs::create_directory(path);
+    require(mount("sysfs", "/sys/kernel", "sysfs", MS_RDONLY, nullptr));
+    require(mount("/sys/kernel/devices", "/sys/devices", nullptr, MS_BIND, nullptr));
+}
+
 void makeMachineWithoutUsb() {
-    for (const char* path : {"/sys/bus", "/sys/devices"}) fs::remove_all(path);
+    fs::remove_all("/sys/bus");
+    if (!fs::exists(kKernelUsbDevices)) fs::remove_all("/sys/devices");
     fs::create_directories(kUsbDevicesPath);
 }
 

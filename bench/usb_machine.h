@@ -13,7 +13,8 @@ namespace android::kus {
  * devices on the first one, in groups of a hub and seven behind it. Their interfaces are a network
  * adapter, a stick and a keyboard in turns. Entries are links into the tree of devices, and have
  * the attributes and directories beside those that are read; hubs have no texts, no device has a
- * serial number. Replaces the machine that was there.
+ * serial number. After enterKernelWorld() they are links to what the kernel has. Replaces the
+ * machine that was there.
  */
 class UsbMachine {
   public:
@@ -45,6 +46,12 @@ class UsbMachine {
     DeviceInfo lastDevice_;
     std::vector<Read> reads_;
 };
+
+/**
+ * Takes the process into a mount namespace of its own, in which /data and /sys are empty but for
+ * the kernel's own devices in /sys/devices. Needs root.
+ */
+void enterKernelWorld();
 
 /** Replaces the machine that was there by one with an empty /sys/bus/usb/devices. */
 void makeMachineWithoutUsb();
