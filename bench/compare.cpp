@@ -2,6 +2,7 @@
 #include "compare.h"
 
 #include <android-base/stringprintf.h>
+#include <android-base/strings.h>
 
 #include <algorithm>
 #include <chrono>
@@ -23,25 +24,42 @@ double median(std::vector<double> values) {
     return *middle;
 }
 
+bool targetMissed = false;
+
 }  // namespace
 
-void compare(benchmark::State& state, const Baseline& baseline, const std::function<void()>& run) {
-    std::vector<double> baselineTimes, times, ratios;
+void compare(benchmark::State& state, const std::vector<Baseline>& baselines,
+             const std::function<void()>& run) {
+    struct Samples {
+        std::vector<double> times, ratios;
+    };
+    std::vector<Samples> samples(baselines.size());
+    std::vector<double> times;
     for (auto _ : state) {
-        baselineTimes.push_back(secondsOf(baseline.run));
+        for (size_t i = 0; i < baselines.size(); ++i) {
+            samples[i].times.push_back(secondsOf(baselines[i].run));
+        }
         times.push_back(secondsOf(run));
         state.SetIterationTime(times.back());
-        ratios.push_back(times.back() / baselineTimes.back());
+        for (Samples& s : samples) s.ratios.push_back(times.back() / s.times.back());
     }
-    const double ratio = median(ratios);
-    std::string label = base::StringPrintf("%.0f us, %.2f x %s (%.0f us)", median(times) * 1e6,
-                                           ratio, baseline.name, median(baselineTimes) * 1e6);
-    if (baseline.target) {
-        label += base::StringPrintf(", target %.2f: %s", *baseline.target,
-                                    ratio <= *baseline.target ? "met" : "MISSED");
+    state.counters["median"] = median(times) * 1e6;
+    std::vector<std::string> results;
+    for (size_t i = 0; i < baselines.size(); ++i) {
+        const auto& [name, unused, target] = baselines[i];
+        const double ratio = median(samples[i].ratios);
+        state.counters[name] = median(samples[i].times) * 1e6;
+        results.push_back(base::StringPrintf("%.2f x %s", ratio, name));
+        if (!target) continue;
+        const bool missed = ratio > *target;
+        targetMissed |= missed;
+        results.back() +=
+            base::StringPrintf(" (target %.2f: %s)", *target, missed ? "MISSED" : "met");
     }
-    state.SetLabel(label);
+    state.SetLabel(base::Join(results, ", "));
 }
+
+bool isTargetMissed() { return targetMissed; }
 
 void timeOnly(benchmark::State& state, const std::function<void()>& run,
               const std::function<void()>& putBack) {

@@ -5,11 +5,13 @@
 
 #include <functional>
 #include <optional>
+#include <vector>
 
 namespace android::kus {
 
 /** What an action is held against. */
 struct Baseline {
+    /** One word: it names the counter, too. */
     const char* name;
     std::function<void()> run;
     /** The greatest ratio of their times that is good. */
@@ -17,11 +19,16 @@ struct Baseline {
 };
 
 /**
- * Times an action and its baseline in turns, so that whatever slows the machine slows both. The
- * benchmark must use manual time, which is the action's; its label tells the medians of both times
- * and of the ratios of neighbours, and whether a target is met.
+ * Times an action and its baselines in turns, so that whatever slows the machine slows all. The
+ * benchmark must use manual time, which is the action's. Its counters are the medians of the times
+ * in microseconds, its label tells the medians of the ratios in a turn, and whether the targets are
+ * met.
  */
-void compare(benchmark::State& state, const Baseline& baseline, const std::function<void()>& run);
+void compare(benchmark::State& state, const std::vector<Baseline>& baselines,
+             const std::function<void()>& run);
+
+/** Whether a compare() missed a target. */
+bool isTargetMissed();
 
 /** Times an action without what has to be put back between two runs. Uses manual time too. */
 void timeOnly(benchmark::State& state, const std::function<void()>& run,

@@ -22,23 +22,28 @@ void decide(const sp<KUsbService>& service, const DeviceInfo& device) {
     mUsbDeviceInfoList.clear();
 }
 
-void compareDeciding(benchmark::State& state, std::optional<double> target) {
+/** Against the same reads by whole paths and against those from entries opened once. */
+void compareDeciding(benchmark::State& state, std::optional<double> targetByPath,
+                     std::optional<double> targetFromEntry) {
     const UsbMachine machine(state.range(0), kInterfaces);
     const sp<KUsbService> service = new KUsbService();
     loadRules("<class>USB_CLASS_COMM</class><class>USB_CLASS_MASS_STORAGE</class>");
-    compare(state, {"the system calls", [&] { machine.readBare(); }, target},
+    using Lookup = UsbMachine::Lookup;
+    compare(state,
+            {{"by_path", [&] { machine.readBare(Lookup::byPath); }, targetByPath},
+             {"from_entry", [&] { machine.readBare(Lookup::fromEntry); }, targetFromEntry}},
             [&] { decide(service, machine.lastDevice()); });
 }
 
-void decision(benchmark::State& state) { compareDeciding(state, 1.25); }
+void decision(benchmark::State& state) { compareDeciding(state, 0.70, 1.25); }
 BENCHMARK(decision)->Arg(1)->Arg(8)->Arg(32)->Arg(120)->UseManualTime();
 
 /** Without the log lines, of which a decision writes 24 and five for each device. */
 void decision_unlogged(benchmark::State& state) {
     const base::ScopedLogSeverity quiet(base::WARNING);
-    compareDeciding(state, std::nullopt);
+    compareDeciding(state, 0.60, std::nullopt);
 }
-BENCHMARK(decision_unlogged)->Arg(1)->Arg(120)->UseManualTime();
+BENCHMARK(decision_unlogged)->Arg(1)->Arg(8)->Arg(32)->Arg(120)->UseManualTime();
 
 /**
  * Many vendor rules against few, none for a whole vendor, and the device's own is found by its
@@ -57,16 +62,16 @@ void decision_under_rules(benchmark::State& state) {
     // Neither set has a whole vendor, so the map alone is what differs.
     CHECK(!lastWholeVendor);
     compare(state,
-            {"the same under 10 rules",
-             [&] {
-                 vidPidMap.swap(fewRules);
-                 decide(service, device);
-                 vidPidMap.swap(fewRules);
-             },
-             1.1},
+            {{"under_10_rules",
+              [&] {
+                  vidPidMap.swap(fewRules);
+                  decide(service, device);
+                  vidPidMap.swap(fewRules);
+              },
+              1.1}},
             [&] { decide(service, device); });
 }
-BENCHMARK(decision_under_rules)->Arg(100000)->UseManualTime();
+BENCHMARK(decision_under_rules)->RangeMultiplier(10)->Range(100, 100000)->UseManualTime();
 
 }  // namespace
 }  // namespace android::kus

@@ -34,12 +34,12 @@ std::string mixedRules(int count) {
 void compareParsing(benchmark::State& state, std::optional<double> target) {
     writeRules(mixedRules(state.range(0)));
     compare(state,
-            {"the XML library's load",
-             [] {
-                 tinyxml2::XMLDocument document(true, tinyxml2::PRESERVE_WHITESPACE);
-                 CHECK(document.LoadFile(configFilePath) == tinyxml2::XML_SUCCESS);
-             },
-             target},
+            {{"library_load",
+              [] {
+                  tinyxml2::XMLDocument document(true, tinyxml2::PRESERVE_WHITESPACE);
+                  CHECK(document.LoadFile(configFilePath) == tinyxml2::XML_SUCCESS);
+              },
+              target}},
             [] { Util::createMapFromConfig(configFilePath); });
     CHECK(xml_parse_status);
 }

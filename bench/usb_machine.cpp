@@ -1,13 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "usb_machine.h"
 
+#include <android-base/file.h>
 #include <android-base/logging.h>
+#include <android-base/strings.h>
+#include <android-base/unique_fd.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <initializer_list>
+#include <map>
 
 #include "usb_tree.h"
 #include "usbdevice/UsbDevice.h"
@@ -16,6 +24,8 @@ namespace fs = std::filesystem;
 
 namespace android::kus {
 namespace {
+
+const std::string kKernelUsbDevices = "/sys/kernel/bus/usb/devices";
 
 // What a scan reads of each entry.
 const std::vector<std::string> kBusAttributes = {
@@ -32,6 +42,14 @@ const std::vector<std::string> kInterfaceAttributes = {"bAlternateSetting",  "bI
                                                        "bInterfaceNumber",   "bInterfaceProtocol",
                                                        "bInterfaceSubClass", "bNumEndpoints"};
 
+// What is there besides.
+const std::vector<std::string> kOtherDeviceAttributes = {
+    "authorized", "avoid_reset_quirk", "bConfigurationValue", "busnum", "descriptors", "dev",
+    "devpath",    "devspec",           "ltm_capable",         "quirks", "removable",   "uevent",
+    "urbnum"};
+const std::vector<std::string> kOtherInterfaceAttributes = {"authorized", "modalias",
+                                                            "supports_autosuspend", "uevent"};
+
 struct InterfaceKind {
     int interfaceClass;
     const char* driver;
@@ -45,27 +63,129 @@ constexpr InterfaceKind kKinds[] = {{2, "cdc_ether", "net", "usb0"},
 
 const InterfaceKind& kindOf(int interface) { return kKinds[interface % std::size(kKinds)]; }
 
-Attributes attributes(const std::vector<std::string>& names, Attributes special) {
-    for (const std::string& name : names) special.emplace(name, "1");
+bool isBus(const std::string& entry) { return entry.front() == 'u'; }
+bool isInterface(const std::string& entry) { return entry.find(':') != std::string::npos; }
+
+Attributes attributes(std::initializer_list<std::vector<std::string>> lists, Attributes special) {
+    for (const auto& names : lists) {
+        for (const std::string& name : names) special.emplace(name, "1");
+    }
     return special;
+}
+
+std::string controllerOf(int bus) {
+    return "/sys/devices/platform/soc/a800000.ssusb/a800000.dwc3/xhci-hcd." +
+           std::to_string((bus - 1) / 2) + ".auto";
+}
+
+/** The directory of a device on the first bus, or of a hub above it. */
+std::string directoryOf(const std::string& device) {
+    const size_t dot = device.rfind('.');
+    const std::string parent =
+        dot == std::string::npos ? controllerOf(1) + "/usb1" : directoryOf(device.substr(0, dot));
+    return parent + "/" + device;
+}
+
+void addDirectories(const std::string& entry, std::initializer_list<std::string> directories) {
+    for (const std::string& directory : directories) {
+        fs::create_directories(sysfsPath(entry, directory));
+    }
+}
+
+void addBus(int number) {
+    const std::string name = "usb" + std::to_string(number);
+    addEntry(name, attributes({kBusAttributes, kOtherDeviceAttributes}, {{"driver", "usb"}}),
+             controllerOf(number));
+    addDirectories(name, {"power", "ep_00"});
+    const std::string hub = std::to_string(number) + "-0:1.0";
+    addEntry(hub,
+             attributes({kInterfaceAttributes, kOtherInterfaceAttributes}, {{"driver", "hub"}}),
+             controllerOf(number) + "/" + name);
+    addDirectories(hub, {"power", "ep_81"});
+}
+
+void addDeviceOf(const std::string& name, int devnum, bool isHub) {
+    Attributes all =
+        attributes({kDeviceAttributes, kOtherDeviceAttributes}, {{"devnum", std::to_string(devnum)},
+                                                                 {"manufacturer", "A maker"},
+                                                                 {"product", "A device"},
+                                                                 {"driver", "usb"}});
+    all.erase("serial");
+    if (isHub) {
+        all.erase("manufacturer");
+        all.erase("product");
+    }
+    addEntry(name, all, fs::path(directoryOf(name)).parent_path());
+    addDirectories(name, {"power", "ep_00"});
 }
 
 void addInterfaceOf(const std::string& device, int number) {
     const InterfaceKind& kind = kindOf(number);
     const std::string name = device + ":1." + std::to_string(number);
-    addEntry(name, attributes(kInterfaceAttributes,
-                              {{"bInterfaceClass", std::to_string(kind.interfaceClass)},
-                               {"bInterfaceNumber", std::to_string(number)},
-                               {"driver", kind.driver}}));
+    addEntry(name,
+             attributes({kInterfaceAttributes, kOtherInterfaceAttributes},
+                        {{"bInterfaceClass", std::to_string(kind.interfaceClass)},
+                         {"bInterfaceNumber", std::to_string(number)},
+                         {"driver", kind.driver}}),
+             directoryOf(device));
+    addDirectories(name, {"power", "ep_02", "ep_81"});
     if (kind.directory != nullptr) {
-        fs::create_directories(fs::path(sysfsPath(name, kind.directory)) / kind.subdirectory);
+        const std::string below = kind.directory;
+        addDirectories(name, {below + "/" + kind.subdirectory + "/power", below + "/power"});
     }
 }
 
-void readAttribute(const char* path) {
+/** Makes a tree with this many devices and returns the id of the last one. */
+int makeDevices(int devices, int interfacesPerDevice) {
+    for (int bus = 1; bus <= 4; ++bus) addBus(bus);
+    for (int bus : {1, 3}) {
+        fs::create_symlink("../../../../../../bus/platform/drivers/xhci-hcd",
+                           controllerOf(bus) + "/driver");
+    }
+    for (int i = 0; i < devices; ++i) {
+        std::string name = "1-" + std::to_string(i / 8 + 1);
+        if (i % 8 != 0) name += "." + std::to_string(i % 8);
+        addDeviceOf(name, i + 2, i % 8 == 0);
+        for (int number = 0; number < interfacesPerDevice; ++number) addInterfaceOf(name, number);
+    }
+    return 1000 + devices + 1;
+}
+
+/**
+ * Makes the bus of links to devices of the kernel: to four of its root hubs, and so often to the
+ * device with four interfaces, each time on a bus of its own. Returns the id of the last one.
+ */
+int linkDevices(int devices) {
+    std::map<std::string, fs::path> kernels;
+    for (const fs::directory_entry& entry : fs::directory_iterator(kKernelUsbDevices)) {
+        kernels.emplace(entry.path().filename(), fs::read_symlink(entry));
+    }
+    const auto addLink = [&](const std::string& name, const std::string& target) {
+        fs::create_symlink(kernels.at(target), fs::path(kUsbDevicesPath) / name);
+    };
+    for (const std::string bus : {"1", "2", "3", "4"}) {
+        for (const std::string& name : {"usb" + bus, bus + "-0:1.0"}) addLink(name, name);
+    }
+    const auto fourth = std::find_if(kernels.begin(), kernels.end(), [](const auto& entry) {
+        return base::EndsWith(entry.first, ":1.3");
+    });
+    CHECK(fourth != kernels.end()) << "no device has four interfaces";
+    const std::string device = fourth->first.substr(0, fourth->first.find(':'));
+    for (const auto& [name, target] : kernels) {
+        if (name != device && !base::StartsWith(name, device + ":")) continue;
+        for (int i = 1; i <= devices; ++i) {
+            addLink(std::to_string(i) + name.substr(name.find('-')), name);
+        }
+    }
+    std::string devnum;
+    CHECK(base::ReadFileToString(kKernelUsbDevices + "/" + device + "/devnum", &devnum));
+    return devices * 1000 + std::stoi(devnum);
+}
+
+void readAttribute(int directory, const char* path) {
     char text[64];
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (read(fd, text, sizeof(text)) <= 0) PLOG(FATAL) << path;
+    const int fd = openat(directory, path, O_RDONLY | O_CLOEXEC);
+    if (read(fd, text, sizeof(text)) < 0) PLOG(FATAL) << path;
     close(fd);
 }
 
@@ -77,30 +197,19 @@ void readDirectory(const char* path, bool toTheEnd) {
     close(fd);
 }
 
-void readLink(const char* path) {
+void readLink(int directory, const char* path) {
     char target[4096];
-    if (readlink(path, target, sizeof(target)) <= 0) PLOG(FATAL) << path;
+    if (readlinkat(directory, path, target, sizeof(target)) <= 0) PLOG(FATAL) << path;
 }
 
 }  // namespace
 
 UsbMachine::UsbMachine(int devices, int interfacesPerDevice) {
     makeMachineWithoutUsb();
-    for (const std::string bus : {"1", "2", "3", "4"}) {
-        addEntry("usb" + bus, attributes(kBusAttributes, {}));
-        addEntry(bus + "-0:1.0", attributes(kInterfaceAttributes, {{"driver", "hub"}}));
-    }
-    fs::create_symlink("../../bus/platform/drivers/xhci-hcd", "/sys/devices/controller/driver");
-    for (int i = 0; i < devices; ++i) {
-        std::string name = "1-" + std::to_string(i / 8 + 1);
-        if (i % 8 != 0) name += "." + std::to_string(i % 8);
-        addEntry(name, attributes(kDeviceAttributes, {{"devnum", std::to_string(i + 2)},
-                                                      {"product", "A device"},
-                                                      {"driver", "usb"}}));
-        for (int number = 0; number < interfacesPerDevice; ++number) addInterfaceOf(name, number);
-    }
     lastDevice_.deviceName = "A device";
-    lastDevice_.deviceId = 1000 + devices + 1;
+    lastDevice_.deviceId = fs::exists(kKernelUsbDevices)
+                               ? linkDevices(devices)
+                               : makeDevices(devices, interfacesPerDevice);
     for (int number = 0; number < interfacesPerDevice; ++number) {
         lastDevice_.interfaceClassList.push_back(kindOf(number).interfaceClass);
     }
@@ -111,41 +220,59 @@ void UsbMachine::planReads() {
     const std::vector<std::string> entries = readerOrder(kUsbDevicesPath);
     reads_.push_back({Read::Kind::directory, kUsbDevicesPath});
     for (const std::string& entry : entries) {
-        const bool isBus = entry.front() == 'u';
-        const bool isInterface = entry.find(':') != std::string::npos;
-        for (const std::string& attribute : isBus         ? kBusAttributes
-                                            : isInterface ? kInterfaceAttributes
-                                                          : kDeviceAttributes) {
-            reads_.push_back({Read::Kind::attribute, sysfsPath(entry, attribute)});
+        reads_.push_back({Read::Kind::entry, sysfsPath(entry, "")});
+        for (const std::string& attribute : isBus(entry)         ? kBusAttributes
+                                            : isInterface(entry) ? kInterfaceAttributes
+                                                                 : kDeviceAttributes) {
+            const std::string path = sysfsPath(entry, attribute);
+            const auto kind = fs::exists(path) ? Read::Kind::attribute : Read::Kind::missing;
+            reads_.push_back({kind, path, attribute});
         }
-        reads_.push_back({Read::Kind::link, sysfsPath(entry, isBus ? "../driver" : "driver")});
+        const std::string driver = isBus(entry) ? "../driver" : "driver";
+        reads_.push_back({Read::Kind::link, sysfsPath(entry, driver), driver});
     }
     for (const std::string& entry : entries) {
-        if (entry.find(':') != std::string::npos) planCategorisation(entry);
+        if (isInterface(entry)) planCategorisation(entry);
     }
 }
 
 void UsbMachine::planCategorisation(const std::string& interface) {
-    // A root hub's interface has no category.
-    if (interface.find("-0:") != std::string::npos) return;
-    const InterfaceKind& kind = kindOf(std::stoi(interface.substr(interface.rfind('.') + 1)));
-    if (kind.directory == nullptr) return;
-    // A network adapter's directory is left as soon as its name is found; a HID device's is read to
-    // the end for what may follow.
-    const bool isNetwork = kind.interfaceClass == 2;
+    // A root hub's interface has no category, and a stick's is known without a look.
+    std::string interfaceClass;
+    CHECK(base::ReadFileToString(sysfsPath(interface, "bInterfaceClass"), &interfaceClass, true));
+    if (interface.find("-0:") != std::string::npos || std::stoi(interfaceClass, nullptr, 16) == 8) {
+        return;
+    }
+    // A network adapter's directory is left as soon as its name is found; any other is read to the
+    // end for what may follow.
+    const bool isNetwork = fs::exists(sysfsPath(interface, "net"));
     reads_.push_back({isNetwork ? Read::Kind::startOfDirectory : Read::Kind::directory,
                       sysfsPath(interface, "")});
-    reads_.push_back({Read::Kind::startOfDirectory, sysfsPath(interface, kind.directory)});
+    for (const std::string& name : readerOrder(sysfsPath(interface, ""))) {
+        if (name == "net" || name.find(':') != std::string::npos) {
+            reads_.push_back({Read::Kind::startOfDirectory, sysfsPath(interface, name)});
+        }
+    }
 }
 
-void UsbMachine::readBare() const {
+void UsbMachine::readBare(Lookup lookup) const {
+    base::unique_fd entry;
     for (const Read& read : reads_) {
+        const bool fromEntry = lookup == Lookup::fromEntry;
+        const int start = fromEntry ? entry.get() : AT_FDCWD;
+        const char* path = fromEntry ? read.below.c_str() : read.path.c_str();
         switch (read.kind) {
+            case Read::Kind::entry:
+                if (fromEntry) entry.reset(open(read.path.c_str(), O_PATH | O_DIRECTORY));
+                break;
             case Read::Kind::attribute:
-                readAttribute(read.path.c_str());
+                readAttribute(start, path);
+                break;
+            case Read::Kind::missing:
+                CHECK_LT(openat(start, path, O_RDONLY | O_CLOEXEC), 0);
                 break;
             case Read::Kind::link:
-                readLink(read.path.c_str());
+                readLink(start, path);
                 break;
             case Read::Kind::directory:
             case Read::Kind::startOfDirectory:
@@ -154,8 +281,21 @@ void UsbMachine::readBare() const {
     }
 }
 
+void enterKernelWorld() {
+    const auto require = [](int result) {
+        if (result != 0) PLOG(FATAL) << "cannot make a /data and /sys of its own";
+    };
+    require(unshare(CLONE_NEWNS));
+    require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr));
+    for (const char* path : {"/data", "/sys"}) require(mount("tmpfs", path, "tmpfs", 0, nullptr));
+    for (const char* path : {"/sys/kernel", "/sys/devices"}) fs::create_directory(path);
+    require(mount("sysfs", "/sys/kernel", "sysfs", MS_RDONLY, nullptr));
+    require(mount("/sys/kernel/devices", "/sys/devices", nullptr, MS_BIND, nullptr));
+}
+
 void makeMachineWithoutUsb() {
-    for (const char* path : {"/sys/bus", "/sys/devices"}) fs::remove_all(path);
+    fs::remove_all("/sys/bus");
+    if (!fs::exists(kKernelUsbDevices)) fs::remove_all("/sys/devices");
     fs::create_directories(kUsbDevicesPath);
 }
 

@@ -11,7 +11,10 @@ namespace android::kus {
 /**
  * The private /sys of a phone with two xHCI controllers, which is four root hubs, and this many
  * devices on the first one, in groups of a hub and seven behind it. Their interfaces are a network
- * adapter, a stick and a keyboard in turns. Replaces the machine that was there.
+ * adapter, a stick and a keyboard in turns. Entries are links into the tree of devices, and have
+ * the attributes and directories beside those that are read; hubs have no texts, no device has a
+ * serial number. After enterKernelWorld() they are links to what the kernel has. Replaces the
+ * machine that was there.
  */
 class UsbMachine {
   public:
@@ -20,16 +23,21 @@ class UsbMachine {
     /** The device that was attached last. */
     const DeviceInfo& lastDevice() const { return lastDevice_; }
 
+    /** How what an entry has is found: from the root, or from the entry, opened once for that. */
+    enum class Lookup { byPath, fromEntry };
+
     /**
      * The system calls of one scan and nothing else: reads of the directories, open, read and
      * close of each attribute, readlink of each driver link.
      */
-    void readBare() const;
+    void readBare(Lookup lookup) const;
 
   private:
     struct Read {
-        enum class Kind { attribute, link, directory, startOfDirectory } kind;
+        enum class Kind { entry, attribute, missing, link, directory, startOfDirectory } kind;
         std::string path;
+        /** What follows the entry's path. */
+        std::string below = {};
     };
 
     void planReads();
@@ -38,6 +46,12 @@ class UsbMachine {
     DeviceInfo lastDevice_;
     std::vector<Read> reads_;
 };
+
+/**
+ * Takes the process into a mount namespace of its own, in which /data and /sys are empty but for
+ * the kernel's own devices in /sys/devices. Needs root.
+ */
+void enterKernelWorld();
 
 /** Replaces the machine that was there by one with an empty /sys/bus/usb/devices. */
 void makeMachineWithoutUsb();

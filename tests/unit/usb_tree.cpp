@@ -23,11 +23,12 @@ Attributes zeroes(const std::string& names) {
 
 }  // namespace
 
-void addEntry(const std::string& name, const Attributes& attributes) {
-    const fs::path directory = fs::path("/sys/devices/controller") / name;
+void addEntry(const std::string& name, const Attributes& attributes, const std::string& parent) {
+    const fs::path bus = "/sys/bus/usb/devices";
+    const fs::path directory = fs::path(parent) / name;
     fs::create_directories(directory);
-    fs::create_directories("/sys/bus/usb/devices");
-    fs::create_directory_symlink(directory, fs::path("/sys/bus/usb/devices") / name);
+    fs::create_directories(bus);
+    fs::create_directory_symlink(directory.lexically_relative(bus), bus / name);
     for (const auto& [attribute, value] : attributes) {
         if (attribute == "driver") {
             fs::create_symlink("../../../bus/usb/drivers/" + value, directory / attribute);

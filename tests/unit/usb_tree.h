@@ -10,10 +10,11 @@ namespace android::kus {
 using Attributes = std::map<std::string, std::string>;
 
 /**
- * Adds an entry to /sys/bus/usb/devices, a link as in sysfs, to /sys/devices/controller/`name`.
+ * Adds an entry to /sys/bus/usb/devices, a link as in sysfs, to a directory `name` below `parent`.
  * Attributes get a line feed; the attribute "driver" becomes a link to a driver of that name.
  */
-void addEntry(const std::string& name, const Attributes& attributes = {});
+void addEntry(const std::string& name, const Attributes& attributes = {},
+              const std::string& parent = "/sys/devices/controller");
 
 /** Adds an interface such as 1-2:1.0, with what a scan reads and the directories below it. */
 void addInterface(const std::string& name, int interfaceClass,
