@@ -10,9 +10,8 @@
 #include "usb_machine.h"
 
 int main(int argc, char** argv) {
-    // For a machine whose sysfs can be spared to one benchmark: the virtual device.
     if (argc > 1 && strcmp(argv[1], "--kernel_devices") == 0) {
-        android::kus::enterKernelWorld();
+        android::kus::useKernelsDevices();
         std::rotate(argv + 1, argv + 2, argv + argc--);
     } else {
         enterPrivateWorld(argv);
