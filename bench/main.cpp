@@ -17,7 +17,9 @@ int main(int argc, char** argv) {
         enterPrivateWorld(argv);
     }
     // Lines are formatted and then dropped, so that the log's own cost is no part of the figures.
-    android::base::SetLogger([](auto...) {});
+    android::base::SetLogger([](auto id, auto severity, auto... line) {
+        if (severity == android::base::FATAL) android::base::StderrLogger(id, severity, line...);
+    });
     benchmark::SetDefaultTimeUnit(benchmark::kMicrosecond);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;

@@ -168,9 +168,11 @@ int findDevices(int expected) {
     return id;
 }
 
-void readAttribute(int directory, const char* path) {
+void readAttribute(int directory, const char* path, bool exists) {
     char text[64];
     const int fd = openat(directory, path, O_RDONLY | O_CLOEXEC);
+    CHECK_EQ(fd >= 0, exists) << path;
+    if (fd < 0) return;
     if (read(fd, text, sizeof(text)) < 0) PLOG(FATAL) << path;
     close(fd);
 }
@@ -183,9 +185,9 @@ void readDirectory(const char* path, bool toTheEnd) {
     close(fd);
 }
 
-void readLink(int directory, const char* path) {
+void readLink(int directory, const char* path, bool exists) {
     char target[4096];
-    if (readlinkat(directory, path, target, sizeof(target)) <= 0) PLOG(FATAL) << path;
+    CHECK_EQ(readlinkat(directory, path, target, sizeof(target)) > 0, exists) << path;
 }
 
 }  // namespace
@@ -208,9 +210,7 @@ void UsbMachine::planReads() {
         for (const std::string& attribute : isBus(entry)         ? kBusAttributes
                                             : isInterface(entry) ? kInterfaceAttributes
                                                                  : kDeviceAttributes) {
-            const std::string path = sysfsPath(entry, attribute);
-            const auto kind = fs::exists(path) ? Read::Kind::attribute : Read::Kind::missing;
-            reads_.push_back({kind, path, attribute});
+            reads_.push_back({Read::Kind::attribute, sysfsPath(entry, attribute), attribute});
         }
         const std::string driver = isBus(entry) ? "../driver" : "driver";
         reads_.push_back({Read::Kind::link, sysfsPath(entry, driver), driver});
@@ -218,6 +218,7 @@ void UsbMachine::planReads() {
     for (const std::string& entry : entries) {
         if (isInterface(entry)) planCategorisation(entry);
     }
+    for (Read& read : reads_) read.exists = fs::exists(fs::symlink_status(read.path));
 }
 
 void UsbMachine::planCategorisation(const std::string& interface) {
@@ -247,13 +248,10 @@ void UsbMachine::readBare(Lookup lookup) const {
                 if (fromEntry) entry.reset(open(read.path.c_str(), O_PATH | O_DIRECTORY));
                 break;
             case Read::Kind::attribute:
-                readAttribute(start, path);
-                break;
-            case Read::Kind::missing:
-                CHECK_LT(openat(start, path, O_RDONLY | O_CLOEXEC), 0);
+                readAttribute(start, path, read.exists);
                 break;
             case Read::Kind::link:
-                readLink(start, path);
+                readLink(start, path, read.exists);
                 break;
             case Read::Kind::directory:
             case Read::Kind::startOfDirectory:

@@ -33,10 +33,11 @@ class UsbMachine {
 
   private:
     struct Read {
-        enum class Kind { entry, attribute, missing, link, directory, startOfDirectory } kind;
+        enum class Kind { entry, attribute, link, directory, startOfDirectory } kind;
         std::string path;
         /** What follows the entry's path. */
         std::string below = {};
+        bool exists = true;
     };
 
     void planReads();
