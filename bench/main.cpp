@@ -10,15 +10,16 @@
 #include "usb_machine.h"
 
 int main(int argc, char** argv) {
-    // For a machine whose sysfs can be spared to one benchmark: the virtual device.
     if (argc > 1 && strcmp(argv[1], "--kernel_devices") == 0) {
-        android::kus::enterKernelWorld();
+        android::kus::useKernelsDevices();
         std::rotate(argv + 1, argv + 2, argv + argc--);
     } else {
         enterPrivateWorld(argv);
     }
     // Lines are formatted and then dropped, so that the log's own cost is no part of the figures.
-    android::base::SetLogger([](auto...) {});
+    android::base::SetLogger([](auto id, auto severity, auto... line) {
+        if (severity == android::base::FATAL) android::base::StderrLogger(id, severity, line...);
+    });
     benchmark::SetDefaultTimeUnit(benchmark::kMicrosecond);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;

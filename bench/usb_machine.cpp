@@ -3,7 +3,6 @@
 
 #include <android-base/file.h>
 #include <android-base/logging.h>
-#include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 #include <dirent.h>
 #include <fcntl.h>
@@ -12,10 +11,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <initializer_list>
-#include <map>
 
 #include "usb_tree.h"
 #include "usbdevice/UsbDevice.h"
@@ -25,7 +22,7 @@ namespace fs = std::filesystem;
 namespace android::kus {
 namespace {
 
-const std::string kKernelUsbDevices = "/sys/kernel/bus/usb/devices";
+bool kernelsDevices = false;
 
 // What a scan reads of each entry.
 const std::vector<std::string> kBusAttributes = {
@@ -137,6 +134,7 @@ void addInterfaceOf(const std::string& device, int number) {
 
 /** Makes a tree with this many devices and returns the id of the last one. */
 int makeDevices(int devices, int interfacesPerDevice) {
+    makeMachineWithoutUsb();
     for (int bus = 1; bus <= 4; ++bus) addBus(bus);
     for (int bus : {1, 3}) {
         fs::create_symlink("../../../../../../bus/platform/drivers/xhci-hcd",
@@ -151,40 +149,30 @@ int makeDevices(int devices, int interfacesPerDevice) {
     return 1000 + devices + 1;
 }
 
-/**
- * Makes the bus of links to devices of the kernel: to four of its root hubs, and so often to the
- * device with four interfaces, each time on a bus of its own. Returns the id of the last one.
- */
-int linkDevices(int devices) {
-    std::map<std::string, fs::path> kernels;
-    for (const fs::directory_entry& entry : fs::directory_iterator(kKernelUsbDevices)) {
-        kernels.emplace(entry.path().filename(), fs::read_symlink(entry));
-    }
-    const auto addLink = [&](const std::string& name, const std::string& target) {
-        fs::create_symlink(kernels.at(target), fs::path(kUsbDevicesPath) / name);
-    };
-    for (const std::string bus : {"1", "2", "3", "4"}) {
-        for (const std::string& name : {"usb" + bus, bus + "-0:1.0"}) addLink(name, name);
-    }
-    const auto fourth = std::find_if(kernels.begin(), kernels.end(), [](const auto& entry) {
-        return base::EndsWith(entry.first, ":1.3");
-    });
-    CHECK(fourth != kernels.end()) << "no device has four interfaces";
-    const std::string device = fourth->first.substr(0, fourth->first.find(':'));
-    for (const auto& [name, target] : kernels) {
-        if (name != device && !base::StartsWith(name, device + ":")) continue;
-        for (int i = 1; i <= devices; ++i) {
-            addLink(std::to_string(i) + name.substr(name.find('-')), name);
-        }
-    }
-    std::string devnum;
-    CHECK(base::ReadFileToString(kKernelUsbDevices + "/" + device + "/devnum", &devnum));
-    return devices * 1000 + std::stoi(devnum);
+int attributeOf(const std::string& entry, const char* attribute, int base) {
+    std::string text;
+    CHECK(base::ReadFileToString(sysfsPath(entry, attribute), &text, /*follow_symlinks=*/true));
+    return std::stoi(text, nullptr, base);
 }
 
-void readAttribute(int directory, const char* path) {
+/** Counts the devices that the kernel has, and returns the id of one with interfaces. */
+int findDevices(int expected) {
+    int devices = 0;
+    int id = 0;
+    for (const std::string& entry : readerOrder(kUsbDevicesPath)) {
+        if (isBus(entry) || isInterface(entry)) continue;
+        ++devices;
+        id = attributeOf(entry, "busnum", 10) * 1000 + attributeOf(entry, "devnum", 10);
+    }
+    CHECK_EQ(devices, expected) << "devices are attached";
+    return id;
+}
+
+void readAttribute(int directory, const char* path, bool exists) {
     char text[64];
     const int fd = openat(directory, path, O_RDONLY | O_CLOEXEC);
+    CHECK_EQ(fd >= 0, exists) << path;
+    if (fd < 0) return;
     if (read(fd, text, sizeof(text)) < 0) PLOG(FATAL) << path;
     close(fd);
 }
@@ -197,19 +185,17 @@ void readDirectory(const char* path, bool toTheEnd) {
     close(fd);
 }
 
-void readLink(int directory, const char* path) {
+void readLink(int directory, const char* path, bool exists) {
     char target[4096];
-    if (readlinkat(directory, path, target, sizeof(target)) <= 0) PLOG(FATAL) << path;
+    CHECK_EQ(readlinkat(directory, path, target, sizeof(target)) > 0, exists) << path;
 }
 
 }  // namespace
 
 UsbMachine::UsbMachine(int devices, int interfacesPerDevice) {
-    makeMachineWithoutUsb();
     lastDevice_.deviceName = "A device";
-    lastDevice_.deviceId = fs::exists(kKernelUsbDevices)
-                               ? linkDevices(devices)
-                               : makeDevices(devices, interfacesPerDevice);
+    lastDevice_.deviceId =
+        kernelsDevices ? findDevices(devices) : makeDevices(devices, interfacesPerDevice);
     for (int number = 0; number < interfacesPerDevice; ++number) {
         lastDevice_.interfaceClassList.push_back(kindOf(number).interfaceClass);
     }
@@ -224,9 +210,7 @@ void UsbMachine::planReads() {
         for (const std::string& attribute : isBus(entry)         ? kBusAttributes
                                             : isInterface(entry) ? kInterfaceAttributes
                                                                  : kDeviceAttributes) {
-            const std::string path = sysfsPath(entry, attribute);
-            const auto kind = fs::exists(path) ? Read::Kind::attribute : Read::Kind::missing;
-            reads_.push_back({kind, path, attribute});
+            reads_.push_back({Read::Kind::attribute, sysfsPath(entry, attribute), attribute});
         }
         const std::string driver = isBus(entry) ? "../driver" : "driver";
         reads_.push_back({Read::Kind::link, sysfsPath(entry, driver), driver});
@@ -234,15 +218,13 @@ void UsbMachine::planReads() {
     for (const std::string& entry : entries) {
         if (isInterface(entry)) planCategorisation(entry);
     }
+    for (Read& read : reads_) read.exists = fs::exists(fs::symlink_status(read.path));
 }
 
 void UsbMachine::planCategorisation(const std::string& interface) {
     // A root hub's interface has no category, and a stick's is known without a look.
-    std::string interfaceClass;
-    CHECK(base::ReadFileToString(sysfsPath(interface, "bInterfaceClass"), &interfaceClass, true));
-    if (interface.find("-0:") != std::string::npos || std::stoi(interfaceClass, nullptr, 16) == 8) {
-        return;
-    }
+    if (interface.find("-0:") != std::string::npos) return;
+    if (attributeOf(interface, "bInterfaceClass", 16) == 8) return;
     // A network adapter's directory is left as soon as its name is found; any other is read to the
     // end for what may follow.
     const bool isNetwork = fs::exists(sysfsPath(interface, "net"));
@@ -266,13 +248,10 @@ void UsbMachine::readBare(Lookup lookup) const {
                 if (fromEntry) entry.reset(open(read.path.c_str(), O_PATH | O_DIRECTORY));
                 break;
             case Read::Kind::attribute:
-                readAttribute(start, path);
-                break;
-            case Read::Kind::missing:
-                CHECK_LT(openat(start, path, O_RDONLY | O_CLOEXEC), 0);
+                readAttribute(start, path, read.exists);
                 break;
             case Read::Kind::link:
-                readLink(start, path);
+                readLink(start, path, read.exists);
                 break;
             case Read::Kind::directory:
             case Read::Kind::startOfDirectory:
@@ -281,21 +260,18 @@ void UsbMachine::readBare(Lookup lookup) const {
     }
 }
 
-void enterKernelWorld() {
-    const auto require = [](int result) {
-        if (result != 0) PLOG(FATAL) << "cannot make a /data and /sys of its own";
-    };
-    require(unshare(CLONE_NEWNS));
-    require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr));
-    for (const char* path : {"/data", "/sys"}) require(mount("tmpfs", path, "tmpfs", 0, nullptr));
-    for (const char* path : {"/sys/kernel", "/sys/devices"}) fs::create_directory(path);
-    require(mount("sysfs", "/sys/kernel", "sysfs", MS_RDONLY, nullptr));
-    require(mount("/sys/kernel/devices", "/sys/devices", nullptr, MS_BIND, nullptr));
+void useKernelsDevices() {
+    if (unshare(CLONE_NEWNS) != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", "/data", "tmpfs", 0, nullptr) != 0) {
+        PLOG(FATAL) << "cannot make a private /data";
+    }
+    kernelsDevices = true;
 }
 
 void makeMachineWithoutUsb() {
-    fs::remove_all("/sys/bus");
-    if (!fs::exists(kKernelUsbDevices)) fs::remove_all("/sys/devices");
+    CHECK(!kernelsDevices);
+    for (const char* path : {"/sys/bus", "/sys/devices"}) fs::remove_all(path);
     fs::create_directories(kUsbDevicesPath);
 }
 

@@ -13,8 +13,7 @@ namespace android::kus {
  * devices on the first one, in groups of a hub and seven behind it. Their interfaces are a network
  * adapter, a stick and a keyboard in turns. Entries are links into the tree of devices, and have
  * the attributes and directories beside those that are read; hubs have no texts, no device has a
- * serial number. After enterKernelWorld() they are links to what the kernel has. Replaces the
- * machine that was there.
+ * serial number. Replaces the machine that was there.
  */
 class UsbMachine {
   public:
@@ -34,10 +33,11 @@ class UsbMachine {
 
   private:
     struct Read {
-        enum class Kind { entry, attribute, missing, link, directory, startOfDirectory } kind;
+        enum class Kind { entry, attribute, link, directory, startOfDirectory } kind;
         std::string path;
         /** What follows the entry's path. */
         std::string below = {};
+        bool exists = true;
     };
 
     void planReads();
@@ -48,10 +48,10 @@ class UsbMachine {
 };
 
 /**
- * Takes the process into a mount namespace of its own, in which /data and /sys are empty but for
- * the kernel's own devices in /sys/devices. Needs root.
+ * From now on a UsbMachine is the one that there is, with as many devices as it has. Gives the
+ * process a /data of its own. Needs root.
  */
-void enterKernelWorld();
+void useKernelsDevices();
 
 /** Replaces the machine that was there by one with an empty /sys/bus/usb/devices. */
 void makeMachineWithoutUsb();

@@ -28,13 +28,53 @@ bool fitsPath(size_t length) { return length < kPathSize; }
 
 /**
  * Makes the path of what lies `below` an entry, cut where it does not fit, and returns the length
- * of the whole.
+ * of the whole. A scan makes thousands of them; snprintf's would take a tenth of the scan's time.
  */
 size_t entryPath(const char* d_name, const char* below, char (&path)[kPathSize]) {
-    return snprintf(path, sizeof(path), "%s/%s/%s", kUsbDevicesPath, d_name, below);
+    constexpr size_t kStart = sizeof(kUsbDevicesPath);
+    const size_t nameLength = strlen(d_name);
+    const size_t length = kStart + nameLength + 1 + strlen(below);
+    if (!fitsPath(length)) {
+        snprintf(path, sizeof(path), "%s/%s/%s", kUsbDevicesPath, d_name, below);
+        return length;
+    }
+    memcpy(path, kUsbDevicesPath, kStart);
+    path[kStart - 1] = '/';
+    memcpy(path + kStart, d_name, nameLength);
+    path[kStart + nameLength] = '/';
+    strcpy(path + kStart + nameLength + 1, below);
+    return length;
 }
 
-/** Copies what fits of a name, and returns the length of the whole. */
+/**
+ * The entry that is being read, open for as long as this lives. An entry is a link far into the
+ * tree of devices: what it has is found from there, and not each time from the root.
+ */
+class EntryBeingRead {
+  public:
+    explicit EntryBeingRead(const char* d_name) : name_(d_name) {
+        char path[kPathSize];
+        entryPath(d_name, "", path);
+        directory_.reset(open(path, O_PATH | O_DIRECTORY | O_CLOEXEC));
+        current_ = this;
+    }
+    ~EntryBeingRead() { current_ = nullptr; }
+    EntryBeingRead(const EntryBeingRead&) = delete;
+
+    /** -1 for an entry that is not the one, or could not be opened: its whole paths tell why. */
+    static int handleOf(const char* d_name) {
+        return current_ != nullptr && current_->name_ == d_name ? current_->directory_.get() : -1;
+    }
+
+  private:
+    // Guarded by topologyLock.
+    static inline const EntryBeingRead* current_ = nullptr;
+
+    const char* const name_;
+    unique_fd directory_;
+};
+
+/** Copies what fits of a name, and returns the length of the whole; in place of snprintf, too. */
 size_t copyName(const char* name, char (&field)[kNameSize]) {
     const size_t length = strlen(name);
     const size_t copied = std::min(length, kNameSize - 1);
@@ -47,76 +87,30 @@ void warnTruncated(const char* d_name, const char* copy) {
     printf("warning: '%s' truncated to '%s'\n", d_name, copy);
 }
 
-/** Copies the last component of a link's target; an unreadable link leaves `driver` as it is. */
-void readDriverLink(int directory, const char* path, char (&driver)[kNameSize]) {
-    char target[kPathSize];
-    const ssize_t length = readlinkat(directory, path, target, sizeof(target));
-    if (length < 0) return;
-    target[static_cast<size_t>(length) < sizeof(target) - 1 ? length : 0] = '\0';
-    const char* slash = strrchr(target, '/');
-    if (slash != nullptr) copyName(slash + 1, driver);
+/** Opens an attribute of an entry, whose whole path is `path`. */
+unique_fd openAttribute(const char* d_name, const char* file, const char* path) {
+    const int entry = EntryBeingRead::handleOf(d_name);
+    return unique_fd(openat(entry, entry < 0 ? path : file, O_RDONLY | O_CLOEXEC));
 }
 
 /**
- * An entry while it is read. It is a link far into the tree of devices, so it is opened once, and
- * what lies below it is found from there.
+ * Stores the last component of the target of an entry's `link`; an unreadable one leaves `driver`
+ * as it is. Returns the length of the link's path; nothing was read when fitsPath() is false for
+ * it.
  */
-class Entry {
-  public:
-    explicit Entry(const char* d_name) : name_(d_name) {
-        char path[kPathSize];
-        length_ = entryPath(name_, "", path);
-        directory_.reset(open(path, O_PATH | O_DIRECTORY | O_CLOEXEC));
-    }
-
-    unsigned int number(const char* file, int base) const {
-        char text[kIntTextSize] = {};
-        const unique_fd fd = openAttribute(file);
-        if (!fd.ok() || read(fd.get(), text, sizeof(text) - 1) < 0) {
-            char path[kPathSize];
-            entryPath(name_, file, path);
-            perror(path);
-            return 0;
-        }
-        return strtoul(text, nullptr, base);
-    }
-
-    void text(const char* file, char* buf, int len) const {
-        buf[0] = '\0';
-        if (!fitsPath(pathLength(file))) return;
-        const unique_fd fd = openAttribute(file);
-        if (!fd.ok()) return;
-        ssize_t length = read(fd.get(), buf, len);
-        if (length < 1 || length >= len) length = 0;
-        while (length > 0 && buf[length - 1] == '\n') --length;
-        buf[length] = '\0';
-        for (char* c = buf; (c = strchr(c, '\n')) != nullptr;) *c = ' ';
-    }
-
-    /** Returns the length of the link's path; nothing was read when fitsPath() is false for it. */
-    size_t driver(char (&driver)[kNameSize]) const {
-        const size_t length = pathLength("driver");
-        if (fitsPath(length)) readDriverLink(directory_.get(), "driver", driver);
-        return length;
-    }
-
-  private:
-    size_t pathLength(const char* file) const { return length_ + strlen(file); }
-
-    unique_fd openAttribute(const char* file) const {
-        if (directory_.ok()) {
-            return unique_fd(openat(directory_.get(), file, O_RDONLY | O_CLOEXEC));
-        }
-        // Fails for the reason that there is.
-        char path[kPathSize];
-        entryPath(name_, file, path);
-        return unique_fd(open(path, O_RDONLY | O_CLOEXEC));
-    }
-
-    const char* const name_;
-    size_t length_;
-    unique_fd directory_;
-};
+size_t readDriver(const char* d_name, const char* link, char (&driver)[kNameSize]) {
+    char path[kPathSize];
+    const size_t length = entryPath(d_name, link, path);
+    if (!fitsPath(length)) return length;
+    char target[kPathSize];
+    const int entry = EntryBeingRead::handleOf(d_name);
+    const ssize_t end = readlinkat(entry, entry < 0 ? path : link, target, sizeof(target));
+    if (end < 0) return length;
+    target[static_cast<size_t>(end) < sizeof(target) - 1 ? end : 0] = '\0';
+    const char* slash = strrchr(target, '/');
+    if (slash != nullptr) copyName(slash + 1, driver);
+    return length;
+}
 
 /**
  * Appends to a sibling chain, unless the record is in it already: an interface without a parent is
@@ -138,11 +132,28 @@ record_list<usbdevice> UsbDevice::device_list;
 record_list<usbinterface> UsbDevice::interface_list;
 
 unsigned int UsbDevice::read_sysfs_file_int(const char* d_name, const char* file, int base) {
-    return Entry(d_name).number(file, base);
+    char path[kPathSize];
+    entryPath(d_name, file, path);
+    char text[kIntTextSize] = {};
+    const unique_fd fd = openAttribute(d_name, file, path);
+    if (!fd.ok() || read(fd.get(), text, sizeof(text) - 1) < 0) {
+        perror(path);
+        return 0;
+    }
+    return strtoul(text, nullptr, base);
 }
 
 void UsbDevice::read_sysfs_file_string(const char* d_name, const char* file, char* buf, int len) {
-    Entry(d_name).text(file, buf, len);
+    char path[kPathSize];
+    buf[0] = '\0';
+    if (!fitsPath(entryPath(d_name, file, path))) return;
+    const unique_fd fd = openAttribute(d_name, file, path);
+    if (!fd.ok()) return;
+    ssize_t length = read(fd.get(), buf, len);
+    if (length < 1 || length >= len) length = 0;
+    while (length > 0 && buf[length - 1] == '\n') --length;
+    buf[length] = '\0';
+    for (char* c = buf; (c = strchr(c, '\n')) != nullptr;) *c = ' ';
 }
 
 void UsbDevice::inspect_bus_entry(const char* d_name) {
@@ -165,15 +176,15 @@ void UsbDevice::add_usb_bus(const char* d_name) {
     bus->busnum = strtoul(d_name + strlen("usb"), nullptr, 10);
     if (copyName(d_name, bus->name) >= sizeof(bus->name)) warnTruncated(d_name, bus->name);
 
-    const Entry entry(d_name);
-    bus->devnum = entry.number("devnum", 10);
-    bus->bDeviceClass = entry.number("bDeviceClass", 16);
-    bus->idProduct = entry.number("idProduct", 16);
-    bus->idVendor = entry.number("idVendor", 16);
-    bus->maxchild = entry.number("maxchild", 10);
-    entry.text("speed", bus->speed, sizeof(bus->speed));
-    bus->rx_lanes = entry.number("rx_lanes", 10);
-    bus->tx_lanes = entry.number("tx_lanes", 10);
+    const EntryBeingRead open(d_name);
+    bus->devnum = read_sysfs_file_int(d_name, "devnum", 10);
+    bus->bDeviceClass = read_sysfs_file_int(d_name, "bDeviceClass", 16);
+    bus->idProduct = read_sysfs_file_int(d_name, "idProduct", 16);
+    bus->idVendor = read_sysfs_file_int(d_name, "idVendor", 16);
+    bus->maxchild = read_sysfs_file_int(d_name, "maxchild", 10);
+    read_sysfs_file_string(d_name, "speed", bus->speed, sizeof(bus->speed));
+    bus->rx_lanes = read_sysfs_file_int(d_name, "rx_lanes", 10);
+    bus->tx_lanes = read_sysfs_file_int(d_name, "tx_lanes", 10);
 
     if (verbose_trace) LOG(INFO) << "calling append_busnode " << d_name;
     usbbusnode** tail = &bus_list;
@@ -183,11 +194,8 @@ void UsbDevice::add_usb_bus(const char* d_name) {
 }
 
 void UsbDevice::get_roothub_driver(usbbusnode* bus, const char* d_name) {
-    char path[kPathSize];
-    const size_t length = entryPath(d_name, "../driver", path);
-    if (fitsPath(length)) {
-        readDriverLink(AT_FDCWD, path, bus->driver);
-    } else {
+    const size_t length = readDriver(d_name, "../driver", bus->driver);
+    if (!fitsPath(length)) {
         LOG(ERROR) << "Cannot read driver link for " << d_name << ": " << d_name << length;
     }
 }
@@ -211,35 +219,36 @@ void UsbDevice::add_usb_device(const char* d_name) {
         previous_port = port;
     }
 
-    const Entry entry(d_name);
+    const EntryBeingRead open(d_name);
     // Unlike a bus or an interface a device's name is cut without a warning, and only then is the
     // configuration value read.
     if (copyName(d_name, device->name) >= sizeof(device->name)) {
-        device->bConfigurationValue = entry.number("bConfigurationValue", 10);
+        device->bConfigurationValue = read_sysfs_file_int(d_name, "bConfigurationValue", 10);
     }
-    device->bDeviceClass = entry.number("bDeviceClass", 16);
-    device->bDeviceProtocol = entry.number("bDeviceProtocol", 16);
-    device->bDeviceSubClass = entry.number("bDeviceSubClass", 16);
-    device->bMaxPacketSize0 = entry.number("bMaxPacketSize0", 16);
-    entry.text("bMaxPower", device->bMaxPower, sizeof(device->bMaxPower));
-    device->bNumConfigurations = entry.number("bNumConfigurations", 10);
-    device->bNumInterfaces = entry.number("bNumInterfaces", 16);
-    device->bcdDevice = entry.number("bcdDevice", 16);
-    device->bmAttributes = entry.number("bmAttributes", 16);
-    device->configuration = entry.number("configuration", 10);
-    device->devnum = entry.number("devnum", 10);
-    device->idProduct = entry.number("idProduct", 16);
-    device->idVendor = entry.number("idVendor", 16);
-    device->maxchild = entry.number("maxchild", 10);
-    entry.text("manufacturer", device->manufacturer, sizeof(device->manufacturer));
-    entry.text("product", device->product, sizeof(device->product));
-    entry.text("serial", device->serial, sizeof(device->serial));
-    entry.text("version", device->version, sizeof(device->version));
-    entry.text("speed", device->speed, sizeof(device->speed));
-    device->rx_lanes = entry.number("rx_lanes", 10);
-    device->tx_lanes = entry.number("tx_lanes", 10);
+    device->bDeviceClass = read_sysfs_file_int(d_name, "bDeviceClass", 16);
+    device->bDeviceProtocol = read_sysfs_file_int(d_name, "bDeviceProtocol", 16);
+    device->bDeviceSubClass = read_sysfs_file_int(d_name, "bDeviceSubClass", 16);
+    device->bMaxPacketSize0 = read_sysfs_file_int(d_name, "bMaxPacketSize0", 16);
+    read_sysfs_file_string(d_name, "bMaxPower", device->bMaxPower, sizeof(device->bMaxPower));
+    device->bNumConfigurations = read_sysfs_file_int(d_name, "bNumConfigurations", 10);
+    device->bNumInterfaces = read_sysfs_file_int(d_name, "bNumInterfaces", 16);
+    device->bcdDevice = read_sysfs_file_int(d_name, "bcdDevice", 16);
+    device->bmAttributes = read_sysfs_file_int(d_name, "bmAttributes", 16);
+    device->configuration = read_sysfs_file_int(d_name, "configuration", 10);
+    device->devnum = read_sysfs_file_int(d_name, "devnum", 10);
+    device->idProduct = read_sysfs_file_int(d_name, "idProduct", 16);
+    device->idVendor = read_sysfs_file_int(d_name, "idVendor", 16);
+    device->maxchild = read_sysfs_file_int(d_name, "maxchild", 10);
+    read_sysfs_file_string(d_name, "manufacturer", device->manufacturer,
+                           sizeof(device->manufacturer));
+    read_sysfs_file_string(d_name, "product", device->product, sizeof(device->product));
+    read_sysfs_file_string(d_name, "serial", device->serial, sizeof(device->serial));
+    read_sysfs_file_string(d_name, "version", device->version, sizeof(device->version));
+    read_sysfs_file_string(d_name, "speed", device->speed, sizeof(device->speed));
+    device->rx_lanes = read_sysfs_file_int(d_name, "rx_lanes", 10);
+    device->tx_lanes = read_sysfs_file_int(d_name, "tx_lanes", 10);
 
-    const size_t length = entry.driver(device->driver);
+    const size_t length = readDriver(d_name, "driver", device->driver);
     if (!fitsPath(length)) {
         LOG(ERROR) << "Can not read driver link for " << d_name << ": " << d_name << length;
     }
@@ -268,15 +277,15 @@ void UsbDevice::add_usb_interface(const char* d_name) {
         LOG(INFO) << "warning add_usb_interface"
                   << " d_name" << d_name << "truncated to " << interface->name;
     }
-    const Entry entry(d_name);
-    interface->bAlternateSetting = entry.number("bAlternateSetting", 10);
-    interface->bInterfaceClass = entry.number("bInterfaceClass", 16);
-    interface->bInterfaceNumber = entry.number("bInterfaceNumber", 16);
-    interface->bInterfaceProtocol = entry.number("bInterfaceProtocol", 16);
-    interface->bInterfaceSubClass = entry.number("bInterfaceSubClass", 16);
-    interface->bNumEndpoints = entry.number("bNumEndpoints", 16);
+    const EntryBeingRead open(d_name);
+    interface->bAlternateSetting = read_sysfs_file_int(d_name, "bAlternateSetting", 10);
+    interface->bInterfaceClass = read_sysfs_file_int(d_name, "bInterfaceClass", 16);
+    interface->bInterfaceNumber = read_sysfs_file_int(d_name, "bInterfaceNumber", 16);
+    interface->bInterfaceProtocol = read_sysfs_file_int(d_name, "bInterfaceProtocol", 16);
+    interface->bInterfaceSubClass = read_sysfs_file_int(d_name, "bInterfaceSubClass", 16);
+    interface->bNumEndpoints = read_sysfs_file_int(d_name, "bNumEndpoints", 16);
 
-    const size_t length = entry.driver(interface->driver);
+    const size_t length = readDriver(d_name, "driver", interface->driver);
     if (!fitsPath(length) && verbose_trace) {
         LOG(INFO) << "Can not read driver link for d_name:" << d_name << "for: " << length;
     }
