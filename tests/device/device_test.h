@@ -137,6 +137,23 @@ class RoleWatch {
     std::thread thread_;
 };
 
+/** Does something again and again, for as long as this lives. */
+class Again {
+  public:
+    Again(std::chrono::milliseconds pause, std::function<void()> action)
+        : thread_([=] {
+              for (; !done_; std::this_thread::sleep_for(pause)) action();
+          }) {}
+    ~Again() {
+        done_ = true;
+        thread_.join();
+    }
+
+  private:
+    std::atomic<bool> done_ = false;
+    std::thread thread_;
+};
+
 /** What a reset of both controllers writes. */
 std::vector<std::string> oneToggle();
 

@@ -9,31 +9,12 @@
 namespace android::kus {
 namespace {
 
-using std::this_thread::sleep_for;
-
 class SoakTest : public DeviceTest {};
 
 size_t descriptors(pid_t pid) {
     namespace fs = std::filesystem;
     return std::distance(fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd"), {});
 }
-
-/** Does something again and again, for as long as this lives. */
-class Again {
-  public:
-    Again(std::chrono::milliseconds pause, std::function<void()> action)
-        : thread_([=] {
-              for (; !done_; sleep_for(pause)) action();
-          }) {}
-    ~Again() {
-        done_ = true;
-        thread_.join();
-    }
-
-  private:
-    std::atomic<bool> done_ = false;
-    std::thread thread_;
-};
 
 TEST_F(SoakTest, DevicesClientsRulesAndReadersComeAndGo) {
     const pid_t daemon = daemonPid();
