@@ -52,8 +52,9 @@ std::string describe(const DeviceInfo& device) {
 class Printer : public BnKUsbServiceCallback {
     binder::Status onDeviceAdded(const DeviceInfo& device) override {
         printEvent("added",
-                   "added    " + describe(device) + "  " + base::Join(classNames(device), ',') +
-                       "  " + verdictText(device.status != 0) + ": " + printable(device.reason),
+                   "added    " + describe(device) + "  " +
+                       base::Join(classNames(toDevice(device)), ',') + "  " +
+                       verdictText(device.status != 0) + ": " + printable(device.reason),
                    recordToJson(device));
         return binder::Status::ok();
     }
