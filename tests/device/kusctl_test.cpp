@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <signal.h>
 
+#include <memory>
 #include <string>
 
 #include "device_test.h"
@@ -44,30 +45,69 @@ TEST_F(KusctlTest, GeneratesRulesThatAllowWhatIsAttached) {
     EXPECT_FALSE(isAllowed({8}));
 }
 
-TEST_F(KusctlTest, WatchesAcrossTheDaemonsDeath) {
-    Process watch({"kusctl", "watch", "--json"});
-    const auto plugAndUnplug = [&] {
+class WatchTest : public KusctlTest {
+  protected:
+    /** Runs until it is registered, its two outputs in one. */
+    static std::unique_ptr<Process> watch(const std::string& options) {
+        auto watch = std::make_unique<Process>(
+            std::vector<std::string>{"sh", "-c", "exec kusctl watch " + options + " 2>&1"});
+        EXPECT_EQ(watch->line(), "kusctl watch: registered");
+        return watch;
+    }
+
+    static void plugAndUnplug() { const Plugged stick("stick", kStick); }
+};
+
+TEST_F(WatchTest, TellsWhatCameBeforeTheDaemonsDeathAndGoesOn) {
+    const auto watched = watch("--json");
+    watched->kill(SIGSTOP);
+    {
         const Plugged stick("stick", kStick);
-        EXPECT_THAT(watch.line(), HasSubstr("\"stick\""));
-    };
-    plugAndUnplug();
-    EXPECT_THAT(watch.line(), HasSubstr("\"stick\"")) << "the removal";
+        stick.decision();
+    }
+    EXPECT_TRUE(eventually([] { return recorded("stick").deviceId == 0; }));
     kill(daemonPid(), SIGKILL);
     awaitDaemon();
-    // Devices that stayed are decided again, and told, before it has registered or after.
-    EXPECT_TRUE(eventually([&] {
-        const Plugged stick("again", kStick);
-        for (std::string line; !(line = watch.line(2000)).empty();) {
-            if (line.find("\"again\"") != std::string::npos) return true;
-        }
-        return false;
-    }));
+    watched->kill(SIGCONT);
+    for (const char* event : {"added", "removed", "service-died", "service-back"}) {
+        EXPECT_THAT(watched->line(), HasSubstr("\"event\": \"" + std::string(event) + "\""));
+    }
+    plugAndUnplug();
+    EXPECT_THAT(watched->line(), HasSubstr("\"stick\""));
+}
+
+TEST_F(WatchTest, RunsACommandForEachEventInTurn) {
+    shell(
+        "echo '#!/bin/sh\necho $KUS_EVENT $KUS_NAME $KUS_VENDOR $KUS_ALLOWED $KUS_CLASSES\n"
+        "[ $KUS_EVENT = added ] && sleep 1 || exit 3' >/tmp/told; chmod +x /tmp/told");
+    const auto watched = watch("--exec /tmp/told");
+    plugAndUnplug();
+    EXPECT_EQ(watched->line(), "added stick 2385 true USB_CLASS_MASS_STORAGE");
+    EXPECT_EQ(watched->line(), "removed stick 2385 USB_CLASS_MASS_STORAGE");
+    EXPECT_EQ(watched->line(), "kusctl watch: /tmp/told ended with status 3");
+    const auto once = watch("--once --exec /bin/false");
+    plugAndUnplug();
+    EXPECT_EQ(once->exitStatus(), 1);
+}
+
+TEST_F(WatchTest, EndsAfterOneDeviceOrWithItsReaderOrWithTheServiceManager) {
+    const auto once = watch("--once"), longer = watch("");
+    plugAndUnplug();
+    EXPECT_THAT(once->line(), StartsWith("added"));
+    EXPECT_EQ(once->line(), "");
+    EXPECT_EQ(once->exitStatus(), 0);
+    shell("(timeout 20 kusctl watch; echo $? >/tmp/status) | true");
+    EXPECT_EQ(contentOf("/tmp/status"), "1") << "not ended by itself";
+    kill(stoi(shell("services pid servicemanager")), SIGKILL);
+    EXPECT_EQ(longer->exitStatus(), 1);
+    // Not asked by this process, which would lose the service manager for good.
+    EXPECT_TRUE(eventually([] { return shell("kusctl list >&2; echo $?") == "0"; }));
 }
 
 TEST_F(KusctlTest, SaysWhatToDoWithoutAService) {
     shell("services stop kusd");
     EXPECT_EQ(shell("kusctl list 2>/tmp/error; echo $?"), "1");
-    EXPECT_THAT(contentOf("/tmp/error"), HasSubstr("kusbservice"));
+    EXPECT_THAT(contentOf("/tmp/error"), HasSubstr("'services start kusd' in the virtual device"));
     shell("services start kusd");
     awaitDaemon();
 }
