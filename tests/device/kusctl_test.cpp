@@ -1,5 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <android-base/strings.h>
+#include <pty.h>
 #include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <memory>
 #include <string>
@@ -10,20 +14,37 @@
 namespace android::kus {
 namespace {
 
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 constexpr char kStick[] = "--vendor 2385 --product 5734 --storage";
 
 class KusctlTest : public DeviceTest {};
 
+/** What a shell command prints where its output is a terminal. */
+std::string onTerminal(const char* command) {
+    int terminal;
+    const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (child == 0) execlp("sh", "sh", "-c", command, nullptr);
+    EXPECT_GT(child, 0);
+    std::string output;
+    for (char c; read(terminal, &c, 1) == 1;) output += c;
+    close(terminal);
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    return base::Trim(output);
+}
+
 TEST_F(KusctlTest, ListsWhatIsRecordedAndWhy) {
     setRules("blacklist", "<vid vendorid=\"2385\"/>");
     const Plugged stick("stick", kStick);
     EXPECT_EQ(stick.decision().status, 0);
-    const std::string json = shell("kusctl list --json");
-    EXPECT_THAT(json, HasSubstr("\"Blacklisted: Match by VID, VID : 2385\""));
-    EXPECT_THAT(json, HasSubstr("USB_CLASS_MASS_STORAGE"));
+    const std::string json = shell("kusctl list --json | grep stick");
+    EXPECT_THAT(json, AllOf(StartsWith("{\"allowed\": false,"), EndsWith("\"vendor\": 2385}"),
+                            HasSubstr("\"Blacklisted: Match by VID, VID : 2385\"")));
     EXPECT_THAT(shell("kusctl list | cat"), HasSubstr("stick\t2385:5734"));
     EXPECT_THAT(shell("kusctl dump"), HasSubstr("Device name : stick"));
     EXPECT_THAT(shell("kusctl dump topology"), HasSubstr("Interface name : " + stick.entry()));
@@ -31,10 +52,30 @@ TEST_F(KusctlTest, ListsWhatIsRecordedAndWhy) {
                 StartsWith("refused: Blacklisted: Match by VID, VID : 2385"));
 }
 
+TEST_F(KusctlTest, ColoursTheDecisionAloneOnATerminal) {
+    setRules("blacklist", "<vid vendorid=\"2385\"/>");
+    const Plugged stick("refused", kStick), serial("allowed", "--vendor 1155 --product 1 --serial");
+    stick.decision();
+    serial.decision();
+    // Of each line the place and the text of what is coloured, and the rest of that column.
+    std::vector<std::string> coloured;
+    size_t column = 0;
+    for (const std::string& line : base::Split(onTerminal("kusctl list"), "\n")) {
+        if (column == 0) column = line.find("STATUS");
+        coloured.push_back(line.substr(column, line.find_last_of('\033') + 4 - column));
+        EXPECT_EQ(line.find('\033'), line[column] == '\033' ? column : std::string::npos) << line;
+    }
+    const std::string red = "\033[31mrefused\033[0m", green = "\033[32mallowed\033[0m";
+    EXPECT_THAT(coloured, ElementsAre(StartsWith("STATUS"), green, red, green));
+    EXPECT_THAT(onTerminal("NO_COLOR= kusctl list"), Not(HasSubstr("\033")));
+}
+
 TEST_F(KusctlTest, GeneratesRulesThatAllowWhatIsAttached) {
-    const Plugged stick("stick", kStick), serial("serial", "--vendor 1155 --product 1 --serial");
+    const Plugged stick("stick", kStick), serial("serial", "--vendor 1155 --product 1 --serial"),
+        keyboard("a--keyboard-", "--vendor 1241 --product 5635 --keyboard");
     EXPECT_EQ(stick.decision().status, 1);
     EXPECT_EQ(serial.decision().status, 1);
+    EXPECT_TRUE(eventually([] { return recorded("Virtual a--keyboard-").status == 1; }));
     shell("kusctl generate >/tmp/generated.xml && kusctl lint /tmp/generated.xml");
     RoleWatch roles;
     shell(std::string("cat /tmp/generated.xml >") +
@@ -42,7 +83,17 @@ TEST_F(KusctlTest, GeneratesRulesThatAllowWhatIsAttached) {
     EXPECT_EQ(roles.writes(4), oneToggle());
     EXPECT_THAT(stick.decision().reason, StartsWith("Whitelisted: Match by VID_PID"));
     EXPECT_THAT(serial.decision().reason, StartsWith("Whitelisted: Match by VID_PID"));
+    EXPECT_TRUE(eventually([] {
+        return recorded("Virtual a--keyboard-").reason ==
+               "Whitelisted: Match by VID_PID combination, VID : 1241 PID: 5635";
+    }));
     EXPECT_FALSE(isAllowed({8}));
+
+    const std::string only = " --only " + std::to_string(stick.id());
+    EXPECT_THAT(shell("kusctl generate" + only), AllOf(HasSubstr("5734"), Not(HasSubstr("1155"))));
+    EXPECT_THAT(shell("kusctl generate --mode blacklist"), Not(HasSubstr("1241")));
+    EXPECT_THAT(shell("kusctl generate --mode blacklist --include-input"), HasSubstr("1241"));
+    EXPECT_EQ(shell("kusctl generate --only 7 2>/dev/null; echo $?"), "1");
 }
 
 class WatchTest : public KusctlTest {
