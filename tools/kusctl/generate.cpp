@@ -31,7 +31,8 @@ using Vendors = std::map<int32_t, std::map<int32_t, std::set<std::string>>>;
 
 // XML knows no escapes in a comment, no "--", and no "-" at its end.
 std::string commentText(const DeviceInfo& device) {
-    std::string text = printable(device.deviceName) + ": " + base::Join(classNames(device), ", ") +
+    std::string text = printable(device.deviceName) + ": " +
+                       base::Join(classNames(toDevice(device)), ", ") +
                        (device.status != 0 ? ", allowed" : ", refused");
     while (text.find("--") != std::string::npos)
         text = base::StringReplace(text, "--", "- -", true);

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "policy.h"
+
 namespace android::kus {
 
 inline constexpr int kYes = 0;
@@ -55,8 +57,8 @@ void expectOk(const binder::Status& status);
 
 /** Control characters and bytes that are no UTF-8 as \n, \t, \r or \xNN. */
 std::string printable(const std::string& text);
-/** Names of the device's USB classes or input sources, each once; a number for one without. */
-std::vector<std::string> classNames(const DeviceInfo& device);
+/** What a decision looks at in the service's record. */
+Device toDevice(const DeviceInfo& device);
 /** "allowed" or "refused", in colour on a terminal. */
 std::string verdictText(bool allowed);
 /** What a device is, without what the service adds to its record. */
@@ -65,22 +67,11 @@ Json::Value recordToJson(const DeviceInfo& device);
 /** On one line when `indentation` is empty. What is no UTF-8 is replaced. */
 std::string jsonText(const Json::Value& value, const std::string& indentation = "  ");
 
-// Rules files, read by the daemon's own parser: verdict.cpp
+// Rules files: verdict.cpp
 
-struct Verdict {
-    enum class Outcome { kAccepted, kRefused, kCrash } outcome;
-    /** What the device's status file would say. */
-    std::string status;
-    /** Of the rules file, or 0 where there is none to name. */
-    int line;
-};
-
-/** Why a path cannot be given to the parser, or an empty text. */
-std::string whyUnreadable(const std::string& path);
-/**
- * Parses in a child process, because some files end the process that reads them. The rule tables of
- * this process stay as they are.
- */
-Verdict judgeRules(const std::string& path);
+/** Returns why a path cannot be read as a rules file, or an empty text. */
+std::string readRulesFile(const std::string& path, std::string* text);
+/** Parses in a child process, because some texts end the process that reads them. */
+Verdict judgeText(const std::string& text);
 
 }  // namespace android::kus
