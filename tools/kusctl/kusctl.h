@@ -50,8 +50,8 @@ void note(const std::string& message);
 
 /** Ends the program where the service, or binder itself, cannot be reached. */
 sp<IKUsbService> connectToService();
-/** Waits for as long as it takes. */
-sp<IKUsbService> waitForService();
+/** Null where it is not there. Ends the program where the service manager has died. */
+sp<IKUsbService> findService();
 /** Ends the program when a call did not reach the service. */
 void expectOk(const binder::Status& status);
 
