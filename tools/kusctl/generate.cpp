@@ -29,14 +29,9 @@ enum Option { kMode = 1, kIncludeInput, kOnly };
 /** Vendor id to product id to the comments on the devices of that kind. */
 using Vendors = std::map<int32_t, std::map<int32_t, std::set<std::string>>>;
 
-// XML knows no escapes in a comment, no "--", and no "-" at its end.
-std::string commentText(const DeviceInfo& device) {
-    std::string text = printable(device.deviceName) + ": " +
-                       base::Join(classNames(toDevice(device)), ", ") +
-                       (device.status != 0 ? ", allowed" : ", refused");
-    while (text.find("--") != std::string::npos)
-        text = base::StringReplace(text, "--", "- -", true);
-    return text;
+std::string describe(const DeviceInfo& device) {
+    return device.deviceName + ": " + base::Join(classNames(toDevice(device)), ", ") +
+           (device.status != 0 ? ", allowed" : ", refused");
 }
 
 Vendors byVendor(const std::vector<DeviceInfo>& devices) {
@@ -46,7 +41,7 @@ Vendors byVendor(const std::vector<DeviceInfo>& devices) {
             note("left out: device " + std::to_string(device.deviceId) +
                  " has an id that a rule cannot name");
         } else {
-            vendors[device.vendorId][device.productId].insert(commentText(device));
+            vendors[device.vendorId][device.productId].insert(commentText(describe(device)));
         }
     }
     return vendors;
