@@ -27,8 +27,8 @@ struct Command {
     int (*run)(int argc, char** argv);
 };
 
-extern const Command kCheckCommand, kDiffCommand, kDumpCommand, kFindCommand, kGenerateCommand,
-    kLintCommand, kListCommand, kResetCommand, kWatchCommand;
+extern const Command kApplyCommand, kCheckCommand, kDiffCommand, kDumpCommand, kFindCommand,
+    kGenerateCommand, kLintCommand, kListCommand, kResetCommand, kWatchCommand;
 
 // The command line: command_line.cpp
 
