@@ -8,8 +8,8 @@ namespace {
 using testing::ContainsRegex;
 using testing::HasSubstr;
 
-const char* const kCommands[] = {"list",  "watch", "check",    "diff",  "lint", "allow",
-                                 "block", "find",  "generate", "reset", "dump"};
+const char* const kCommands[] = {"list",  "watch", "check", "diff",     "lint",  "apply",
+                                 "allow", "block", "find",  "generate", "reset", "dump"};
 
 class CommandTest : public testing::TestWithParam<const char*> {};
 
@@ -97,6 +97,7 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{{"check", "--devices", "-", "--verbose"},
                 "kusctl check",
                 "--devices stands alone: only --rules and --json go with it"},
+        Mistake{{"apply"}, "kusctl apply", "no rules file given"},
         Mistake{{"lint", "a.xml", "-xy"}, "kusctl lint", "option -x is not known"},
         Mistake{{"lint", "--json", "-j"}, "kusctl lint", "option -j is not known"},
         Mistake{{"list", "--json=yes"}, "kusctl list", "option --json takes no value"},

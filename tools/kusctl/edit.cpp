@@ -39,7 +39,7 @@ warnings as 'kusctl lint' does.
                  alone
 
 Without --output the file is replaced; whenever that is interrupted it is the old one or the new one,
-whole. The device's own file is left to 'kusctl apply'.
+whole. The device's own file is edited by way of 'kusctl apply', which may refuse.
 
 Exit status: 0 done, or the rules say so already; 1 failed, or the format has no way to say it, and
 nothing is written; 2 wrong use.
@@ -197,6 +197,17 @@ void replaceFile(const std::string& path, const std::string& text) {
     fail(target + ": " + strerror(error));
 }
 
+int apply(const std::string& text) {
+    static const TemporaryFile file;  // gone at the exit from wherever apply ends the program
+    if (!base::WriteStringToFd(text, file.fd)) {
+        fail(std::string(file.path) + ": " + strerror(errno));
+    }
+    std::string name = kApplyCommand.name, path = file.path;
+    char* argv[] = {name.data(), path.data(), nullptr};
+    optind = 1;
+    return runCommand(kApplyCommand, 2, argv);
+}
+
 int edit(int argc, char** argv, bool allow) {
     const Request request = parseArguments(argc, argv);
     std::string text;
@@ -229,9 +240,7 @@ int edit(int argc, char** argv, bool allow) {
     } else if (edited.text == text) {
         return kYes;
     } else if (request.rules == configFilePath) {
-        fail(
-            "the device's own rules are put in force by 'kusctl apply': give --output, and apply "
-            "that");
+        return apply(edited.text);
     } else {
         replaceFile(request.rules, edited.text);
     }

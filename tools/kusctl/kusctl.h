@@ -27,8 +27,9 @@ struct Command {
     int (*run)(int argc, char** argv);
 };
 
-extern const Command kAllowCommand, kBlockCommand, kCheckCommand, kDiffCommand, kDumpCommand,
-    kFindCommand, kGenerateCommand, kLintCommand, kListCommand, kResetCommand, kWatchCommand;
+extern const Command kAllowCommand, kApplyCommand, kBlockCommand, kCheckCommand, kDiffCommand,
+    kDumpCommand, kFindCommand, kGenerateCommand, kLintCommand, kListCommand, kResetCommand,
+    kWatchCommand;
 
 // The command line: command_line.cpp
 

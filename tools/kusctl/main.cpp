@@ -12,7 +12,7 @@ namespace {
 const Command* const kCommands[] = {&kListCommand,  &kWatchCommand, &kCheckCommand,
                                     &kDiffCommand,  &kLintCommand,  &kGenerateCommand,
                                     &kAllowCommand, &kBlockCommand, &kFindCommand,
-                                    &kResetCommand, &kDumpCommand};
+                                    &kApplyCommand, &kResetCommand, &kDumpCommand};
 
 void printHelp() {
     puts(
