@@ -15,29 +15,22 @@
 #include "fuzz_world.h"
 #include "kusctl.h"
 #include "rules_model.h"
-#include "util/Util.h"
-#include "util/rule_tables.h"
 
 namespace android::kus {
 
 // Stand in for verdict.cpp, whose child process would take most of the time: the model knows which
 // files end the process that reads them.
 
-std::string whyUnreadable(const std::string&) { return ""; }
+std::string readRulesFile(const std::string& path, std::string* text) {
+    CHECK(base::ReadFileToString(path, text));
+    return "";
+}
 
-Verdict judgeRules(const std::string& path) {
-    std::string text;
-    CHECK(base::ReadFileToString(path, &text));
+Verdict judgeText(const std::string& text) {
     if (modelOf(text).ending != RulesModel::Ending::kReturns) {
-        return {Verdict::Outcome::kCrash, "", 0};
+        return crashVerdict(reviewRules(text));
     }
-    Verdict verdict = {};
-    Util::readConfig(path, [&](const std::string& message, int line) {
-        verdict.status = message;
-        verdict.line = line;
-    });
-    verdict.outcome = xml_parse_status ? Verdict::Outcome::kAccepted : Verdict::Outcome::kRefused;
-    return verdict;
+    return Rules().parse(text);
 }
 
 namespace {
@@ -109,8 +102,6 @@ void check() {
 
 void runInput(const std::string& text) {
     setlocale(LC_CTYPE, "C.UTF-8");
-    errorMessage = "SUCCESS";
-    configMode = "default";
     writeFile(kFile, text);
     if (lint() == "accepted") check();
 }

@@ -114,7 +114,7 @@ void expectConsistentAnswers(DeviceInfo device) {
 
 void expectSameFromBackup(const RulesModel& model) {
     CHECK(Util::copyFileContent(configFilePath, backupFilePath));
-    Util::readConfig(backupFilePath, [](const std::string&, int) {});
+    Util::createMapFromConfig(backupFilePath);
     CHECK(xml_parse_status);
     expectTables(model);
 }

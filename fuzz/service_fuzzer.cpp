@@ -240,7 +240,7 @@ void Session::expectConsistentLists() {
 
 void makeMachine() {
     writeFile(configFilePath, kRules);
-    Util::readConfig(configFilePath, [](const std::string&, int) {});
+    Util::createMapFromConfig(configFilePath);
     CHECK(xml_parse_status);
     // A dock without power: no reset waits.
     std::filesystem::create_directories("/sys/class/power_supply/dc");

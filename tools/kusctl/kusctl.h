@@ -6,8 +6,12 @@
 #include <getopt.h>
 #include <json/json.h>
 
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "policy.h"
 
 namespace android::kus {
 
@@ -23,8 +27,9 @@ struct Command {
     int (*run)(int argc, char** argv);
 };
 
-extern const Command kCheckCommand, kDumpCommand, kGenerateCommand, kLintCommand, kListCommand,
-    kResetCommand, kRestoreCommand, kWatchCommand;
+extern const Command kAllowCommand, kApplyCommand, kBlockCommand, kCheckCommand, kDiffCommand,
+    kDumpCommand, kFindCommand, kGenerateCommand, kLintCommand, kListCommand, kResetCommand,
+    kRestoreCommand, kWatchCommand;
 
 // The command line: command_line.cpp
 
@@ -37,6 +42,11 @@ int runCommand(const Command& command, int argc, char** argv);
 int nextOption(int argc, char** argv, const std::vector<option>& options);
 /** Ends the program on arguments beyond the options. */
 void expectNoArguments(int argc, char** argv);
+/** Of a vendor or a product. Ends the program on another text, as the two below. */
+int32_t parseId(const std::string& what, const std::string& text);
+/** The codes in a list of names and numbers. */
+std::vector<int32_t> parseUsbClasses(const std::string& list);
+std::vector<int32_t> parseInputSources(const std::string& list);
 [[noreturn]] void wrongUse(const std::string& message);
 [[noreturn]] void fail(const std::string& message);
 /** A line on standard error that changes no outcome. */
@@ -46,17 +56,19 @@ void note(const std::string& message);
 
 /** Ends the program where the service, or binder itself, cannot be reached. */
 sp<IKUsbService> connectToService();
-/** Waits for as long as it takes. */
-sp<IKUsbService> waitForService();
+/** Null where it is not there. Ends the program where the service manager has died. */
+sp<IKUsbService> findService();
 /** Ends the program when a call did not reach the service. */
 void expectOk(const binder::Status& status);
 
 // Texts: text.cpp
 
+/** printable, for an XML comment. */
+std::string commentText(const std::string& text);
 /** Control characters and bytes that are no UTF-8 as \n, \t, \r or \xNN. */
 std::string printable(const std::string& text);
-/** Names of the device's USB classes or input sources, each once; a number for one without. */
-std::vector<std::string> classNames(const DeviceInfo& device);
+/** What a decision looks at in the service's record. */
+Device toDevice(const DeviceInfo& device);
 /** "allowed" or "refused", in colour on a terminal. */
 std::string verdictText(bool allowed);
 /** What a device is, without what the service adds to its record. */
@@ -65,22 +77,51 @@ Json::Value recordToJson(const DeviceInfo& device);
 /** On one line when `indentation` is empty. What is no UTF-8 is replaced. */
 std::string jsonText(const Json::Value& value, const std::string& indentation = "  ");
 
-// Rules files, read by the daemon's own parser: verdict.cpp
+/**
+ * From the public list of USB ids, printable; empty where it is not known or the list is not there.
+ * The name of a vendor where `product` is kUnknownId.
+ */
+std::string usbName(int32_t vendor, int32_t product);
 
-struct Verdict {
-    enum class Outcome { kAccepted, kRefused, kCrash } outcome;
-    /** What the device's status file would say. */
-    std::string status;
-    /** Of the rules file, or 0 where there is none to name. */
-    int line;
+// Rules files: verdict.cpp
+
+/** Returns why a path cannot be read as a rules file, or an empty text. */
+std::string readRulesFile(const std::string& path, std::string* text);
+/** Parses in a child process, because some texts end the process that reads them. */
+Verdict judgeText(const std::string& text);
+/** The message, and what to do about it. */
+std::string withCure(const Warning& warning);
+/** Ends the program where the device would not take the rules. */
+Rules loadRules(const std::string& path);
+Rules loadRules(const std::string& path, const std::string& text);
+/** Prints a line for each class, vendor and product that is decided on otherwise. False: none is.
+ */
+bool printRuleChanges(Rules* before, Rules* after, const std::string& oldPath,
+                      const std::string& newPath);
+
+// Devices as 'list' and 'watch' print them in JSON, one a line: device_lines.cpp
+
+struct DeviceLine {
+    Device device;
+    /** The device's JSON object as it stands in the line. */
+    std::string_view json;
+    /** With the escapes of JSON: see unescaped. */
+    std::string_view name;
 };
 
-/** Why a path cannot be given to the parser, or an empty text. */
-std::string whyUnreadable(const std::string& path);
+struct DeviceCounts {
+    uint64_t devices;
+    /** Lines that are no device; each has had a note. */
+    uint64_t others;
+};
+
 /**
- * Parses in a child process, because some files end the process that reads them. The rule tables of
- * this process stay as they are.
+ * Gives out the devices of a file, or of the standard input where `path` is "-". Keeps one line at
+ * a time. What 'watch' tells of a device that goes away is passed over. Ends the program where the
+ * file cannot be read.
  */
-Verdict judgeRules(const std::string& path);
+DeviceCounts forEachDevice(const std::string& path, bool showProgress,
+                           const std::function<void(const DeviceLine&)>& take);
+std::string unescaped(std::string_view text);
 
 }  // namespace android::kus

@@ -1,283 +1,36 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <android-base/parseint.h>
+#include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 #include <stdio.h>
-#include <tinyxml2.h>
 
 #include <algorithm>
-#include <limits>
-#include <map>
-#include <optional>
 
 #include "kusctl.h"
-#include "util/Util.h"
-#include "util/rule_tables.h"
 
 namespace android::kus {
 namespace {
 
-using tinyxml2::XMLAttribute;
-using tinyxml2::XMLDocument;
-using tinyxml2::XMLElement;
-using tinyxml2::XMLNode;
-
-constexpr char kHelp[] = R"(usage: kusctl lint [--json] FILE...
+constexpr char kHelp[] = R"(usage: kusctl lint [--strict] [--format FORMAT] FILE...
 
 Checks rules files before they reach a device, with the daemon's own parser. Prints for each file
 the status text that the device would report, with the line it comes from, and warns of what the
-parser takes without a word. Writes nothing, and needs no daemon.
+parser takes without a word, with the cure. Writes nothing, and needs no daemon.
 
-  --json  prints an array of objects: file, verdict ("accepted", "refused", "crash" or
-          "unreadable"), status, line and warnings (each with kind, line and message)
+  --strict         fails on a warning, too; on a note never
+  --format FORMAT  text; json, an array of objects: file, verdict ("accepted", "refused", "crash" or
+                   "unreadable"), status, line and warnings (each with kind, line, message, cure,
+                   and level: "warning" or "note"); github, annotations for a pull request; sarif,
+                   for what reviews code
+  --json           --format json
 
-Kinds of warnings: crash, allows-nothing, duplicate, whole-vendor, ignored, taken-as-product,
-never-matches, blanks.
+Kinds of warnings: after-comment, allows-nothing, blanks, crash, duplicate, encoding, hexadecimal,
+ignored, never-matches, no-input, restricted-class, taken-as-product, unknown-class, whole-vendor.
+Of notes: restricted-interfaces.
 
-Exit status: 0 when every file is accepted, warnings or not; 1 when one is not; 2 wrong use.
+Exit status: 0 when every file is accepted; 1 when one is not; 2 wrong use.
 )";
 
-constexpr uint32_t kMaxUsbId = 0xFFFF;
-constexpr char kCrashKind[] = "crash";
-
-struct Warning {
-    int line;
-    std::string kind;
-    std::string message;
-};
-
-std::string quoted(const std::string& text) { return "'" + text + "'"; }
-
-std::string inLine(int line) { return " (line " + std::to_string(line) + ")"; }
-
-/**
- * Looks in a whole document for what the parser takes without a word, beyond a first error too. It
- * gives no verdict.
- */
-class RulesReview {
-  public:
-    explicit RulesReview(const XMLDocument& document);
-
-    /** By line. */
-    std::vector<Warning> warnings;
-
-  private:
-    void reviewRoot(const XMLElement& root);
-    void reviewRules(const XMLElement& root);
-    void reviewClass(const XMLElement& element);
-    void reviewVendor(const XMLElement& element);
-    void reviewVendorContent(const XMLElement& element, const XMLElement* firstProduct);
-    void reviewProduct(const XMLElement& element, std::optional<int32_t> vendor);
-    void reviewWholeVendors();
-
-    void reviewAttributes(const XMLElement& element, const char* known);
-    void reviewText(const XMLElement& element);
-    void reviewValue(const XMLElement& element);
-    void reviewBlanks(const XMLElement& element, const char* what, const std::string& value);
-    std::optional<int32_t> reviewId(const XMLElement& element, const char* what, const char* value);
-    void warn(const XMLNode& node, const std::string& kind, const std::string& message);
-
-    /** Rule to the line that gave it first. */
-    std::map<std::string, int> classes_;
-    std::map<int32_t, int> wholeVendors_;
-    std::map<std::pair<int32_t, int32_t>, int> products_;
-    /** Vendors listed with products, in file order. */
-    std::vector<std::pair<int32_t, const XMLElement*>> vendorsWithProducts_;
-};
-
-RulesReview::RulesReview(const XMLDocument& document) {
-    const XMLElement* root = document.FirstChildElement();
-    if (root == nullptr) {
-        warnings.push_back({0, kCrashKind, "the document has no element, which ends the daemon"});
-    } else if (root->Name() == std::string("usbconfig")) {
-        reviewRoot(*root);
-    }
-    std::stable_sort(warnings.begin(), warnings.end(),
-                     [](const Warning& a, const Warning& b) { return a.line < b.line; });
-}
-
-void RulesReview::reviewRoot(const XMLElement& root) {
-    reviewAttributes(root, "mode");
-    if (const XMLElement* next = root.NextSiblingElement()) {
-        warn(*next, "ignored", "everything after the first root element is ignored");
-    }
-    const char* attribute = root.Attribute("mode");
-    const std::string mode = attribute == nullptr ? "" : attribute;
-    reviewBlanks(root, "mode", mode);
-    const XMLElement* first = root.FirstChildElement();
-    if (mode == "default") {
-        if (first != nullptr) warn(*first, "ignored", "in mode 'default' every rule is ignored");
-        return;
-    }
-    if (mode == "whitelist" && first == nullptr) {
-        warn(root, "allows-nothing", "a whitelist without a rule refuses every device");
-    }
-    reviewRules(root);
-}
-
-void RulesReview::reviewRules(const XMLElement& root) {
-    reviewText(root);
-    for (auto* rule = root.FirstChildElement(); rule != nullptr;
-         rule = rule->NextSiblingElement()) {
-        const std::string name = rule->Name();
-        if (name == "class") reviewClass(*rule);
-        if (name == "vid") reviewVendor(*rule);
-    }
-    reviewWholeVendors();
-}
-
-void RulesReview::reviewClass(const XMLElement& element) {
-    reviewAttributes(element, nullptr);
-    reviewValue(element);
-    const char* name = element.GetText();
-    if (name == nullptr) return;
-    reviewBlanks(element, "class", name);
-    const auto [first, added] = classes_.emplace(name, element.GetLineNum());
-    if (!added) {
-        warn(element, "duplicate",
-             "class " + quoted(name) + " is listed already" + inLine(first->second));
-    }
-}
-
-void RulesReview::reviewVendor(const XMLElement& element) {
-    reviewAttributes(element, "vendorid");
-    std::optional<int32_t> vendor;
-    if (const char* id = element.Attribute("vendorid")) vendor = reviewId(element, "vendor", id);
-
-    const XMLElement* product = element.FirstChildElement("pid");
-    reviewVendorContent(element, product);
-    if (product != nullptr) {
-        if (vendor) vendorsWithProducts_.emplace_back(*vendor, &element);
-        for (; product != nullptr; product = product->NextSiblingElement()) {
-            reviewProduct(*product, vendor);
-        }
-        return;
-    }
-    if (!vendor) return;
-    const auto [first, added] = wholeVendors_.emplace(*vendor, element.GetLineNum());
-    if (!added) {
-        warn(element, "duplicate",
-             "vendor " + std::to_string(*vendor) + " is listed as a whole already" +
-                 inLine(first->second));
-    }
-}
-
-void RulesReview::reviewVendorContent(const XMLElement& element, const XMLElement* firstProduct) {
-    reviewText(element);
-    for (auto* child = element.FirstChildElement(); child != firstProduct;
-         child = child->NextSiblingElement()) {
-        warn(
-            *child, "ignored",
-            "element " + quoted(child->Name()) +
-                (firstProduct != nullptr
-                     ? " before the first 'pid' is ignored"
-                     : " is ignored: without a 'pid' the rule is for every product of the vendor"));
-    }
-}
-
-void RulesReview::reviewProduct(const XMLElement& element, std::optional<int32_t> vendor) {
-    if (element.Name() != std::string("pid")) {
-        warn(element, "taken-as-product",
-             "element " + quoted(element.Name()) + " after a 'pid' is taken as one");
-    }
-    reviewAttributes(element, nullptr);
-    reviewValue(element);
-    const char* id = element.GetText();
-    if (id == nullptr) return;
-    const std::optional<int32_t> product = reviewId(element, "product", id);
-    if (!vendor || !product) return;
-    const auto [first, added] =
-        products_.emplace(std::pair(*vendor, *product), element.GetLineNum());
-    if (!added) {
-        warn(element, "duplicate",
-             "product " + std::to_string(*product) + " of vendor " + std::to_string(*vendor) +
-                 " is listed already" + inLine(first->second));
-    }
-}
-
-// See Util::validateVid: a vendor that is listed matches as a whole when it, or any vendor with a
-// greater id, is listed without products.
-void RulesReview::reviewWholeVendors() {
-    for (const auto& [vendor, element] : vendorsWithProducts_) {
-        const auto whole = wholeVendors_.lower_bound(vendor);
-        if (whole == wholeVendors_.end()) continue;
-        const auto& [other, line] = *whole;
-        if (other == vendor) {
-            warn(*element, "duplicate",
-                 "vendor " + std::to_string(vendor) + " is listed as a whole too" + inLine(line));
-        } else {
-            warn(*element, "whole-vendor",
-                 "every product of vendor " + std::to_string(vendor) + " matches: vendor " +
-                     std::to_string(other) + inLine(line) +
-                     ", whose id is greater, is listed without products");
-        }
-    }
-}
-
-void RulesReview::reviewAttributes(const XMLElement& element, const char* known) {
-    const XMLAttribute* read = known == nullptr ? nullptr : element.FindAttribute(known);
-    for (auto* attribute = element.FirstAttribute(); attribute != nullptr;
-         attribute = attribute->Next()) {
-        if (attribute != read) {
-            warn(element, "ignored", "attribute " + quoted(attribute->Name()) + " is ignored");
-        }
-    }
-}
-
-void RulesReview::reviewText(const XMLElement& element) {
-    for (auto* child = element.FirstChild(); child != nullptr; child = child->NextSibling()) {
-        if (child->ToText() == nullptr) continue;
-        const std::string text = base::Trim(child->Value());
-        if (!text.empty()) warn(*child, "ignored", "text " + quoted(text) + " is ignored");
-    }
-}
-
-// A comment or an element cuts a value in two, and only the first part is read.
-void RulesReview::reviewValue(const XMLElement& element) {
-    bool value = false;
-    for (auto* child = element.FirstChild(); child != nullptr; child = child->NextSibling()) {
-        if (child->ToComment() != nullptr) continue;
-        if (value) {
-            return warn(*child, "ignored",
-                        "only the first piece of text in " + quoted(element.Name()) + " is read");
-        }
-        value = true;
-    }
-}
-
-void RulesReview::reviewBlanks(const XMLElement& element, const char* what,
-                               const std::string& value) {
-    if (base::Trim(value) != value) {
-        warn(element, "blanks",
-             std::string("the blanks around ") + what + " " + quoted(value) + " are part of it");
-    }
-}
-
-/** The id, when it is one that the parser takes. */
-std::optional<int32_t> RulesReview::reviewId(const XMLElement& element, const char* what,
-                                             const char* value) {
-    reviewBlanks(element, what, value);
-    if (!Util::isValidNumber(value)) return {};
-    const std::string id = std::string(what) + " id " + value;
-    uint32_t number;
-    if (!base::ParseUint(value, &number, uint32_t{std::numeric_limits<int32_t>::max()})) {
-        warn(element, kCrashKind, id + " does not fit 32 bits, which ends the daemon");
-        return {};
-    }
-    if (number > kMaxUsbId) {
-        warn(element, "never-matches", id + " is above 65535: no device has it");
-    }
-    return number;
-}
-
-void RulesReview::warn(const XMLNode& node, const std::string& kind, const std::string& message) {
-    warnings.push_back({node.GetLineNum(), kind, message});
-}
-
-std::vector<Warning> review(const std::string& path) {
-    XMLDocument document(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE);
-    if (document.LoadFile(path.c_str()) != tinyxml2::XML_SUCCESS) return {};
-    return RulesReview(document).warnings;
-}
+enum Option { kStrict = 1, kFormat, kJson };
 
 struct FileReport {
     std::string file;
@@ -288,85 +41,179 @@ struct FileReport {
     std::vector<Warning> warnings;
 };
 
-const char* nameOf(Verdict::Outcome outcome) {
-    switch (outcome) {
-        case Verdict::Outcome::kAccepted:
-            return "accepted";
-        case Verdict::Outcome::kRefused:
-            return "refused";
-        case Verdict::Outcome::kCrash:
-            break;
-    }
-    return "crash";
-}
-
 FileReport lintFile(const std::string& path) {
-    if (const std::string reason = whyUnreadable(path); !reason.empty()) {
+    std::string text;
+    if (const std::string reason = readRulesFile(path, &text); !reason.empty()) {
         return {path, "unreadable", reason, 0, {}};
     }
-    const Verdict verdict = judgeRules(path);
-    FileReport report = {path, nameOf(verdict.outcome), verdict.status, verdict.line, review(path)};
-    if (verdict.outcome == Verdict::Outcome::kCrash) {
-        // The parser died without telling where; the first finding of the kind is what killed it.
-        const auto cause =
-            std::find_if(report.warnings.begin(), report.warnings.end(),
-                         [](const Warning& warning) { return warning.kind == kCrashKind; });
-        if (cause != report.warnings.end()) report.line = cause->line;
-    }
-    return report;
+    const Verdict verdict = judgeText(text);
+    return {path, nameOf(verdict.outcome), verdict.status, verdict.line, reviewRules(text)};
 }
+
+bool passes(const FileReport& report, bool strict) {
+    const bool warned = std::any_of(report.warnings.begin(), report.warnings.end(),
+                                    [](const Warning& warning) { return !warning.isNote; });
+    return report.verdict == "accepted" && !(strict && warned);
+}
+
+const char* levelOf(const Warning& warning) { return warning.isNote ? "note" : "warning"; }
 
 void printFinding(const std::string& file, int line, const std::string& text) {
     const std::string place = line > 0 ? file + ":" + std::to_string(line) : file;
     printf("%s: %s\n", printable(place).c_str(), printable(text).c_str());
 }
 
-void printText(const FileReport& report) {
-    if (report.verdict == "unreadable") return note(report.file + ": " + report.status);
-    printFinding(report.file, report.line, report.verdict + ": " + report.status);
-    for (const Warning& warning : report.warnings) {
-        printFinding(report.file, warning.line, "warning: " + warning.message);
+void printText(const std::vector<FileReport>& reports) {
+    for (const FileReport& report : reports) {
+        if (report.verdict == "unreadable") {
+            note(report.file + ": " + report.status);
+            continue;
+        }
+        printFinding(report.file, report.line, report.verdict + ": " + report.status);
+        for (const Warning& warning : report.warnings) {
+            printFinding(report.file, warning.line,
+                         std::string(levelOf(warning)) + ": " + withCure(warning));
+        }
     }
 }
 
-Json::Value toJson(const FileReport& report) {
-    Json::Value value;
-    value["file"] = report.file;
-    value["verdict"] = report.verdict;
-    value["status"] = report.status;
-    value["line"] = report.line;
-    value["warnings"] = Json::arrayValue;
-    for (const Warning& warning : report.warnings) {
-        Json::Value item;
-        item["kind"] = warning.kind;
-        item["line"] = warning.line;
-        item["message"] = warning.message;
-        value["warnings"].append(item);
+void printJson(const std::vector<FileReport>& reports) {
+    Json::Value all = Json::arrayValue;
+    for (const FileReport& report : reports) {
+        Json::Value value;
+        value["file"] = report.file;
+        value["verdict"] = report.verdict;
+        value["status"] = report.status;
+        value["line"] = report.line;
+        value["warnings"] = Json::arrayValue;
+        for (const Warning& warning : report.warnings) {
+            Json::Value item;
+            item["kind"] = warning.kind;
+            item["level"] = levelOf(warning);
+            item["line"] = warning.line;
+            item["message"] = warning.message;
+            item["cure"] = warning.cure;
+            value["warnings"].append(item);
+        }
+        all.append(value);
     }
-    return value;
+    puts(jsonText(all).c_str());
+}
+
+/** What goes to a review of code: what is wrong, and nothing of what is right. */
+struct Finding {
+    const char* level;
+    std::string kind;
+    int line;
+    std::string message;
+};
+
+std::vector<Finding> findingsOf(const FileReport& report) {
+    std::vector<Finding> findings;
+    if (report.verdict != "accepted") {
+        findings.push_back(
+            {"error", report.verdict, report.line, report.verdict + ": " + report.status});
+    }
+    for (const Warning& warning : report.warnings) {
+        findings.push_back({levelOf(warning), warning.kind, warning.line, withCure(warning)});
+    }
+    return findings;
+}
+
+// https://docs.github.com/actions/reference/workflow-commands-for-github-actions
+void printGithub(const std::vector<FileReport>& reports) {
+    const auto escaped = [](std::string text) {
+        text = base::StringReplace(printable(text), "%", "%25", true);
+        text = base::StringReplace(text, ":", "%3A", true);
+        return base::StringReplace(text, ",", "%2C", true);
+    };
+    for (const FileReport& report : reports) {
+        for (const Finding& finding : findingsOf(report)) {
+            const bool isNote = strcmp(finding.level, "note") == 0;
+            printf("::%s file=%s,line=%d,title=%s::%s\n", isNote ? "notice" : finding.level,
+                   escaped(report.file).c_str(), std::max(finding.line, 1), finding.kind.c_str(),
+                   base::StringReplace(printable(finding.message), "%", "%25", true).c_str());
+        }
+    }
+}
+
+std::string toUri(const std::string& path) {
+    std::string uri;
+    for (const char c : path) {
+        const bool plain = isalnum(static_cast<unsigned char>(c)) || strchr("/._-~", c) != nullptr;
+        uri +=
+            plain ? std::string(1, c) : base::StringPrintf("%%%02X", static_cast<unsigned char>(c));
+    }
+    return uri;
+}
+
+// SARIF 2.1.0: https://docs.oasis-open.org/sarif/sarif/v2.1.0/sarif-v2.1.0.html
+void printSarif(const std::vector<FileReport>& reports) {
+    Json::Value results = Json::arrayValue;
+    for (const FileReport& report : reports) {
+        for (const Finding& finding : findingsOf(report)) {
+            Json::Value place;
+            place["artifactLocation"]["uri"] = toUri(report.file);
+            place["region"]["startLine"] = std::max(finding.line, 1);
+            Json::Value result;
+            result["ruleId"] = finding.kind;
+            result["level"] = finding.level;
+            result["message"]["text"] = printable(finding.message);
+            result["locations"][0]["physicalLocation"] = place;
+            results.append(result);
+        }
+    }
+    Json::Value run;
+    run["tool"]["driver"]["name"] = "kusctl lint";
+    run["results"] = results;
+    Json::Value log;
+    log["$schema"] = "https://json.schemastore.org/sarif-2.1.0.json";
+    log["version"] = "2.1.0";
+    log["runs"][0] = run;
+    puts(jsonText(log).c_str());
+}
+
+struct Format {
+    const char* name;
+    void (*print)(const std::vector<FileReport>& reports);
+};
+
+constexpr Format kFormats[] = {
+    {"text", printText}, {"json", printJson}, {"github", printGithub}, {"sarif", printSarif}};
+
+const Format& findFormat(const std::string& name) {
+    for (const Format& format : kFormats) {
+        if (name == format.name) return format;
+    }
+    wrongUse("'" + name + "' is no format: give text, json, github or sarif");
 }
 
 int run(int argc, char** argv) {
-    bool json = false;
-    while (nextOption(argc, argv, {{"json", no_argument, nullptr, 'j'}}) != -1) json = true;
+    bool strict = false;
+    const Format* format = &kFormats[0];
+    const std::vector<option> options = {{"strict", no_argument, nullptr, kStrict},
+                                         {"format", required_argument, nullptr, kFormat},
+                                         {"json", no_argument, nullptr, kJson}};
+    for (int found; (found = nextOption(argc, argv, options)) != -1;) {
+        if (found == kStrict) strict = true;
+        if (found == kFormat) format = &findFormat(optarg);
+        if (found == kJson) format = &findFormat("json");
+    }
     if (optind == argc) wrongUse("no rules file given");
 
-    Json::Value all = Json::arrayValue;
-    int status = kYes;
-    for (int i = optind; i < argc; ++i) {
-        const FileReport report = lintFile(argv[i]);
-        if (report.verdict != "accepted") status = kNoOrFailed;
-        if (json) {
-            all.append(toJson(report));
-        } else {
-            printText(report);
-        }
-    }
-    if (json) puts(jsonText(all).c_str());
-    return status;
+    std::vector<FileReport> reports;
+    for (int i = optind; i < argc; ++i) reports.push_back(lintFile(argv[i]));
+    format->print(reports);
+    const bool passed = std::all_of(reports.begin(), reports.end(),
+                                    [&](const auto& report) { return passes(report, strict); });
+    return passed ? kYes : kNoOrFailed;
 }
 
 }  // namespace
+
+std::string withCure(const Warning& warning) {
+    return warning.cure.empty() ? warning.message : warning.message + "; " + warning.cure;
+}
 
 const Command kLintCommand = {"lint", "check rules files before they reach a device", kHelp, run};
 

@@ -9,9 +9,10 @@
 namespace android::kus {
 namespace {
 
-const Command* const kCommands[] = {&kListCommand,  &kWatchCommand,    &kCheckCommand,
-                                    &kLintCommand,  &kGenerateCommand, &kRestoreCommand,
-                                    &kResetCommand, &kDumpCommand};
+const Command* const kCommands[] = {
+    &kListCommand,     &kWatchCommand, &kCheckCommand, &kDiffCommand, &kLintCommand,
+    &kGenerateCommand, &kAllowCommand, &kBlockCommand, &kFindCommand, &kApplyCommand,
+    &kRestoreCommand,  &kResetCommand, &kDumpCommand};
 
 void printHelp() {
     puts(

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/logging.h>
+#include <errno.h>
 #include <stdio.h>
+#include <string.h>
 #include <unistd.h>
 
 #include "kusctl.h"
@@ -38,20 +40,23 @@ void keepFirstError() {
 std::string inParentheses(const Verdict& verdict) { return " (" + verdict.status + ")"; }
 
 Verdict judgeInstalledRules() {
-    if (access(configFilePath, F_OK) == 0) {
-        const std::string reason = whyUnreadable(configFilePath);
-        if (!reason.empty()) fail(std::string(configFilePath) + ": " + reason);
-        // Before the parser reads it, so that a newer file than the one that it judges stays.
-        Util::readRules(configFilePath);
+    if (access(configFilePath, F_OK) != 0) return {Outcome::kRefused, strerror(errno), 0};
+    std::string text;
+    if (const std::string reason = readRulesFile(configFilePath, &text); !reason.empty()) {
+        fail(std::string(configFilePath) + ": " + reason);
     }
-    return judgeRules(configFilePath);
+    // What a restore compares with, so that a newer file than the one that is judged stays.
+    const std::string* kept = Util::readRules(configFilePath);
+    if (kept == nullptr) fail(std::string(configFilePath) + ": " + strerror(errno));
+    return judgeText(*kept);
 }
 
 /** Ends the program where the backup is no way out. */
 void expectGoodBackup(const Verdict& rules) {
-    const std::string unreadable = whyUnreadable(backupFilePath);
+    std::string text;
+    const std::string unreadable = readRulesFile(backupFilePath, &text);
     const Verdict backup =
-        unreadable.empty() ? judgeRules(backupFilePath) : Verdict{Outcome::kRefused, unreadable, 0};
+        unreadable.empty() ? judgeText(text) : Verdict{Outcome::kRefused, unreadable, 0};
     if (backup.outcome == Outcome::kAccepted) return;
     fail("the rules file is refused" + inParentheses(rules) + ", but the backup is no better" +
          inParentheses(backup));

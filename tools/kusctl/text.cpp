@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/stringprintf.h>
+#include <android-base/strings.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 #include "kusctl.h"
-#include "util/Util.h"
 
 namespace android::kus {
 namespace {
@@ -75,17 +73,27 @@ std::string printable(const std::string& text) {
     return result;
 }
 
-std::vector<std::string> classNames(const DeviceInfo& device) {
-    const std::vector<int32_t> codes = device.deviceType == 0
-                                           ? device.interfaceClassList
-                                           : Util::checkMultiClass(device.deviceClass);
-    std::vector<std::string> names;
-    for (const int32_t code : codes) {
-        std::string name = Util::getClassName(code);
-        if (name == " ") name = base::StringPrintf("0x%02x", code);
-        if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
+// XML knows no escapes in a comment, no "--", and no "-" at its end.
+std::string commentText(const std::string& text) {
+    std::string result = printable(text);
+    while (result.find("--") != std::string::npos) {
+        result = base::StringReplace(result, "--", "- -", true);
     }
-    return names;
+    return result;
+}
+
+Device toDevice(const DeviceInfo& device) {
+    Device result;
+    result.deviceId = device.deviceId;
+    result.deviceName = device.deviceName;
+    result.deviceClass = device.deviceClass;
+    result.interfaceClassList = device.interfaceClassList;
+    result.vendorId = device.vendorId;
+    result.productId = device.productId;
+    result.deviceType = device.deviceType;
+    // The service records no other device of HID interfaces alone.
+    result.vendorHid = device.deviceType == 0;
+    return result;
 }
 
 std::string verdictText(bool allowed) {
@@ -102,7 +110,7 @@ Json::Value identityToJson(const DeviceInfo& device) {
     value["vendor"] = device.vendorId;
     value["product"] = device.productId;
     value["classes"] = Json::arrayValue;
-    for (const std::string& name : classNames(device)) value["classes"].append(name);
+    for (const std::string& name : classNames(toDevice(device))) value["classes"].append(name);
     return value;
 }
 

@@ -11,8 +11,6 @@
 #include <unistd.h>
 
 #include "kusctl.h"
-#include "util/Util.h"
-#include "util/rule_tables.h"
 
 namespace android::kus {
 namespace {
@@ -32,36 +30,31 @@ void crashQuietly() {
     dup2(unique_fd(open("/dev/null", O_WRONLY | O_CLOEXEC)).get(), STDERR_FILENO);
 }
 
-[[noreturn]] void parseAndReport(const std::string& path, const unique_fd& out) {
+[[noreturn]] void parseAndReport(const std::string& text, const unique_fd& out) {
     crashQuietly();
-    Report report = {};
-    std::string status;
-    Util::readConfig(path, [&](const std::string& message, int line) {
-        status = message;
-        report.line = line;
-    });
-    report.accepted = xml_parse_status;
-    const bool sent =
-        base::WriteFully(out, &report, sizeof(report)) && base::WriteStringToFd(status, out.get());
+    const Verdict verdict = Rules().parse(text);
+    const Report report = {verdict.outcome == Verdict::Outcome::kAccepted, verdict.line};
+    const bool sent = base::WriteFully(out, &report, sizeof(report)) &&
+                      base::WriteStringToFd(verdict.status, out.get());
     _exit(sent ? 0 : 1);
 }
 
 }  // namespace
 
-std::string whyUnreadable(const std::string& path) {
+std::string readRulesFile(const std::string& path, std::string* text) {
     struct stat st;
     if (stat(path.c_str(), &st) != 0) return strerror(errno);
     if (!S_ISREG(st.st_mode)) return "not a regular file";
-    return access(path.c_str(), R_OK) == 0 ? "" : strerror(errno);
+    return base::ReadFileToString(path, text, /*follow_symlinks=*/true) ? "" : strerror(errno);
 }
 
-Verdict judgeRules(const std::string& path) {
+Verdict judgeText(const std::string& text) {
     unique_fd in, out;
     if (!base::Pipe(&in, &out)) fail(std::string("cannot make a pipe: ") + strerror(errno));
     fflush(stdout);
     const pid_t child = fork();
     if (child < 0) fail(std::string("cannot start a process: ") + strerror(errno));
-    if (child == 0) parseAndReport(path, out);
+    if (child == 0) parseAndReport(text, out);
     out.reset();
 
     std::string bytes;
@@ -70,13 +63,13 @@ Verdict judgeRules(const std::string& path) {
     waitpid(child, &status, 0);
     if (bytes.size() < sizeof(Report)) {
         // Nothing that the parser did: somebody else ended it, or the pipe took no report.
-        if (!WIFSIGNALED(status) || WTERMSIG(status) == SIGKILL) fail("cannot judge " + path);
-        return {Verdict::Outcome::kCrash, "Unable to apply the USB Admin config rules", 0};
+        if (!WIFSIGNALED(status) || WTERMSIG(status) == SIGKILL) fail("cannot judge the rules");
+        return crashVerdict(reviewRules(text));
     }
     Report report;
     memcpy(&report, bytes.data(), sizeof(report));
-    if (report.accepted) return {Verdict::Outcome::kAccepted, "SUCCESS", 0};
-    return {Verdict::Outcome::kRefused, bytes.substr(sizeof(report)), report.line};
+    return {report.accepted ? Verdict::Outcome::kAccepted : Verdict::Outcome::kRefused,
+            bytes.substr(sizeof(report)), report.line};
 }
 
 }  // namespace android::kus

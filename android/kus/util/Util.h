@@ -36,8 +36,8 @@ class Util {
      */
     using StatusWriter = std::function<void(const std::string& message, int line)>;
 
-    /** createMapFromConfig with the status texts going elsewhere: for checks of a file. */
-    static void readConfig(const std::string& path, const StatusWriter& writeStatus);
+    /** createMapFromConfig of a file's text, with the status texts going elsewhere: for checks. */
+    static void readText(const std::string& text, const StatusWriter& writeStatus);
 
     /** True for one or more decimal digits and nothing else. */
     static bool isValidNumber(const std::string& s);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <functional>
 #include <mutex>
 #include <string_view>
 
@@ -174,31 +175,27 @@ void ConfigReader::reportLoadError(const XMLDocument& document) {
     writeStatus_(document.ErrorStr(), document.ErrorLineNum());
 }
 
+bool parse(const std::string& text, XMLDocument* document) {
+    return document->Parse(text.data(), text.size()) == tinyxml2::XML_SUCCESS;
+}
+
 // Parses the text that is kept for the backup, not whatever the library would read a moment later.
 bool load(const std::string& path, XMLDocument* document) {
     while (true) {
         const std::string* text = Util::readRules(path);
-        if (text != nullptr) {
-            return document->Parse(text->data(), text->size()) == tinyxml2::XML_SUCCESS;
-        }
+        if (text != nullptr) return parse(*text, document);
         // For the library's own words about a file that cannot be read.
         if (document->LoadFile(path.c_str()) != tinyxml2::XML_SUCCESS) return false;
     }
 }
 
-}  // namespace
-
-void Util::createMapFromConfig(const std::string& path) {
-    readConfig(path,
-               [](const std::string& message, int) { updateErrorFile(statusFilePath, message); });
-}
-
-void Util::readConfig(const std::string& path, const StatusWriter& writeStatus) {
+void readConfig(const std::function<bool(XMLDocument*)>& load,
+                const Util::StatusWriter& writeStatus) {
     const std::unique_lock lock(ruleTablesLock);
     const SharedStateUse use;
     XMLDocument document(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE);
     clearRules();
-    const bool loaded = load(path, &document);
+    const bool loaded = load(&document);
     xml_parse_status = false;
     ConfigReader reader(writeStatus);
     if (loaded) {
@@ -206,6 +203,17 @@ void Util::readConfig(const std::string& path, const StatusWriter& writeStatus) 
     } else {
         reader.reportLoadError(document);
     }
+}
+
+}  // namespace
+
+void Util::createMapFromConfig(const std::string& path) {
+    readConfig([&](XMLDocument* document) { return load(path, document); },
+               [](const std::string& message, int) { updateErrorFile(statusFilePath, message); });
+}
+
+void Util::readText(const std::string& text, const StatusWriter& writeStatus) {
+    readConfig([&](XMLDocument* document) { return parse(text, document); }, writeStatus);
 }
 
 bool Util::isValidNumber(const std::string& s) {
