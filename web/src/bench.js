@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The bench: devices and their answers, under the editor's rules and under those in force.
-import { classesText, decimalIdsText, idsText } from './devices.js';
+import { classesText, decimalIdsText, idsText, shortName } from './devices.js';
 import { element } from './dom.js';
+import { rulesIn } from './rules.js';
 
 // Drawn at most; the rest is counted.
 const MOST_ROWS = 300;
@@ -23,22 +24,20 @@ export class Judgement {
   words(device) {
     const answer = this.answer(device);
     if (!answer) {
-      return { state: 'none', word: 'no answer', reason: this.accepted
-        ? '' : 'A device would not take this file: what it accepted last stays in force.' };
+      return { state: 'none', word: 'no answer', reason: '' };
     }
     if (answer.leftToInput) {
       return { state: 'left', word: 'input path',
-        reason: 'Left to the input subsystem: the input device that comes of it is decided on.' };
+        reason: 'Left to the input subsystem: what counts is the input device.' };
     }
     const word = answer.allowed ? 'allowed' : 'refused';
     return { state: word, word, reason: answer.reason.trim() };
   }
 }
 
-function setChip(chip, { state, word }) {
-  chip.className = `chip ${state}`;
-  chip.textContent = word;
-}
+/** A rule of a remedy, in short. */
+const labelOf = (rule) => (rule.class ? `class ${shortName(rule.class)}`
+  : `product ${rule.vendor}:${rule.product}`);
 
 /** A device on the page. */
 class Row {
@@ -47,13 +46,13 @@ class Row {
   constructor(device, page) {
     this.device = device;
     this.page = page;
-    this.chips = { base: element('span'), now: element('span') };
+    this.chips = { base: element('span', { role: 'img' }), now: element('span') };
     this.reason = element('span', { className: 'reason' });
     this.vendor = element('span');
     this.more = element('button', { className: 'more', type: 'button', 'aria-expanded': 'false' },
       element('span', { className: 'device-name' }, device.name), ' ',
       element('span', { className: 'device-ids', title: decimalIdsText(device) }, idsText(device)),
-      element('span', { className: 'facts' }, classesText(device, page.namesByCode),
+      element('span', { className: 'facts' }, ' · ', classesText(device, page.namesByCode),
         device.vendorHid ? ' (vendor-specific)' : '', this.vendor),
       this.reason);
     this.remove = element('button',
@@ -77,8 +76,12 @@ class Row {
 
   draw(now, base) {
     const words = now.words(this.device);
-    setChip(this.chips.now, words);
-    setChip(this.chips.base, base ? base.words(this.device) : words);
+    this.chips.now.className = `chip ${words.state}`;
+    this.chips.now.textContent = words.word;
+    const before = base ? base.words(this.device) : words;
+    this.chips.base.className = `chip ${before.state}`;
+    this.chips.base.title = `in force: ${before.word}`;
+    this.chips.base.setAttribute('aria-label', this.chips.base.title);
     this.item.classList.toggle('changed', hasChanged(this.device, now, base));
     this.reason.textContent = words.reason;
     const vendor = this.page.vendorName(this.device.vendor);
@@ -96,7 +99,8 @@ class Row {
     this.actions.dataset.key = key;
     this.actions.replaceChildren(
       ...remedies.map((remedy) => element('button', { type: 'button', className: 'remedy',
-        title: 'Add to the rules', onclick: () => this.page.addRules(remedy) }, remedy)),
+        title: remedy, onclick: () => this.page.addRules(remedy) },
+        rulesIn(remedy).map(labelOf).join(', '))),
       ...lines.map((line) => element('button', { type: 'button', className: 'link',
         onclick: () => this.page.goTo(line) }, `line ${line}`)));
   }
@@ -200,6 +204,7 @@ export class Bench {
   summary() {
     if (!this.#judgements) return '';
     const { now, base } = this.#judgements;
+    if (!now.accepted) return 'no answers: a device would not take this file';
     const count = (test) => this.devices.filter(test).length;
     const of = (state) => count((device) => now.words(device).state === state);
     const parts = [`${of('allowed')} allowed`, `${of('refused')} refused`];

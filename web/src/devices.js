@@ -150,8 +150,9 @@ export const idsText = ({ vendor, product }) => vendor === UNKNOWN
 export const decimalIdsText = ({ vendor, product }) => vendor === UNKNOWN
   ? '' : `${vendor}:${product}`;
 
+export const shortName = (name) => name.replace(/^(USB_CLASS|AINPUT_SOURCE)_/, '');
+
 export function classesText({ classes }, namesByCode) {
   const names = classes.map((code) => namesByCode.get(code) ?? `0x${hex(code, 2)}`);
-  return [...new Set(names)].map((name) => name.replace(/^(USB_CLASS|AINPUT_SOURCE)_/, ''))
-    .join(', ');
+  return [...new Set(names)].map(shortName).join(', ');
 }

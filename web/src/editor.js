@@ -158,13 +158,14 @@ export class Editor {
       : []);
   }
 
-  /** `findings` have line, severity and message; those without a line are not shown here. */
+  /** Marks findings (line, severity, message, cure); those without a line are not shown here. */
   show(findings) {
     const { doc } = this;
     const marks = findings.filter(({ line }) => line > 0 && line <= doc.lines)
-      .slice(0, MOST_MARKS).map(({ line, severity, message }) => {
+      .slice(0, MOST_MARKS).map(({ line, severity, message, cure }) => {
         const { from, to, text } = doc.line(line);
-        return { from: from + text.search(/\S|$/), to, severity, message };
+        return { from: from + text.search(/\S|$/), to, severity,
+          message: cure ? `${message}: ${cure}` : message };
       });
     this.view.dispatch(setDiagnostics(this.view.state, marks));
   }

@@ -2,7 +2,7 @@
 import { nextDiagnostic } from '@codemirror/lint';
 
 import { Bench, Judgement } from './bench.js';
-import { parseDevices, parseId, READY_MADE } from './devices.js';
+import { parseDevices, parseId, READY_MADE, shortName } from './devices.js';
 import { byId, element } from './dom.js';
 import { Editor } from './editor.js';
 import { Engine } from './engine.js';
@@ -192,27 +192,28 @@ function drawReport({ verdict, status, line, warnings }) {
   const spoken = [what, status, lineText, plural(warnings.length, 'warning')].filter(Boolean).join(', ');
   if (byId('spoken').textContent !== spoken) byId('spoken').textContent = spoken;
 
-  const marks = warnings.map(({ line: at, message, cure }) =>
-    ({ line: at, severity: 'warning', message: cure ? `${message}: ${cure}` : message }));
-  if (verdict !== 'accepted') marks.push({ line, severity: 'error', message: `${what}: ${status}` });
-  editor.show(marks.sort((a, b) => a.line - b.line));
-  drawFindings(warnings);
+  const findings = warnings.map((warning) => ({ ...warning, severity: 'warning' }));
+  if (verdict !== 'accepted') {
+    findings.unshift({ line, severity: 'error', message: `${what}: ${status}`, cure: '' });
+  }
+  editor.show(findings);
+  drawFindings(findings);
 }
 
 let drawnFindings = '';
-function drawFindings(warnings) {
-  byId('finding-count').textContent = warnings.length;
-  const listed = warnings.slice(0, MOST_FINDINGS);
-  const key = JSON.stringify([listed, warnings.length]);
+function drawFindings(findings) {
+  byId('finding-count').textContent = findings.length;
+  const listed = findings.slice(0, MOST_FINDINGS);
+  const key = JSON.stringify([listed, findings.length]);
   if (key === drawnFindings) return;
   drawnFindings = key;
-  const items = listed.map(({ line, message, cure }) => element('button',
-    { type: 'button', onclick: () => editor.goTo(line) },
+  const items = listed.map(({ line, severity, message, cure }) => element('button',
+    { type: 'button', className: severity, onclick: () => editor.goTo(line) },
     element('span', { className: 'at' }, line > 0 ? `line ${line}` : 'file'),
     element('span', {}, visible(message),
       cure ? element('span', { className: 'cure' }, ` – ${visible(cure)}`) : null)));
-  if (warnings.length > listed.length) {
-    items.push(element('p', { className: 'none' }, `and ${warnings.length - listed.length} more`));
+  if (findings.length > listed.length) {
+    items.push(element('p', { className: 'none' }, `and ${findings.length - listed.length} more`));
   }
   if (items.length === 0) {
     items.push(element('p', { className: 'none' }, 'None: the file says what it seems to say.'));
@@ -306,7 +307,7 @@ function drawOwnClasses() {
     element('legend', {}, isUsb ? 'Classes of its interfaces' : 'What it is'),
     ...rows.map(({ name, code }) => element('label', {},
       element('input', { type: 'checkbox', name: 'class', value: code }),
-      name.replace(/^(USB_CLASS|AINPUT_SOURCE)_/, ''))));
+      shortName(name))));
   byId('own-hid-label').hidden = byId('own-other-label').hidden = !isUsb;
 }
 
