@@ -50,10 +50,11 @@ class Row {
     this.reason = element('span', { className: 'reason' });
     this.vendor = element('span');
     this.more = element('button', { className: 'more', type: 'button', 'aria-expanded': 'false' },
-      element('span', { className: 'device-name' }, device.name), ' ',
-      element('span', { className: 'device-ids', title: decimalIdsText(device) }, idsText(device)),
-      element('span', { className: 'facts' }, ' · ', classesText(device, page.namesByCode),
-        device.vendorHid ? ' (vendor-specific)' : '', this.vendor),
+      element('span', { className: 'headline' },
+        element('span', { className: 'device-name' }, device.name), ' ',
+        element('span', { className: 'device-ids', title: decimalIdsText(device) }, idsText(device)),
+        element('span', { className: 'facts' }, ' · ', classesText(device, page.namesByCode),
+          device.vendorHid ? ' (vendor-specific)' : '', this.vendor)),
       this.reason);
     this.remove = element('button',
       { className: 'remove', type: 'button', 'aria-label': `Remove ${device.name}`, title: 'Remove' },
