@@ -222,6 +222,26 @@ void IPCThreadState::joinThreadPool(bool isMain) {
     }
 }
 
+// For a thread that waits for other things too: it serves the driver when the descriptor is
+// readable.
+
+status_t IPCThreadState::setupPolling(int* fd) {
+    mOut.writeUint32(BC_ENTER_LOOPER);
+    flushCommands();
+    *fd = mProcess->mDriverFD;
+    return OK;
+}
+
+status_t IPCThreadState::handlePolledCommands() {
+    status_t status;
+    do {
+        status = getAndExecuteCommand();
+    } while (status == OK && mIn.dataAvail() > 0);
+    processPendingDerefs();
+    flushCommands();
+    return status;
+}
+
 status_t IPCThreadState::executeCommand(int32_t command) {
     const auto cmd = static_cast<uint32_t>(command);
     switch (cmd) {

@@ -1,6 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <android-base/strings.h>
+#include <pty.h>
 #include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <memory>
 #include <string>
 
 #include "device_test.h"
@@ -9,20 +14,37 @@
 namespace android::kus {
 namespace {
 
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 constexpr char kStick[] = "--vendor 2385 --product 5734 --storage";
 
 class KusctlTest : public DeviceTest {};
 
+/** What a shell command prints where its output is a terminal. */
+std::string onTerminal(const char* command) {
+    int terminal;
+    const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (child == 0) execlp("sh", "sh", "-c", command, nullptr);
+    EXPECT_GT(child, 0);
+    std::string output;
+    for (char c; read(terminal, &c, 1) == 1;) output += c;
+    close(terminal);
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    return base::Trim(output);
+}
+
 TEST_F(KusctlTest, ListsWhatIsRecordedAndWhy) {
     setRules("blacklist", "<vid vendorid=\"2385\"/>");
     const Plugged stick("stick", kStick);
     EXPECT_EQ(stick.decision().status, 0);
-    const std::string json = shell("kusctl list --json");
-    EXPECT_THAT(json, HasSubstr("\"Blacklisted: Match by VID, VID : 2385\""));
-    EXPECT_THAT(json, HasSubstr("USB_CLASS_MASS_STORAGE"));
+    const std::string json = shell("kusctl list --json | grep stick");
+    EXPECT_THAT(json, AllOf(StartsWith("{\"allowed\": false,"), EndsWith("\"vendor\": 2385}"),
+                            HasSubstr("\"Blacklisted: Match by VID, VID : 2385\"")));
     EXPECT_THAT(shell("kusctl list | cat"), HasSubstr("stick\t2385:5734"));
     EXPECT_THAT(shell("kusctl dump"), HasSubstr("Device name : stick"));
     EXPECT_THAT(shell("kusctl dump topology"), HasSubstr("Interface name : " + stick.entry()));
@@ -30,10 +52,30 @@ TEST_F(KusctlTest, ListsWhatIsRecordedAndWhy) {
                 StartsWith("refused: Blacklisted: Match by VID, VID : 2385"));
 }
 
+TEST_F(KusctlTest, ColoursTheDecisionAloneOnATerminal) {
+    setRules("blacklist", "<vid vendorid=\"2385\"/>");
+    const Plugged stick("refused", kStick), serial("allowed", "--vendor 1155 --product 1 --serial");
+    stick.decision();
+    serial.decision();
+    // Of each line the place and the text of what is coloured, and the rest of that column.
+    std::vector<std::string> coloured;
+    size_t column = 0;
+    for (const std::string& line : base::Split(onTerminal("kusctl list"), "\n")) {
+        if (column == 0) column = line.find("STATUS");
+        coloured.push_back(line.substr(column, line.find_last_of('\033') + 4 - column));
+        EXPECT_EQ(line.find('\033'), line[column] == '\033' ? column : std::string::npos) << line;
+    }
+    const std::string red = "\033[31mrefused\033[0m", green = "\033[32mallowed\033[0m";
+    EXPECT_THAT(coloured, ElementsAre(StartsWith("STATUS"), green, red, green));
+    EXPECT_THAT(onTerminal("NO_COLOR= kusctl list"), Not(HasSubstr("\033")));
+}
+
 TEST_F(KusctlTest, GeneratesRulesThatAllowWhatIsAttached) {
-    const Plugged stick("stick", kStick), serial("serial", "--vendor 1155 --product 1 --serial");
+    const Plugged stick("stick", kStick), serial("serial", "--vendor 1155 --product 1 --serial"),
+        keyboard("a--keyboard-", "--vendor 1241 --product 5635 --keyboard");
     EXPECT_EQ(stick.decision().status, 1);
     EXPECT_EQ(serial.decision().status, 1);
+    EXPECT_TRUE(eventually([] { return recorded("Virtual a--keyboard-").status == 1; }));
     shell("kusctl generate >/tmp/generated.xml && kusctl lint /tmp/generated.xml");
     RoleWatch roles;
     shell(std::string("cat /tmp/generated.xml >") +
@@ -41,33 +83,82 @@ TEST_F(KusctlTest, GeneratesRulesThatAllowWhatIsAttached) {
     EXPECT_EQ(roles.writes(4), oneToggle());
     EXPECT_THAT(stick.decision().reason, StartsWith("Whitelisted: Match by VID_PID"));
     EXPECT_THAT(serial.decision().reason, StartsWith("Whitelisted: Match by VID_PID"));
+    EXPECT_TRUE(eventually([] {
+        return recorded("Virtual a--keyboard-").reason ==
+               "Whitelisted: Match by VID_PID combination, VID : 1241 PID: 5635";
+    }));
     EXPECT_FALSE(isAllowed({8}));
+
+    const std::string only = " --only " + std::to_string(stick.id());
+    EXPECT_THAT(shell("kusctl generate" + only), AllOf(HasSubstr("5734"), Not(HasSubstr("1155"))));
+    EXPECT_THAT(shell("kusctl generate --mode blacklist"), Not(HasSubstr("1241")));
+    EXPECT_THAT(shell("kusctl generate --mode blacklist --include-input"), HasSubstr("1241"));
+    EXPECT_EQ(shell("kusctl generate --only 7 2>/dev/null; echo $?"), "1");
 }
 
-TEST_F(KusctlTest, WatchesAcrossTheDaemonsDeath) {
-    Process watch({"kusctl", "watch", "--json"});
-    const auto plugAndUnplug = [&] {
+class WatchTest : public KusctlTest {
+  protected:
+    /** Runs until it is registered, its two outputs in one. */
+    static std::unique_ptr<Process> watch(const std::string& options) {
+        auto watch = std::make_unique<Process>(
+            std::vector<std::string>{"sh", "-c", "exec kusctl watch " + options + " 2>&1"});
+        EXPECT_EQ(watch->line(), "kusctl watch: registered");
+        return watch;
+    }
+
+    static void plugAndUnplug() { const Plugged stick("stick", kStick); }
+};
+
+TEST_F(WatchTest, TellsWhatCameBeforeTheDaemonsDeathAndGoesOn) {
+    const auto watched = watch("--json");
+    watched->kill(SIGSTOP);
+    {
         const Plugged stick("stick", kStick);
-        EXPECT_THAT(watch.line(), HasSubstr("\"stick\""));
-    };
-    plugAndUnplug();
-    EXPECT_THAT(watch.line(), HasSubstr("\"stick\"")) << "the removal";
+        stick.decision();
+    }
+    EXPECT_TRUE(eventually([] { return recorded("stick").deviceId == 0; }));
     kill(daemonPid(), SIGKILL);
     awaitDaemon();
-    // Devices that stayed are decided again, and told, before it has registered or after.
-    EXPECT_TRUE(eventually([&] {
-        const Plugged stick("again", kStick);
-        for (std::string line; !(line = watch.line(2000)).empty();) {
-            if (line.find("\"again\"") != std::string::npos) return true;
-        }
-        return false;
-    }));
+    watched->kill(SIGCONT);
+    for (const char* event : {"added", "removed", "service-died", "service-back"}) {
+        EXPECT_THAT(watched->line(), HasSubstr("\"event\": \"" + std::string(event) + "\""));
+    }
+    plugAndUnplug();
+    EXPECT_THAT(watched->line(), HasSubstr("\"stick\""));
+}
+
+TEST_F(WatchTest, RunsACommandForEachEventInTurn) {
+    shell(
+        "echo '#!/bin/sh\necho $KUS_EVENT $KUS_NAME $KUS_VENDOR $KUS_ALLOWED $KUS_CLASSES\n"
+        "[ $KUS_EVENT = added ] && sleep 1 || exit 3' >/tmp/told; chmod +x /tmp/told");
+    const auto watched = watch("--exec /tmp/told");
+    plugAndUnplug();
+    EXPECT_EQ(watched->line(), "added stick 2385 true USB_CLASS_MASS_STORAGE");
+    EXPECT_EQ(watched->line(), "removed stick 2385 USB_CLASS_MASS_STORAGE");
+    EXPECT_EQ(watched->line(), "kusctl watch: /tmp/told ended with status 3");
+    const auto once = watch("--once --exec /bin/false");
+    plugAndUnplug();
+    EXPECT_EQ(once->exitStatus(), 1);
+}
+
+TEST_F(WatchTest, EndsAfterOneDeviceOrWithItsReaderOrWithTheServiceManager) {
+    const auto once = watch("--once"), longer = watch("");
+    plugAndUnplug();
+    EXPECT_THAT(once->line(), StartsWith("added"));
+    EXPECT_EQ(once->line(), "");
+    EXPECT_EQ(once->exitStatus(), 0);
+    shell("(timeout 20 kusctl watch; echo $? >/tmp/status) | true");
+    EXPECT_EQ(contentOf("/tmp/status"), "1") << "not ended by itself";
+    kill(stoi(shell("services pid servicemanager")), SIGKILL);
+    EXPECT_EQ(longer->exitStatus(), 1);
+    // Not asked by this process, which would lose the service manager for good.
+    EXPECT_TRUE(eventually([] { return shell("kusctl list >&2; echo $?") == "0"; }));
 }
 
 TEST_F(KusctlTest, SaysWhatToDoWithoutAService) {
     shell("services stop kusd");
     EXPECT_EQ(shell("kusctl list 2>/tmp/error; echo $?"), "1");
-    EXPECT_THAT(contentOf("/tmp/error"), HasSubstr("kusbservice"));
+    EXPECT_THAT(contentOf("/tmp/error"), HasSubstr("'services start kusd' in the virtual device"));
     shell("services start kusd");
     awaitDaemon();
 }

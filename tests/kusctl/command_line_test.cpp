@@ -8,7 +8,8 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
-const char* const kCommands[] = {"list", "watch", "check", "lint", "generate", "reset", "dump"};
+const char* const kCommands[] = {"list", "watch",    "check", "diff", "lint",
+                                 "find", "generate", "reset", "dump"};
 
 class CommandTest : public testing::TestWithParam<const char*> {};
 
@@ -76,10 +77,27 @@ INSTANTIATE_TEST_SUITE_P(
                 "'default' is no mode: give whitelist or blacklist"},
         Mistake{{"lint"}, "kusctl lint", "no rules file given"},
         Mistake{{"lint", "--json"}, "kusctl lint", "no rules file given"},
-        Mistake{{"check"}, "kusctl check", "give --vendor, --product and --class, or --input"},
+        Mistake{{"diff", "a.xml"}, "kusctl diff", "give two rules files: OLD and NEW"},
+        Mistake{{"find"}, "kusctl find", "no word of a vendor's or product's name given"},
+        Mistake{{"check", "--devices", "-", "--verbose"},
+                "kusctl check",
+                "--devices stands alone: only --rules and --json go with it"},
+        Mistake{{"lint", "a.xml", "-xy"}, "kusctl lint", "option -x is not known"},
+        Mistake{{"lint", "--json", "-j"}, "kusctl lint", "option -j is not known"},
+        Mistake{{"list", "--json=yes"}, "kusctl list", "option --json takes no value"},
+        Mistake{{"check", "--ve"}, "kusctl check", "option --ve is ambiguous"},
+        Mistake{{"generate", "--only", "stick"},
+                "kusctl generate",
+                "'stick' is no device id: see 'kusctl list'"},
+        Mistake{{"watch", "--json", "--exec", "/bin/true"},
+                "kusctl watch",
+                "give --json or --exec, not both"},
+        Mistake{{"check"},
+                "kusctl check",
+                "give --vendor, --product and --class, or --input, or --devices"},
         Mistake{{"check", "--vendor", "1", "--product", "2"},
                 "kusctl check",
-                "give --vendor, --product and --class, or --input"},
+                "give --vendor, --product and --class, or --input, or --devices"},
         Mistake{{"check", "--vendor", "046d"},
                 "kusctl check",
                 "vendor '046d' is no number from 0 to 65535 (0x... when hexadecimal)"},

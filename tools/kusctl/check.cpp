@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/parseint.h>
 #include <android-base/strings.h>
+#include <stdio.h>
+#include <unistd.h>
 
 #include "kusctl.h"
 #include "util/Util.h"
@@ -12,6 +14,7 @@ namespace {
 constexpr char kHelp[] =
     R"(usage: kusctl check [OPTION]... --vendor V --product P --class C[,C...]
        kusctl check [OPTION]... [--vendor V --product P] --input SOURCE[,SOURCE...]
+       kusctl check [OPTION]... --devices FILE
 
 Tells whether the rules would allow a USB device with these interface classes, or an input device
 with these sources, and why. The daemon's own code decides; nothing is recorded or written, and no
@@ -23,9 +26,16 @@ daemon has to run. Exit status: 0 allowed, 1 refused or failed, 2 wrong use.
   --class C      class of each interface of the device: USB_CLASS_MASS_STORAGE, mass_storage,
                  8 or 0x08
   --input SOURCE what an input device is: AINPUT_SOURCE_KEYBOARD, keyboard or 0x100
+  --devices FILE decides on devices, JSON objects, one a line, as 'kusctl list' and 'kusctl watch'
+                 print them; "-" for the standard input
   --vendor-hid   the device has a vendor-specific HID interface
   --verbose      prints the daemon's log lines of the decision to standard error
   --json         prints an object instead of text
+
+With --devices it prints a line for each device, in their order: answer, VENDOR:PRODUCT, name and
+reason, with tabs between them; in JSON an object with "allowed", "device" as it came, and "reason".
+A line that is no device is reported with its number and left out. The exit status is then 0 when
+every line was a device, allowed or not.
 
 What it cannot know: whether a USB device with no interface but HID is a vendor-specific HID (the
 daemon asks the kernel; say it with --vendor-hid) or is left to the input subsystem; whether
@@ -33,7 +43,17 @@ ro.config.device.kus_automation, which allows every device, is set; and whether 
 taken these rules.
 )";
 
-enum Option { kRules = 1, kVendor, kProduct, kClass, kInput, kVendorHid, kVerbose, kJson };
+enum Option {
+    kRules = 1,
+    kVendor,
+    kProduct,
+    kClass,
+    kInput,
+    kDevices,
+    kVendorHid,
+    kVerbose,
+    kJson
+};
 
 constexpr uint32_t kMaxId = 0xFFFF;
 constexpr int32_t kMaxUsbClass = 0xFF;
@@ -43,6 +63,8 @@ constexpr char kInputSourcePrefix[] = "AINPUT_SOURCE_";
 struct Question {
     std::string rules = configFilePath;
     Device device;
+    /** Path of a list to decide on instead of the device, or empty. */
+    std::string devices;
     bool verbose = false;
     bool json = false;
 };
@@ -87,6 +109,7 @@ Question parseArguments(int argc, char** argv) {
                                          {"product", required_argument, nullptr, kProduct},
                                          {"class", required_argument, nullptr, kClass},
                                          {"input", required_argument, nullptr, kInput},
+                                         {"devices", required_argument, nullptr, kDevices},
                                          {"vendor-hid", no_argument, nullptr, kVendorHid},
                                          {"verbose", no_argument, nullptr, kVerbose},
                                          {"json", no_argument, nullptr, kJson}};
@@ -114,6 +137,9 @@ Question parseArguments(int argc, char** argv) {
                     device.deviceClass |= code;
                 }
                 break;
+            case kDevices:
+                question.devices = optarg;
+                break;
             case kVendorHid:
                 device.vendorHid = true;
                 break;
@@ -132,28 +158,20 @@ Question parseArguments(int argc, char** argv) {
 void expectComplete(const Question& question) {
     const Device& device = question.device;
     const bool vendor = device.vendorId != kUnknownId, product = device.productId != kUnknownId;
+    if (!question.devices.empty()) {
+        if (vendor || product || device.deviceType != 0 || !device.interfaceClassList.empty() ||
+            device.vendorHid || question.verbose) {
+            wrongUse("--devices stands alone: only --rules and --json go with it");
+        }
+        return;
+    }
     if (device.deviceType != 0) {
         if (!device.interfaceClassList.empty()) wrongUse("give --class or --input, not both");
         if (device.vendorHid) wrongUse("--vendor-hid is about a USB device, --input is not");
         if (vendor != product) wrongUse("give --vendor and --product together");
     } else if (!vendor || !product || device.interfaceClassList.empty()) {
-        wrongUse("give --vendor, --product and --class, or --input");
+        wrongUse("give --vendor, --product and --class, or --input, or --devices");
     }
-}
-
-Rules loadRules(const std::string& path) {
-    std::string text;
-    if (const std::string reason = readRulesFile(path, &text); !reason.empty()) {
-        fail(path + ": " + reason);
-    }
-    const Verdict verdict = judgeText(text);
-    if (verdict.outcome != Verdict::Outcome::kAccepted) {
-        fail(path + ": the device would not take these rules: " + verdict.status +
-             " (see 'kusctl lint " + path + "')");
-    }
-    Rules rules;
-    rules.parse(text);
-    return rules;
 }
 
 std::string reasonText(const Answer& answer) {
@@ -182,10 +200,33 @@ void printAsJson(const Question& question, const std::string& mode, const Answer
     puts(jsonText(value).c_str());
 }
 
+void printLine(const DeviceLine& line, bool allowed, const std::string& reason, bool json) {
+    if (json) {
+        // What the reason is made of needs no escapes.
+        printf("{\"allowed\": %s,\"device\": %.*s,\"reason\": \"%s\"}\n",
+               allowed ? "true" : "false", static_cast<int>(line.json.size()), line.json.data(),
+               reason.c_str());
+    } else {
+        printf("%s\t%d:%d\t%s\t%s\n", allowed ? "allowed" : "refused", line.device.vendorId,
+               line.device.productId, printable(unescaped(line.name)).c_str(), reason.c_str());
+    }
+}
+
+int checkDevices(Rules* rules, const std::string& path, bool json) {
+    std::string reason;
+    const DeviceCounts counts =
+        forEachDevice(path, /*showProgress=*/!isatty(STDOUT_FILENO), [&](const DeviceLine& line) {
+            const bool allowed = rules->allows(line.device, &reason);
+            printLine(line, allowed, reason, json);
+        });
+    return counts.others == 0 ? kYes : kNoOrFailed;
+}
+
 int run(int argc, char** argv) {
     const Question question = parseArguments(argc, argv);
     expectComplete(question);
     Rules rules = loadRules(question.rules);
+    if (!question.devices.empty()) return checkDevices(&rules, question.devices, question.json);
     if (question.verbose) {
         for (const std::string& line : rules.trace(question.device)) {
             fprintf(stderr, "%s\n", line.c_str());
@@ -201,6 +242,21 @@ int run(int argc, char** argv) {
 }
 
 }  // namespace
+
+Rules loadRules(const std::string& path) {
+    std::string text;
+    if (const std::string reason = readRulesFile(path, &text); !reason.empty()) {
+        fail(path + ": " + reason);
+    }
+    const Verdict verdict = judgeText(text);
+    if (verdict.outcome != Verdict::Outcome::kAccepted) {
+        fail(path + ": the device would not take these rules: " + verdict.status +
+             " (see 'kusctl lint " + path + "')");
+    }
+    Rules rules;
+    rules.parse(text);
+    return rules;
+}
 
 const Command kCheckCommand = {"check", "would a device be allowed, and why", kHelp, run};
 

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <android-base/strings.h>
 #include <stdio.h>
 #include <stdlib.h>
+
+#include <algorithm>
 
 #include "kusctl.h"
 
@@ -11,6 +14,19 @@ const Command* running = nullptr;
 
 std::string programName() {
     return running == nullptr ? "kusctl" : std::string("kusctl ") + running->name;
+}
+
+/** Which option getopt_long refused, and why. `last` is the last argument that it is done with. */
+std::string refusal(const std::string& last, const std::vector<option>& options) {
+    const std::string name = last.substr(0, last.find('='));
+    const int candidates = std::count_if(options.begin(), options.end(), [&](const option& known) {
+        return base::StartsWith(std::string("--") + known.name, name);
+    });
+    // An option's value where it got an argument that it does not take.
+    if (optopt == 0) return last + (candidates > 1 ? " is ambiguous" : " is not known");
+    if (candidates > 0 && name != last) return name + " takes no value";
+    // Of a cluster of letters, which may not be done with.
+    return std::string("-") + static_cast<char>(optopt) + " is not known";
 }
 
 }  // namespace
@@ -26,7 +42,8 @@ int nextOption(int argc, char** argv, const std::vector<option>& options) {
         exit(kYes);
     }
     if (found == ':') wrongUse(std::string("option ") + argv[optind - 1] + " needs a value");
-    if (found == '?') wrongUse(std::string("option ") + argv[optind - 1] + " is not known");
+    known.pop_back();
+    if (found == '?') wrongUse("option " + refusal(argv[optind - 1], known));
     return found;
 }
 

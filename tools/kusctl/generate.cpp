@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <android-base/parseint.h>
 #include <android-base/strings.h>
 
 #include <map>
@@ -9,47 +10,39 @@
 namespace android::kus {
 namespace {
 
-constexpr char kHelp[] = R"(usage: kusctl generate [--mode whitelist|blacklist]
+constexpr char kHelp[] =
+    R"(usage: kusctl generate [--mode whitelist|blacklist] [--include-input] [--only ID]...
 
-Prints a rules file that names each USB device that is recorded now, by vendor and product, with a
+Prints a rules file that names each device that is recorded now, by vendor and product, with a
 comment that tells which one it is and how it was decided on. The usual way to start a policy:
-attach the devices in question, run this, and strike out what does not belong.
+attach the devices in question, run this, and strike out what does not belong. 'kusctl apply' puts
+the file in place.
 
-  --mode MODE  the mode of the rules file (whitelist)
-
-Input devices, keyboards and mice included, are not named: a whitelist allows them with a rule like
-<class>AINPUT_SOURCE_KEYBOARD</class>.
+  --mode MODE      the mode of the rules file (whitelist)
+  --include-input  names input devices in a blacklist, too: it would block these keyboards and mice.
+                   A whitelist, which blocks those that it does not name, names them anyway
+  --only ID        names this device alone, by its id in 'kusctl list'; may be repeated
 )";
+
+enum Option { kMode = 1, kIncludeInput, kOnly };
 
 /** Vendor id to product id to the comments on the devices of that kind. */
 using Vendors = std::map<int32_t, std::map<int32_t, std::set<std::string>>>;
 
-// XML knows no escapes in a comment, no "--", and no "-" at its end.
-std::string commentText(const DeviceInfo& device) {
-    std::string text = printable(device.deviceName) + ": " +
-                       base::Join(classNames(toDevice(device)), ", ") +
-                       (device.status != 0 ? ", allowed" : ", refused");
-    while (text.find("--") != std::string::npos)
-        text = base::StringReplace(text, "--", "- -", true);
-    return text;
+std::string describe(const DeviceInfo& device) {
+    return device.deviceName + ": " + base::Join(classNames(toDevice(device)), ", ") +
+           (device.status != 0 ? ", allowed" : ", refused");
 }
 
 Vendors byVendor(const std::vector<DeviceInfo>& devices) {
     Vendors vendors;
-    int inputDevices = 0;
     for (const DeviceInfo& device : devices) {
-        if (device.deviceType != 0) {
-            ++inputDevices;
-        } else if (device.vendorId < 0 || device.productId < 0) {
+        if (device.vendorId < 0 || device.productId < 0) {
             note("left out: device " + std::to_string(device.deviceId) +
                  " has an id that a rule cannot name");
         } else {
-            vendors[device.vendorId][device.productId].insert(commentText(device));
+            vendors[device.vendorId][device.productId].insert(commentText(describe(device)));
         }
-    }
-    if (inputDevices > 0) {
-        note("input devices are left out (" + std::to_string(inputDevices) +
-             "): they need class rules of their own");
     }
     return vendors;
 }
@@ -67,25 +60,63 @@ void printRules(const std::string& mode, const Vendors& vendors) {
     puts("</usbconfig>");
 }
 
-int run(int argc, char** argv) {
+struct Options {
     std::string mode = "whitelist";
-    while (nextOption(argc, argv, {{"mode", required_argument, nullptr, 'm'}}) != -1) mode = optarg;
-    if (mode != "whitelist" && mode != "blacklist") {
-        wrongUse("'" + mode + "' is no mode: give whitelist or blacklist");
+    bool includeInput = false;
+    std::set<int32_t> only;
+};
+
+Options parseArguments(int argc, char** argv) {
+    Options options;
+    const std::vector<option> known = {{"mode", required_argument, nullptr, kMode},
+                                       {"include-input", no_argument, nullptr, kIncludeInput},
+                                       {"only", required_argument, nullptr, kOnly}};
+    for (int found, id; (found = nextOption(argc, argv, known)) != -1;) {
+        if (found == kMode) options.mode = optarg;
+        if (found == kIncludeInput) options.includeInput = true;
+        if (found != kOnly) continue;
+        if (!base::ParseInt(optarg, &id)) {
+            wrongUse(std::string("'") + optarg + "' is no device id: see 'kusctl list'");
+        }
+        options.only.insert(id);
     }
     expectNoArguments(argc, argv);
+    if (options.mode != "whitelist" && options.mode != "blacklist") {
+        wrongUse("'" + options.mode + "' is no mode: give whitelist or blacklist");
+    }
+    return options;
+}
 
+std::vector<DeviceInfo> select(const std::vector<DeviceInfo>& devices, const Options& options) {
+    std::vector<DeviceInfo> selected;
+    std::set<int32_t> missing = options.only;
+    for (const DeviceInfo& device : devices) {
+        missing.erase(device.deviceId);
+        const bool wanted =
+            options.only.empty()
+                ? device.deviceType == 0 || options.mode == "whitelist" || options.includeInput
+                : options.only.count(device.deviceId) != 0;
+        if (wanted) selected.push_back(device);
+    }
+    if (!missing.empty()) {
+        fail("no device " + std::to_string(*missing.begin()) + " is recorded: see 'kusctl list'");
+    }
+    return selected;
+}
+
+int run(int argc, char** argv) {
+    const Options options = parseArguments(argc, argv);
     std::vector<DeviceInfo> devices;
     expectOk(connectToService()->getDeviceList(&devices));
-    const Vendors vendors = byVendor(devices);
-    if (vendors.empty()) fail("no USB device is recorded: attach the devices to be named first");
-    printRules(mode, vendors);
+    const Vendors vendors = byVendor(select(devices, options));
+    if (vendors.empty()) fail("no such device is recorded: attach the devices to be named first");
+    printRules(options.mode, vendors);
     return kYes;
 }
 
 }  // namespace
 
-const Command kGenerateCommand = {"generate", "a rules file that names the recorded USB devices",
-                                  kHelp, run};
+const Command kGenerateCommand = {"generate", "a rules file that names the recorded devices", kHelp,
+                                  run};
 
 }  // namespace android::kus

@@ -6,7 +6,9 @@
 #include <getopt.h>
 #include <json/json.h>
 
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "policy.h"
@@ -25,8 +27,8 @@ struct Command {
     int (*run)(int argc, char** argv);
 };
 
-extern const Command kCheckCommand, kDumpCommand, kGenerateCommand, kLintCommand, kListCommand,
-    kResetCommand, kWatchCommand;
+extern const Command kCheckCommand, kDiffCommand, kDumpCommand, kFindCommand, kGenerateCommand,
+    kLintCommand, kListCommand, kResetCommand, kWatchCommand;
 
 // The command line: command_line.cpp
 
@@ -48,13 +50,15 @@ void note(const std::string& message);
 
 /** Ends the program where the service, or binder itself, cannot be reached. */
 sp<IKUsbService> connectToService();
-/** Waits for as long as it takes. */
-sp<IKUsbService> waitForService();
+/** Null where it is not there. Ends the program where the service manager has died. */
+sp<IKUsbService> findService();
 /** Ends the program when a call did not reach the service. */
 void expectOk(const binder::Status& status);
 
 // Texts: text.cpp
 
+/** printable, for an XML comment. */
+std::string commentText(const std::string& text);
 /** Control characters and bytes that are no UTF-8 as \n, \t, \r or \xNN. */
 std::string printable(const std::string& text);
 /** What a decision looks at in the service's record. */
@@ -67,11 +71,44 @@ Json::Value recordToJson(const DeviceInfo& device);
 /** On one line when `indentation` is empty. What is no UTF-8 is replaced. */
 std::string jsonText(const Json::Value& value, const std::string& indentation = "  ");
 
+/**
+ * From the public list of USB ids, printable; empty where it is not known or the list is not there.
+ * The name of a vendor where `product` is kUnknownId.
+ */
+std::string usbName(int32_t vendor, int32_t product);
+
 // Rules files: verdict.cpp
 
 /** Returns why a path cannot be read as a rules file, or an empty text. */
 std::string readRulesFile(const std::string& path, std::string* text);
 /** Parses in a child process, because some texts end the process that reads them. */
 Verdict judgeText(const std::string& text);
+/** Ends the program where the device would not take the rules. */
+Rules loadRules(const std::string& path);
+
+// Devices as 'list' and 'watch' print them in JSON, one a line: device_lines.cpp
+
+struct DeviceLine {
+    Device device;
+    /** The device's JSON object as it stands in the line. */
+    std::string_view json;
+    /** With the escapes of JSON: see unescaped. */
+    std::string_view name;
+};
+
+struct DeviceCounts {
+    uint64_t devices;
+    /** Lines that are no device; each has had a note. */
+    uint64_t others;
+};
+
+/**
+ * Gives out the devices of a file, or of the standard input where `path` is "-". Keeps one line at
+ * a time. What 'watch' tells of a device that goes away is passed over. Ends the program where the
+ * file cannot be read.
+ */
+DeviceCounts forEachDevice(const std::string& path, bool showProgress,
+                           const std::function<void(const DeviceLine&)>& take);
+std::string unescaped(std::string_view text);
 
 }  // namespace android::kus

@@ -14,7 +14,7 @@ constexpr char kHelp[] = R"(usage: kusctl list [--json]
 Lists the devices that the service has decided on and that are still attached: input devices first,
 then USB devices, each by id. Numbers are decimal, as in a rules file.
 
-  --json  prints an array of objects instead of a table
+  --json  prints one object a line instead of a table
 
 CATEGORY is a sum over the device's interfaces (1 network, 2 serial, 4 mass storage, 8 vendor HID)
 and the kernel's names behind it. A keyboard or mouse is recorded as an input device only. Into a
@@ -23,7 +23,7 @@ pipe the columns are separated by tabs.
 
 using Row = std::vector<std::string>;
 
-constexpr size_t kStatusColumn = 5;
+constexpr char kStatus[] = "STATUS";
 
 /** The sum and the names behind it, without those of interfaces that have none. */
 std::string categoryText(const DeviceInfo& device) {
@@ -58,7 +58,7 @@ void printAligned(const std::vector<Row>& rows) {
     for (const Row& row : rows) {
         std::string line;
         for (size_t i = 0; i < row.size(); ++i) {
-            const bool verdict = i == kStatusColumn && &row != &rows[0];
+            const bool verdict = rows[0][i] == kStatus && &row != &rows[0];
             line += verdict ? verdictText(row[i] == "allowed") : row[i];
             if (i + 1 < row.size()) line.append(widths[i] - width(row[i]) + 2, ' ');
         }
@@ -68,7 +68,7 @@ void printAligned(const std::vector<Row>& rows) {
 
 void printTable(const std::vector<DeviceInfo>& devices) {
     std::vector<Row> rows = {
-        {"ID", "KIND", "NAME", "VENDOR:PRODUCT", "CLASSES", "STATUS", "CATEGORY", "REASON"}};
+        {"ID", "KIND", "NAME", "VENDOR:PRODUCT", "CLASSES", kStatus, "CATEGORY", "REASON"}};
     for (const DeviceInfo& device : devices) rows.push_back(toRow(device));
     if (isatty(STDOUT_FILENO)) {
         printAligned(rows);
@@ -85,9 +85,7 @@ int run(int argc, char** argv) {
     std::vector<DeviceInfo> devices;
     expectOk(connectToService()->getDeviceList(&devices));
     if (json) {
-        Json::Value all = Json::arrayValue;
-        for (const DeviceInfo& device : devices) all.append(recordToJson(device));
-        puts(jsonText(all).c_str());
+        for (const DeviceInfo& device : devices) puts(jsonText(recordToJson(device), "").c_str());
     } else {
         printTable(devices);
     }

@@ -9,9 +9,9 @@
 namespace android::kus {
 namespace {
 
-const Command* const kCommands[] = {&kListCommand, &kWatchCommand,    &kCheckCommand,
-                                    &kLintCommand, &kGenerateCommand, &kResetCommand,
-                                    &kDumpCommand};
+const Command* const kCommands[] = {&kListCommand,     &kWatchCommand, &kCheckCommand,
+                                    &kDiffCommand,     &kLintCommand,  &kFindCommand,
+                                    &kGenerateCommand, &kResetCommand, &kDumpCommand};
 
 void printHelp() {
     puts(

@@ -9,20 +9,30 @@ namespace {
 
 const String16 kServiceName("kusbservice");
 
+[[noreturn]] void failAsAbsent(const std::string& what, const std::string& programs) {
+    fail(what + ". It may be restarting: try again in a moment. To start it: 'start " + programs +
+         "' on a phone, 'services start " + programs + "' in the virtual device");
+}
+
 }  // namespace
 
 sp<IKUsbService> connectToService() {
     // Asked first, because defaultServiceManager() waits for a service manager without end.
     if (ProcessState::self()->getContextObject(nullptr) == nullptr) {
-        fail("no service manager is running: start servicemanager, then kusd");
+        failAsAbsent("no service manager is running", "servicemanager kusd");
     }
-    const sp<IBinder> binder = defaultServiceManager()->checkService(kServiceName);
-    if (binder == nullptr) fail("the service kusbservice is not there: start kusd");
-    return interface_cast<IKUsbService>(binder);
+    const sp<IKUsbService> service = findService();
+    if (service == nullptr) failAsAbsent("the service kusbservice is not there", "kusd");
+    return service;
 }
 
-sp<IKUsbService> waitForService() {
-    return interface_cast<IKUsbService>(defaultServiceManager()->waitForService(kServiceName));
+sp<IKUsbService> findService() {
+    const sp<IServiceManager> manager = defaultServiceManager();
+    const sp<IBinder> binder = manager->checkService(kServiceName);
+    if (binder == nullptr && IInterface::asBinder(manager)->pingBinder() != OK) {
+        fail("the service manager died, and with it the way to the service: run this again");
+    }
+    return interface_cast<IKUsbService>(binder);
 }
 
 void expectOk(const binder::Status& status) {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/stringprintf.h>
+#include <android-base/strings.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -68,6 +69,15 @@ std::string printable(const std::string& text) {
             for (const char c : bytes) result += escaped(c);
         }
         at += character.length;
+    }
+    return result;
+}
+
+// XML knows no escapes in a comment, no "--", and no "-" at its end.
+std::string commentText(const std::string& text) {
+    std::string result = printable(text);
+    while (result.find("--") != std::string::npos) {
+        result = base::StringReplace(result, "--", "- -", true);
     }
     return result;
 }

@@ -115,6 +115,12 @@ class Rules {
     /** What the rules' part of the decision logs, line by line. Takes over the process's logger. */
     std::vector<std::string> trace(const Device& device);
 
+    /** True when a rule names single products of the vendor. */
+    bool namesProductsOf(int32_t vendor) const;
+
+    /** A device for each class, vendor and product that a rule names, and one that none does. */
+    std::vector<Device> samples() const;
+
   private:
     class InForce;
 
@@ -133,5 +139,18 @@ class Rules {
     std::map<int32_t, int> classLines_;
     std::map<std::pair<int32_t, int32_t>, int> productLines_;
 };
+
+/** A device that two files decide on differently. */
+struct Change {
+    Device device;
+    Answer before, after;
+};
+
+/**
+ * What `after` decides otherwise, by samples for what either names: a device without ids stands for
+ * any device of its class, one without a product for all products of its vendor that neither
+ * names, and one without either for all that no rule names.
+ */
+std::vector<Change> changesBetween(Rules* before, Rules* after);
 
 }  // namespace android::kus

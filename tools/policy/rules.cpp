@@ -225,6 +225,11 @@ std::vector<int> Rules::linesOf(const Device& device, const std::string& reason)
     return lines;
 }
 
+bool Rules::namesProductsOf(int32_t vendor) const {
+    const auto product = productLines_.upper_bound({vendor, ANY_PRODUCT});
+    return product != productLines_.end() && product->first.first == vendor;
+}
+
 std::vector<std::string> Rules::remediesFor(const Device& device) const {
     std::vector<std::string> remedies;
     std::string classes;
