@@ -122,6 +122,17 @@ TEST_F(CheckTest, DefaultModeAllowsAnyDevice) {
     EXPECT_EQ(check(rules, usb("1", "2", "3")), (Result{1, kLeftToInput, ""}));
 }
 
+TEST_F(CheckTest, WarnsOfAVendorThatMatchesByAnother) {
+    EXPECT_EQ(check("<usbconfig mode=\"whitelist\">\n<vid vendorid=\"5\"><pid>1</pid></vid>\n"
+                    "<vid vendorid=\"6\"/><vid vendorid=\"7\"/></usbconfig>",
+                    usb("5", "2", "8"))
+                  .out,
+              "allowed: Whitelisted: Match by VID, VID : 5\n"
+              "warning: every product of vendor 5 matches, listed or not: vendors 6 (line 3) and 7 "
+              "(line 3), whose ids are greater, are listed without products; list the products of "
+              "vendors 6 and 7, too\n");
+}
+
 TEST_F(CheckTest, TellsTheTrace) {
     Arguments arguments = usb("1155", "22336", "2");
     arguments.push_back("--verbose");
@@ -137,9 +148,11 @@ TEST_F(CheckTest, TellsPrograms) {
     EXPECT_EQ(check(kWhitelist, {"--json", "--input", "mouse"}).out,
               "{\n"
               "  \"allowed\": false,\n"
+              "  \"lines\": [],\n"
               "  \"mode\": \"whitelist\",\n"
               "  \"reason\": \"No matching rule found to Whitelist the device\",\n"
               "  \"rules\": \"rules.xml\",\n"
+              "  \"warnings\": [],\n"
               "  \"wouldBeAllowedBy\": \n"
               "  [\n"
               "    \"<class>AINPUT_SOURCE_MOUSE</class>\"\n"

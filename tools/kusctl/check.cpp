@@ -182,6 +182,9 @@ std::string reasonText(const Answer& answer) {
 
 void printText(const Answer& answer) {
     printf("%s: %s\n", verdictText(answer.allowed).c_str(), reasonText(answer).c_str());
+    for (const Warning& warning : answer.warnings) {
+        printf("warning: %s\n", withCure(warning).c_str());
+    }
     const char* introduction = "would be allowed by:";
     for (const std::string& remedy : answer.remedies) {
         printf("%s %s\n", introduction, remedy.c_str());
@@ -195,6 +198,10 @@ void printAsJson(const Question& question, const std::string& mode, const Answer
     value["mode"] = mode;
     value["reason"] = reasonText(answer);
     value["rules"] = question.rules;
+    value["lines"] = Json::arrayValue;
+    for (const int line : answer.lines) value["lines"].append(line);
+    value["warnings"] = Json::arrayValue;
+    for (const Warning& warning : answer.warnings) value["warnings"].append(withCure(warning));
     value["wouldBeAllowedBy"] = Json::arrayValue;
     for (const std::string& remedy : answer.remedies) value["wouldBeAllowedBy"].append(remedy);
     puts(jsonText(value).c_str());

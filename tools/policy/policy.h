@@ -61,6 +61,8 @@ struct Warning {
     std::string message;
     /** What to do about it; empty where that goes without saying. */
     std::string cure;
+    /** True for what may well be meant. */
+    bool isNote = false;
 };
 
 /** The kind of a warning that names what ends the daemon. */
@@ -68,7 +70,8 @@ inline constexpr char kCrashKind[] = "crash";
 
 /**
  * Looks through a whole rules file, beyond a first error too, and returns the warnings by line. It
- * gives no verdict, and no text ends it. A text that is no well-formed XML has no warnings.
+ * gives no verdict, and no text ends it. Of a text that is no well-formed XML it tells the encoding
+ * at most.
  */
 std::vector<Warning> reviewRules(const std::string& text);
 
@@ -88,6 +91,8 @@ struct Answer {
     std::vector<int> lines;
     /** Elements that would turn a whitelist's refusal, one of which is enough. */
     std::vector<std::string> remedies;
+    /** What reviewRules says of the rule that matched, where that is a surprise. */
+    std::vector<Warning> warnings;
 };
 
 /** The rules of one file. Several may be held at once. */
@@ -126,6 +131,7 @@ class Rules {
 
     void indexLines(const std::string& text);
     std::vector<int> linesOf(const Device& device, const std::string& reason) const;
+    std::vector<Warning> warningsOn(const Device& device, const std::string& reason) const;
     std::vector<std::string> remediesFor(const Device& device) const;
 
     // The daemon's rule tables while other rules are in them: see rule_tables.h.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/parseint.h>
 #include <android-base/strings.h>
+#include <string.h>
 #include <tinyxml2.h>
 
 #include <algorithm>
@@ -8,8 +9,11 @@
 #include <map>
 #include <optional>
 
+#include "markup.h"
 #include "policy.h"
 #include "util/Util.h"
+#include "util/rule_tables.h"
+#include "whole_vendors.h"
 
 namespace android::kus {
 namespace {
@@ -20,6 +24,7 @@ using tinyxml2::XMLElement;
 using tinyxml2::XMLNode;
 
 constexpr uint32_t kMaxUsbId = 0xFFFF;
+constexpr size_t kMostVendorsNamed = 5;
 
 std::string quoted(const std::string& text) { return "'" + text + "'"; }
 
@@ -31,36 +36,43 @@ std::string inLine(int line) { return " (line " + std::to_string(line) + ")"; }
  */
 class RulesReview {
   public:
-    explicit RulesReview(const XMLDocument& document);
+    RulesReview(const std::string& text, const XMLDocument& document);
 
     /** By line. */
     std::vector<Warning> warnings;
 
   private:
+    void reviewEnd(const std::string& text);
     void reviewRoot(const XMLElement& root);
     void reviewRules(const XMLElement& root);
     void reviewClass(const XMLElement& element);
+    void reviewUnknownClass(const XMLElement& element, const std::string& name);
     void reviewVendor(const XMLElement& element);
     void reviewVendorContent(const XMLElement& element, const XMLElement* firstProduct);
     void reviewProduct(const XMLElement& element, std::optional<int32_t> vendor);
     void reviewWholeVendors();
+    void reviewWhitelist(const XMLElement& root);
 
     void reviewAttributes(const XMLElement& element, const char* known);
-    void reviewText(const XMLElement& element);
+    void reviewText(const XMLNode& parent);
     void reviewValue(const XMLElement& element);
     void reviewBlanks(const XMLElement& element, const char* what, const std::string& value);
     std::optional<int32_t> reviewId(const XMLElement& element, const char* what, const char* value);
-    void warn(const XMLNode& node, const std::string& kind, const std::string& message);
+    void reviewNoNumber(const XMLElement& element, const std::string& value);
+    void warn(const XMLNode& node, const std::string& kind, const std::string& message,
+              const std::string& cure = "");
 
     /** Rule to the line that gave it first. */
     std::map<std::string, int> classes_;
     std::map<int32_t, int> wholeVendors_;
     std::map<std::pair<int32_t, int32_t>, int> products_;
-    /** Vendors listed with products, in file order. */
-    std::vector<std::pair<int32_t, const XMLElement*>> vendorsWithProducts_;
+    /** A rule's class or name is none that the parser takes, so that what is missing may be it. */
+    bool misread_ = false;
+    /** Vendor to the line that first lists products of it. */
+    std::map<int32_t, int> vendorsWithProducts_;
 };
 
-RulesReview::RulesReview(const XMLDocument& document) {
+RulesReview::RulesReview(const std::string& text, const XMLDocument& document) {
     const XMLElement* root = document.FirstChildElement();
     if (root == nullptr) {
         warnings.push_back(
@@ -68,8 +80,22 @@ RulesReview::RulesReview(const XMLDocument& document) {
     } else if (root->Name() == std::string("usbconfig")) {
         reviewRoot(*root);
     }
+    reviewText(document);
+    reviewEnd(text);
     std::stable_sort(warnings.begin(), warnings.end(),
                      [](const Warning& a, const Warning& b) { return a.line < b.line; });
+}
+
+void RulesReview::reviewEnd(const std::string& text) {
+    const size_t end = findMarkup(text).end;
+    constexpr std::string_view kNothing(" \t\r\n\0", 5);
+    const size_t rest = text.find_first_not_of(kNothing, end);
+    if (rest == std::string::npos) return;
+    const bool byNul = text[end] == '\0';
+    warnings.push_back({lineAt(text, end), "ignored",
+                        std::string(byNul ? "a NUL byte" : "an end tag that closes nothing") +
+                            " ends the document: everything after it is ignored",
+                        byNul ? "save the file as UTF-8 text" : "remove the tag"});
 }
 
 void RulesReview::reviewRoot(const XMLElement& root) {
@@ -89,6 +115,7 @@ void RulesReview::reviewRoot(const XMLElement& root) {
         warn(root, "allows-nothing", "a whitelist without a rule refuses every device");
     }
     reviewRules(root);
+    if (mode == "whitelist" && first != nullptr && !misread_) reviewWhitelist(root);
 }
 
 void RulesReview::reviewRules(const XMLElement& root) {
@@ -96,8 +123,13 @@ void RulesReview::reviewRules(const XMLElement& root) {
     for (auto* rule = root.FirstChildElement(); rule != nullptr;
          rule = rule->NextSiblingElement()) {
         const std::string name = rule->Name();
-        if (name == "class") reviewClass(*rule);
-        if (name == "vid") reviewVendor(*rule);
+        if (name == "class") {
+            reviewClass(*rule);
+        } else if (name == "vid") {
+            reviewVendor(*rule);
+        } else {
+            misread_ = true;
+        }
     }
     reviewWholeVendors();
 }
@@ -106,12 +138,50 @@ void RulesReview::reviewClass(const XMLElement& element) {
     reviewAttributes(element, nullptr);
     reviewValue(element);
     const char* name = element.GetText();
-    if (name == nullptr) return;
+    if (name == nullptr) {
+        misread_ = true;
+        return;
+    }
     reviewBlanks(element, "class", name);
+    reviewUnknownClass(element, name);
     const auto [first, added] = classes_.emplace(name, element.GetLineNum());
     if (!added) {
         warn(element, "duplicate",
              "class " + quoted(name) + " is listed already" + inLine(first->second));
+    }
+}
+
+/** The code of a class that goes by another name, if any: in lower case, with the other prefix ...
+ */
+std::optional<int32_t> codeMeantBy(const std::string& name) {
+    const std::string text = base::Trim(name);
+    const size_t prefix = text.rfind("_CLASS_"), otherPrefix = text.rfind("_SOURCE_");
+    const size_t stem = prefix != std::string::npos        ? prefix + strlen("_CLASS_")
+                        : otherPrefix != std::string::npos ? otherPrefix + strlen("_SOURCE_")
+                                                           : 0;
+    for (const std::string& guess : {text, text.substr(stem)}) {
+        for (const std::string& form : {guess, guess.substr(0, guess.size() - 1)}) {
+            for (const auto codeOf : {usbClassCode, inputSourceCode}) {
+                const std::optional<int32_t> code = codeOf(form);
+                if (code && Util::getClassName(*code) != " ") return code;
+            }
+        }
+    }
+    return {};
+}
+
+void RulesReview::reviewUnknownClass(const XMLElement& element, const std::string& name) {
+    const uint32_t exact = Util::convert(name);
+    if (exact != NO_CLASS && !Util::validateRestrictedClass(exact)) return;
+    misread_ = true;
+    const std::optional<int32_t> code = codeMeantBy(name);
+    if (!code) return;
+    if (Util::validateRestrictedClass(*code)) {
+        warn(element, "restricted-class", quoted(name) + " is a restricted class",
+             "name the devices by 'vid' and 'pid'");
+    } else if (base::Trim(name) == name) {
+        warn(element, "unknown-class", quoted(name) + " is no name of a class",
+             "write " + Util::getClassName(*code));
     }
 }
 
@@ -123,7 +193,7 @@ void RulesReview::reviewVendor(const XMLElement& element) {
     const XMLElement* product = element.FirstChildElement("pid");
     reviewVendorContent(element, product);
     if (product != nullptr) {
-        if (vendor) vendorsWithProducts_.emplace_back(*vendor, &element);
+        if (vendor) vendorsWithProducts_.emplace(*vendor, element.GetLineNum());
         for (; product != nullptr; product = product->NextSiblingElement()) {
             reviewProduct(*product, vendor);
         }
@@ -142,19 +212,23 @@ void RulesReview::reviewVendorContent(const XMLElement& element, const XMLElemen
     reviewText(element);
     for (auto* child = element.FirstChildElement(); child != firstProduct;
          child = child->NextSiblingElement()) {
-        warn(
-            *child, "ignored",
-            "element " + quoted(child->Name()) +
-                (firstProduct != nullptr
-                     ? " before the first 'pid' is ignored"
-                     : " is ignored: without a 'pid' the rule is for every product of the vendor"));
+        if (firstProduct != nullptr) {
+            warn(*child, "ignored",
+                 "element " + quoted(child->Name()) + " before the first 'pid' is ignored");
+        } else {
+            warn(*child, "ignored",
+                 "element " + quoted(child->Name()) +
+                     " is ignored: without a 'pid' the rule is for every product of the vendor",
+                 "write 'pid' for a product");
+        }
     }
 }
 
 void RulesReview::reviewProduct(const XMLElement& element, std::optional<int32_t> vendor) {
     if (element.Name() != std::string("pid")) {
         warn(element, "taken-as-product",
-             "element " + quoted(element.Name()) + " after a 'pid' is taken as one");
+             "element " + quoted(element.Name()) + " after a 'pid' is taken as one",
+             "close the 'vid' before it");
     }
     reviewAttributes(element, nullptr);
     reviewValue(element);
@@ -171,22 +245,47 @@ void RulesReview::reviewProduct(const XMLElement& element, std::optional<int32_t
     }
 }
 
-// See Util::validateVid: a vendor that is listed matches as a whole when it, or any vendor with a
-// greater id, is listed without products.
 void RulesReview::reviewWholeVendors() {
-    for (const auto& [vendor, element] : vendorsWithProducts_) {
+    std::map<int32_t, int> listed;
+    for (const auto& [vendor, line] : vendorsWithProducts_) {
         const auto whole = wholeVendors_.lower_bound(vendor);
-        if (whole == wholeVendors_.end()) continue;
-        const auto& [other, line] = *whole;
-        if (other == vendor) {
-            warn(*element, "duplicate",
-                 "vendor " + std::to_string(vendor) + " is listed as a whole too" + inLine(line));
+        if (whole == wholeVendors_.end()) break;
+        if (whole->first != vendor) {
+            listed.emplace(vendor, line);
         } else {
-            warn(*element, "whole-vendor",
-                 "every product of vendor " + std::to_string(vendor) + " matches: vendor " +
-                     std::to_string(other) + inLine(line) +
-                     ", whose id is greater, is listed without products");
+            warnings.push_back({line, "duplicate",
+                                "vendor " + std::to_string(vendor) + " is listed as a whole too" +
+                                    inLine(whole->second),
+                                ""});
         }
+    }
+    if (listed.empty()) return;
+    const auto greater = wholeVendors_.upper_bound(listed.begin()->first);
+    warnings.push_back(wholeVendorWarning(listed, {greater, wholeVendors_.end()}));
+}
+
+void RulesReview::reviewWhitelist(const XMLElement& root) {
+    bool input = root.FirstChildElement("vid") != nullptr;
+    int line = 0;
+    std::string usbClass;
+    for (const auto& [name, firstLine] : classes_) {
+        if (inputSourceNames.count(Util::convert(name)) != 0) {
+            input = true;
+        } else if (line == 0 || firstLine < line) {
+            line = firstLine;
+            usbClass = name;
+        }
+    }
+    if (!input) {
+        warn(root, "no-input", "every keyboard, mouse and touch screen is refused",
+             "name them by 'vid' and 'pid', or allow AINPUT_SOURCE_KEYBOARD and the like");
+    }
+    if (!usbClass.empty()) {
+        warnings.push_back({line, "restricted-interfaces",
+                            "class " + quoted(usbClass) +
+                                " allows a device that has HID or vendor-specific interfaces, too",
+                            "name devices by 'vid' and 'pid' where that is too much",
+                            /*isNote=*/true});
     }
 }
 
@@ -200,8 +299,8 @@ void RulesReview::reviewAttributes(const XMLElement& element, const char* known)
     }
 }
 
-void RulesReview::reviewText(const XMLElement& element) {
-    for (auto* child = element.FirstChild(); child != nullptr; child = child->NextSibling()) {
+void RulesReview::reviewText(const XMLNode& parent) {
+    for (auto* child = parent.FirstChild(); child != nullptr; child = child->NextSibling()) {
         if (child->ToText() == nullptr) continue;
         const std::string text = base::Trim(child->Value());
         if (!text.empty()) warn(*child, "ignored", "text " + quoted(text) + " is ignored");
@@ -210,9 +309,18 @@ void RulesReview::reviewText(const XMLElement& element) {
 
 // A comment or an element cuts a value in two, and only the first part is read.
 void RulesReview::reviewValue(const XMLElement& element) {
-    bool value = false;
+    bool value = false, comment = false;
     for (auto* child = element.FirstChild(); child != nullptr; child = child->NextSibling()) {
-        if (child->ToComment() != nullptr) continue;
+        if (child->ToComment() != nullptr) {
+            comment = true;
+            continue;
+        }
+        if (comment && !value && child->ToText() != nullptr) {
+            warn(*child, "after-comment",
+                 "text after a comment in " + quoted(element.Name()) +
+                     ": not every version of the parser reads it",
+                 "put the comment before the element");
+        }
         if (value) {
             return warn(*child, "ignored",
                         "only the first piece of text in " + quoted(element.Name()) + " is read");
@@ -225,7 +333,8 @@ void RulesReview::reviewBlanks(const XMLElement& element, const char* what,
                                const std::string& value) {
     if (base::Trim(value) != value) {
         warn(element, "blanks",
-             std::string("the blanks around ") + what + " " + quoted(value) + " are part of it");
+             std::string("the blanks around ") + what + " " + quoted(value) + " are part of it",
+             "remove them");
     }
 }
 
@@ -233,11 +342,15 @@ void RulesReview::reviewBlanks(const XMLElement& element, const char* what,
 std::optional<int32_t> RulesReview::reviewId(const XMLElement& element, const char* what,
                                              const char* value) {
     reviewBlanks(element, what, value);
-    if (!Util::isValidNumber(value)) return {};
+    if (!Util::isValidNumber(value)) {
+        reviewNoNumber(element, base::Trim(value));
+        return {};
+    }
     const std::string id = std::string(what) + " id " + value;
     uint32_t number;
     if (!base::ParseUint(value, &number, uint32_t{std::numeric_limits<int32_t>::max()})) {
-        warn(element, kCrashKind, id + " does not fit 32 bits, which ends the daemon");
+        warn(element, kCrashKind, id + " does not fit 32 bits, which ends the daemon",
+             "ids go up to 65535");
         return {};
     }
     if (number > kMaxUsbId) {
@@ -246,16 +359,55 @@ std::optional<int32_t> RulesReview::reviewId(const XMLElement& element, const ch
     return number;
 }
 
-void RulesReview::warn(const XMLNode& node, const std::string& kind, const std::string& message) {
-    warnings.push_back({node.GetLineNum(), kind, message, ""});
+void RulesReview::reviewNoNumber(const XMLElement& element, const std::string& value) {
+    if (Util::isValidNumber(value)) return;
+    const bool prefixed = base::StartsWithIgnoreCase(value, "0x");
+    uint32_t id;
+    if (!base::ParseUint((prefixed ? "" : "0x") + value, &id, kMaxUsbId)) return;
+    warn(element, "hexadecimal", quoted(value) + " is hexadecimal", "write " + std::to_string(id));
+}
+
+void RulesReview::warn(const XMLNode& node, const std::string& kind, const std::string& message,
+                       const std::string& cure) {
+    warnings.push_back({node.GetLineNum(), kind, message, cure});
+}
+
+/** "vendors 1, 2 and 3", each with its line if so wanted. */
+std::string vendorList(const std::map<int32_t, int>& vendors, bool lines) {
+    std::vector<std::string> names;
+    for (const auto& [vendor, line] : vendors) {
+        if (names.size() == kMostVendorsNamed) {
+            names.push_back(std::to_string(vendors.size() - names.size()) + " more");
+            break;
+        }
+        names.push_back(std::to_string(vendor) + (lines ? inLine(line) : ""));
+    }
+    if (names.size() == 1) return "vendor " + names[0];
+    const std::string last = names.back();
+    names.pop_back();
+    return "vendors " + base::Join(names, ", ") + " and " + last;
 }
 
 }  // namespace
 
+Warning wholeVendorWarning(const std::map<int32_t, int>& listed,
+                           const std::map<int32_t, int>& whole) {
+    const bool one = whole.size() == 1;
+    return {listed.begin()->second, "whole-vendor",
+            "every product of " + vendorList(listed, listed.size() > 1) +
+                " matches, listed or not: " + vendorList(whole, true) +
+                (one ? ", whose id is greater, is" : ", whose ids are greater, are") +
+                " listed without products",
+            "list the products of " + vendorList(whole, false) + ", too"};
+}
+
 std::vector<Warning> reviewRules(const std::string& text) {
+    if (base::StartsWith(text, "\xFF\xFE") || base::StartsWith(text, "\xFE\xFF")) {
+        return {{1, "encoding", "the file is in UTF-16", "save it as UTF-8"}};
+    }
     XMLDocument document(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE);
     if (document.Parse(text.data(), text.size()) != tinyxml2::XML_SUCCESS) return {};
-    return RulesReview(document).warnings;
+    return RulesReview(text, document).warnings;
 }
 
 }  // namespace android::kus

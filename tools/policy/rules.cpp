@@ -12,6 +12,7 @@
 #include "policy.h"
 #include "util/Util.h"
 #include "util/rule_tables.h"
+#include "whole_vendors.h"
 
 namespace android::kus {
 namespace {
@@ -148,6 +149,7 @@ Answer Rules::decide(const Device& device) {
     if (answer.leftToInput) return answer;
     answer.allowed = allows(device, &answer.reason);
     answer.lines = linesOf(device, answer.reason);
+    answer.warnings = warningsOn(device, answer.reason);
     if (!answer.allowed && mode_ == "whitelist") answer.remedies = remediesFor(device);
     return answer;
 }
@@ -212,7 +214,7 @@ std::vector<int> Rules::linesOf(const Device& device, const std::string& reason)
         }
     } else if (matched("Match by VID_PID")) {
         lines.push_back(productLines_.at({device.vendorId, device.productId}));
-    } else if (matched("Match by VID")) {
+    } else if (matched("Match by VID,")) {
         // Its own rule, and where that has products the one of a greater vendor: see
         // Util::validateVid.
         auto rule = productLines_.lower_bound({device.vendorId, ANY_PRODUCT});
@@ -223,6 +225,18 @@ std::vector<int> Rules::linesOf(const Device& device, const std::string& reason)
     std::sort(lines.begin(), lines.end());
     lines.erase(std::unique(lines.begin(), lines.end()), lines.end());
     return lines;
+}
+
+// See Util::validateVid.
+std::vector<Warning> Rules::warningsOn(const Device& device, const std::string& reason) const {
+    if (reason.find("Match by VID,") == std::string::npos) return {};
+    const auto rule = productLines_.lower_bound({device.vendorId, ANY_PRODUCT});
+    if (rule->first.second == ANY_PRODUCT) return {};
+    std::map<int32_t, int> whole;
+    for (auto other = rule; other != productLines_.end(); ++other) {
+        if (other->first.second == ANY_PRODUCT) whole.emplace(other->first.first, other->second);
+    }
+    return {wholeVendorWarning({{device.vendorId, rule->second}}, whole)};
 }
 
 bool Rules::namesProductsOf(int32_t vendor) const {
