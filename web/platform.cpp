@@ -6,6 +6,7 @@
 #include <android-base/strings.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <strings.h>
 
 #include <sstream>
 
@@ -62,6 +63,11 @@ std::string StringPrintf(const char* format, ...) {
 
 bool StartsWith(std::string_view text, std::string_view prefix) {
     return text.substr(0, prefix.size()) == prefix;
+}
+
+bool StartsWithIgnoreCase(std::string_view text, std::string_view prefix) {
+    return text.size() >= prefix.size() &&
+           strncasecmp(text.data(), prefix.data(), prefix.size()) == 0;
 }
 
 std::string Trim(const std::string& text) {

@@ -110,7 +110,7 @@ class Row {
     if (this.details.hidden) return;
     const log = this.#answer?.log ?? [];
     this.details.replaceChildren(
-      element('h4', {}, 'What the daemon logs of this decision'),
+      element('h3', {}, 'What the daemon logs of this decision'),
       element('pre', { tabIndex: 0 }, log.join('\n') || 'nothing: no rule is looked at'));
   }
 }

@@ -43,9 +43,9 @@ const theme = EditorView.theme({
   '.cm-panel.cm-search label': { color: 'var(--text)' },
   '.cm-textfield, .cm-button': { backgroundImage: 'none', backgroundColor: 'var(--panel)',
     color: 'var(--text)', border: '1px solid var(--edge)', borderRadius: '4px', height: '1.7rem' },
-  '.cm-deletedChunk': { backgroundColor: 'var(--bad-ground)', paddingLeft: '6px' },
-  '.cm-deletedChunk .cm-deletedText': { background: 'none',
-    backgroundColor: 'color-mix(in srgb, var(--bad) 25%, transparent)' },
+  '.cm-deletedChunk': { backgroundColor: 'var(--bad-ground)', color: 'var(--bad)',
+    paddingLeft: '6px' },
+  '.cm-deletedChunk .cm-deletedText': { background: 'none', textDecoration: 'line-through' },
   '&.cm-merge-b .cm-changedLine': { backgroundColor: 'var(--ok-ground)' },
   '&.cm-merge-b .cm-changedText': { background: 'none',
     backgroundColor: 'color-mix(in srgb, var(--ok) 25%, transparent)' },
@@ -154,7 +154,8 @@ export class Editor {
     const marked = base !== null &&
       base.length < LARGEST_MARKED_COMPARISON && this.doc.length < LARGEST_MARKED_COMPARISON;
     this.#set(this.#comparison, marked
-      ? unifiedMergeView({ original: base, mergeControls: false, allowInlineDiffs: true })
+      ? unifiedMergeView({ original: base, mergeControls: false,
+        syntaxHighlightDeletions: false })
       : []);
   }
 

@@ -260,9 +260,9 @@ function drawFound() {
         element('span', { className: 'facts' }, product === null ? 'every product' : vendorName)),
       element('div', { className: 'buttons' },
         product === null ? null : element('button', { type: 'button',
-          'aria-label': `Try ${what} on the bench`,
+          'aria-label': `Try… ${what} on the bench`,
           onclick: () => showOwn({ name: `${vendorName} ${name}`, vendor, product }) }, 'Try…'),
-        element('button', { type: 'button', 'aria-label': `Add a rule for ${what}`,
+        element('button', { type: 'button', 'aria-label': `Add rule for ${what}`,
           title: elementOf(rule), onclick: () => addRules([rule]) }, 'Add rule')));
   }));
 }

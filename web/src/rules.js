@@ -67,6 +67,12 @@ class Document {
     return this.text.slice(0, element.from).split('\n').length;
   }
 
+  /** A comment behind an element, on its line, stays there. */
+  #endOf(element) {
+    const [comment] = this.text.slice(element.to).match(/^(?:[ \t]*<!--(?:(?!-->).)*-->)+(?=[ \t]*\n)/) ?? [''];
+    return element.to + comment.length;
+  }
+
   /** Puts `lines` into `parent`, below `last` or as its first content. */
   insertion(parent, last, lines) {
     const indentation = last ? this.indentationOf(last) : `${this.indentationOf(parent)}  `;
@@ -76,7 +82,7 @@ class Document {
       return { from: slash, to: parent.closed.to,
         insert: `>${text}\n${this.indentationOf(parent)}</${parent.name}>` };
     }
-    const from = last ? last.to : parent.tag.to;
+    const from = last ? this.#endOf(last) : parent.tag.to;
     // A tag that is closed on the line of its beginning gets a line of its own.
     const alone = this.text.slice(from, parent.end?.from ?? from).trim() === '' &&
       !this.text.slice(from, parent.end?.from ?? from).includes('\n');
