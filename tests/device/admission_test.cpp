@@ -121,6 +121,23 @@ TEST_F(AdmissionTest, AVendorHidIsDecidedByItsIds) {
     EXPECT_TRUE(eventually([&] { return other.interfaceState(0) == " 0"; }));
 }
 
+TEST_F(AdmissionTest, APrinterIsDecidedByItsClassAndAVendorsOwnClassByItsIds) {
+    setRules("whitelist",
+             "<class>USB_CLASS_PRINTER</class><vid vendorid=\"1678\"><pid>7</pid></vid>");
+    const Plugged printer("printer", "--vendor 1008 --product 1 --printer");
+    EXPECT_EQ(printer.decision().reason,
+              "Whitelisted: Match by ClassName, CLASS : USB_CLASS_PRINTER ");
+    EXPECT_EQ(printer.interfaceState(0), "usblp 1");
+    const Plugged listed("listed", "--vendor 1678 --product 7 --vendor-class");
+    EXPECT_EQ(listed.decision().status, 1);
+    const Plugged both("both", "--vendor 1678 --product 8 --vendor-class --printer");
+    EXPECT_EQ(both.decision().status, 1) << "the restricted class is passed over";
+    const Plugged other("other", "--vendor 1678 --product 9 --vendor-class");
+    EXPECT_THAT(other.decision().interfaceClassList, ElementsAre(255));
+    EXPECT_EQ(other.decision().reason, "No matching rule found to Whitelist the device");
+    EXPECT_TRUE(eventually([&] { return other.interfaceState(0) == " 0"; }));
+}
+
 TEST_F(AdmissionTest, AKeyboardIsLeftToTheInputPath) {
     setRules("whitelist", "<class>AINPUT_SOURCE_KEYBOARD</class>");
     const Plugged keyboard("keys", "--vendor 1133 --product 49948 --keyboard");

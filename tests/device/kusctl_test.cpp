@@ -2,6 +2,7 @@
 #include <android-base/strings.h>
 #include <pty.h>
 #include <signal.h>
+#include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 
 #include "device_test.h"
 #include "process.h"
+#include "util/Util.h"
 
 namespace android::kus {
 namespace {
@@ -153,6 +155,97 @@ TEST_F(WatchTest, EndsAfterOneDeviceOrWithItsReaderOrWithTheServiceManager) {
     EXPECT_EQ(longer->exitStatus(), 1);
     // Not asked by this process, which would lose the service manager for good.
     EXPECT_TRUE(eventually([] { return shell("kusctl list >&2; echo $?") == "0"; }));
+}
+
+class ApplyTest : public KusctlTest {
+  protected:
+    /** What it prints, and its exit status. */
+    static std::string apply(const std::string& arguments) {
+        return shell("kusctl apply " + arguments + " 2>&1; echo status $?");
+    }
+
+    /** Kills it when it has made this many system calls since it made the new file. */
+    static void applyUntilCall(int calls) {
+        const std::string newRules = std::string(configFilePath) + ".new";
+        unlink(newRules.c_str());
+        const pid_t child = fork();
+        if (child == 0) {
+            ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+            execlp("kusctl", "kusctl", "apply", "--force", "/tmp/new.xml", nullptr);
+        }
+        // Each call stops it twice.
+        int status, stops = 0;
+        while (waitpid(child, &status, 0) == child && WIFSTOPPED(status)) {
+            if (stops > 0 || access(newRules.c_str(), F_OK) == 0) ++stops;
+            if (stops > 2 * calls) kill(child, SIGKILL);
+            ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
+        }
+        EXPECT_TRUE(WIFSIGNALED(status)) << "has ended before";
+    }
+};
+
+TEST_F(ApplyTest, TellsWhatWouldChangeAndWhatDid) {
+    const Plugged stick("stick", kStick);
+    const DeviceInfo before = stick.decision();
+    const std::string text = rulesText("whitelist",
+                                       "<class>AINPUT_SOURCE_MOUSE</class>\n"
+                                       "<vid vendorid=\"1133\"/>");
+    writeFile("/tmp/new.xml", text);
+    shell(std::string("chmod 640 ") + configFilePath);
+    const std::string wouldBe = "would be refused: stick (usb " + std::to_string(before.deviceId);
+    EXPECT_THAT(apply("--dry-run /tmp/new.xml"), AllOf(HasSubstr(wouldBe), EndsWith("status 0")));
+    EXPECT_EQ(stick.decision().deviceId, before.deviceId);
+    EXPECT_NE(contentOf(configFilePath), base::Trim(text));
+
+    const std::string told = apply("/tmp/new.xml");
+    EXPECT_EQ(stick.decision().status, 0);
+    EXPECT_THAT(told, AllOf(HasSubstr(wouldBe), EndsWith("status 0"),
+                            HasSubstr("now refused: stick (usb " + std::to_string(stick.id()))));
+    EXPECT_EQ(contentOf(configFilePath), base::Trim(text));
+    EXPECT_EQ(shell(std::string("stat -c %a ") + configFilePath), "640");
+
+    writeFile("/tmp/new.xml", rulesText("whitelist", "<vid vendorid=\"1133\"/>"));
+    EXPECT_THAT(apply("--force /tmp/new.xml"),
+                AllOf(HasSubstr("\nstill allowed: "), EndsWith("status 0")));
+    writeFile("/tmp/new.xml", rulesText("blacklist", "<vid vendorid=\"1133\"/>"));
+    EXPECT_THAT(
+        apply("--dry-run /tmp/new.xml"),
+        HasSubstr("would be refused: any other device of vendor 1133, keyboards and mice too"));
+}
+
+TEST_F(ApplyTest, LeavesTheRulesAloneWhereTheyWouldBeRefusedOrLockOut) {
+    const Plugged keyboard("keys", "--vendor 1241 --product 5635 --keyboard");
+    EXPECT_TRUE(eventually([] { return recorded("Virtual keys").status == 1; }));
+    const std::string before = contentOf(configFilePath);
+    const char* const cases[][2] = {
+        {"<class>AINPUT_SOURCE_MOUSE</class><class>USB_CLASS_PRINTR</class>", "INVALID CLASS"},
+        {"<class>AINPUT_SOURCE_MOUSE</class>", "the last allowed keyboard"},
+        {"<class>AINPUT_SOURCE_KEYBOARD</class>", "the last allowed pointer"},
+    };
+    for (const auto& [rules, message] : cases) {
+        writeFile("/tmp/new.xml", rulesText("whitelist", rules));
+        EXPECT_THAT(apply("/tmp/new.xml"), AllOf(HasSubstr(message), EndsWith("status 1")));
+        EXPECT_EQ(contentOf(configFilePath), before);
+    }
+    EXPECT_THAT(apply("--force /tmp/new.xml"), EndsWith("status 0"));
+    EXPECT_NE(contentOf(configFilePath), before);
+}
+
+TEST_F(ApplyTest, LeavesOneOfTheTwoFilesWhereverItIsKilled) {
+    int applied = 0;
+    for (int calls = 0; applied < 3; ++calls) {
+        SCOPED_TRACE(calls);
+        const Rules old = Rules::rewrite();
+        Rules next = Rules::next();
+        next.text += "<!-- " + std::string(100'000, 'x') + " -->\n";
+        writeFile("/tmp/new.xml", next.text);
+        applyUntilCall(calls);
+        const std::string found = contentOf(configFilePath);
+        const bool isNew = found == base::Trim(next.text);
+        applied += isNew;
+        ASSERT_TRUE(isNew || found == base::Trim(old.text)) << found.size() << " bytes";
+        ASSERT_TRUE(eventually([&] { return (isNew ? next : old).areAccepted(); }));
+    }
 }
 
 TEST_F(KusctlTest, SaysWhatToDoWithoutAService) {
