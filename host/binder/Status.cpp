@@ -3,28 +3,19 @@
 
 namespace android::binder {
 
-// The words are those of API 34's libbinder (its Status.cpp) and of Java's Parcel: the exception
-// code and, unless it is EX_NONE, the message and the callee's stack trace, then for
-// EX_SERVICE_SPECIFIC the service's own code and for EX_PARCELABLE an object. Only Java writes
-// traces and objects. EX_TRANSACTION_FAILED never travels: it becomes the status of the transaction
-// itself.
+// The words are those of API 34's libbinder (its Status.cpp): the exception code and, unless it is
+// EX_NONE, the message and the size of a stack trace, then for EX_SERVICE_SPECIFIC the service's
+// own code and for EX_PARCELABLE the size of an object. Only Java, which is not here, writes traces
+// and objects, or headers before the code. EX_TRANSACTION_FAILED never travels: it becomes the
+// status of the transaction itself.
 
 namespace {
 
-// Java may put headers before the code: EX_HAS_REPLY_HEADER stands for EX_NONE, too, and after this
-// one, of a later API than Status.h, the code follows. They are about the caller's own conduct.
-constexpr int32_t kHasNotedAppOpsHeader = -127;
-
-// Passes over a header, a trace or an object. Its size comes first and counts itself, or is 0.
-status_t skip(const Parcel& parcel) {
-    const size_t start = parcel.dataPosition();
-    const size_t available = parcel.dataAvail();
-    int32_t size;
+// The size of a trace or an object that is not there.
+status_t readNoObject(const Parcel& parcel) {
+    int32_t size = 0;
     const status_t status = parcel.readInt32(&size);
-    if (status != OK) return status;
-    if (size < 0 || size_t(size) > available) return UNKNOWN_ERROR;
-    if (size > 0) parcel.setDataPosition(start + size_t(size));
-    return OK;
+    return size == 0 ? status : UNKNOWN_ERROR;
 }
 
 }  // namespace
@@ -90,23 +81,15 @@ Status::Status(int32_t exceptionCode, int32_t errorCode, const String8& message)
 status_t Status::readFromParcel(const Parcel& parcel) {
     *this = Status();
     status_t status = parcel.readInt32(&mException);
-    if (status == OK && mException == kHasNotedAppOpsHeader) {
-        status = skip(parcel);
-        if (status == OK) status = parcel.readInt32(&mException);
-    }
-    if (status == OK && mException == EX_HAS_REPLY_HEADER) {
-        status = skip(parcel);
-        mException = EX_NONE;
-    }
     if (status == OK && mException != EX_NONE) {
         String16 message;
         status = parcel.readString16(&message);
         mMessage = String8(message);
-        if (status == OK) status = skip(parcel);
+        if (status == OK) status = readNoObject(parcel);
         if (status == OK && mException == EX_SERVICE_SPECIFIC) {
             status = parcel.readInt32(&mErrorCode);
         } else if (status == OK && mException == EX_PARCELABLE) {
-            status = skip(parcel);
+            status = readNoObject(parcel);
         }
     }
     if (status != OK) setFromStatusT(status);
