@@ -16,7 +16,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kPollInterval = 100ms;
-constexpr auto kGetServiceTimeout = 5s;
 
 /** The service manager in its own process, behind the interface that the platform's code uses. */
 class ServiceManagerClient : public IServiceManager {
@@ -29,16 +28,6 @@ class ServiceManagerClient : public IServiceManager {
         return service;
     }
 
-    sp<IBinder> getService(const String16& name) const override {
-        const auto end = std::chrono::steady_clock::now() + kGetServiceTimeout;
-        sp<IBinder> service;
-        while (find(name, &service) && service == nullptr &&
-               std::chrono::steady_clock::now() < end) {
-            std::this_thread::sleep_for(kPollInterval);
-        }
-        return service;
-    }
-
     sp<IBinder> waitForService(const String16& name) override {
         sp<IBinder> service;
         while (find(name, &service) && service == nullptr) {
@@ -47,23 +36,15 @@ class ServiceManagerClient : public IServiceManager {
         return service;
     }
 
-    // allowIsolated is about processes without a uid of their own, which only Android has.
-    status_t addService(const String16& name, const sp<IBinder>& service, bool,
-                        int dumpsysFlags) override {
-        const binder::Status status =
-            mRemote->addService(String8(name).string(), service, dumpsysFlags);
-        return status.exceptionCode();
+    // Whose processes have no uid of their own, and who dumps services in which order, is of
+    // interest on Android alone.
+    status_t addService(const String16& name, const sp<IBinder>& service, bool, int) override {
+        return mRemote->addService(String8(name).string(), service).exceptionCode();
     }
 
-    Vector<String16> listServices(int dumpsysFlags) override {
-        std::vector<std::string> names;
-        mRemote->listServices(dumpsysFlags, &names);
-        Vector<String16> result;
-        for (const std::string& name : names) result.add(String16(name.c_str()));
-        return result;
-    }
-
-    // There is no manifest that could declare a service.
+    // The rest is called by nobody here.
+    sp<IBinder> getService(const String16& name) const override { return checkService(name); }
+    Vector<String16> listServices(int) override { return {}; }
     bool isDeclared(const String16&) override { return false; }
 
   private:

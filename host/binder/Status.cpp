@@ -3,31 +3,10 @@
 
 namespace android::binder {
 
-// The words are those of API 34's libbinder (its Status.cpp) and of Java's Parcel: the exception
-// code and, unless it is EX_NONE, the message and the callee's stack trace, then for
-// EX_SERVICE_SPECIFIC the service's own code and for EX_PARCELABLE an object. Only Java writes
-// traces and objects. EX_TRANSACTION_FAILED never travels: it becomes the status of the transaction
-// itself.
-
-namespace {
-
-// Java may put headers before the code: EX_HAS_REPLY_HEADER stands for EX_NONE, too, and after this
-// one, of a later API than Status.h, the code follows. They are about the caller's own conduct.
-constexpr int32_t kHasNotedAppOpsHeader = -127;
-
-// Passes over a header, a trace or an object. Its size comes first and counts itself, or is 0.
-status_t skip(const Parcel& parcel) {
-    const size_t start = parcel.dataPosition();
-    const size_t available = parcel.dataAvail();
-    int32_t size;
-    const status_t status = parcel.readInt32(&size);
-    if (status != OK) return status;
-    if (size < 0 || size_t(size) > available) return UNKNOWN_ERROR;
-    if (size > 0) parcel.setDataPosition(start + size_t(size));
-    return OK;
-}
-
-}  // namespace
+// The words are those of API 34's libbinder (its Status.cpp): the exception code and, unless it is
+// EX_NONE, the message and the size of a stack trace, which only Java writes. EX_TRANSACTION_FAILED
+// never travels: it becomes the status of the transaction itself. Nobody here makes
+// service-specific errors, which have a code of their own after that, or EX_PARCELABLE.
 
 Status Status::ok() { return Status(); }
 
@@ -39,18 +18,6 @@ Status Status::fromExceptionCode(int32_t exceptionCode, const String8& message) 
 
 Status Status::fromExceptionCode(int32_t exceptionCode, const char* message) {
     return fromExceptionCode(exceptionCode, String8(message));
-}
-
-Status Status::fromServiceSpecificError(int32_t errorCode) {
-    return Status(EX_SERVICE_SPECIFIC, errorCode);
-}
-
-Status Status::fromServiceSpecificError(int32_t errorCode, const String8& message) {
-    return Status(EX_SERVICE_SPECIFIC, errorCode, message);
-}
-
-Status Status::fromServiceSpecificError(int32_t errorCode, const char* message) {
-    return fromServiceSpecificError(errorCode, String8(message));
 }
 
 Status Status::fromStatusT(status_t status) {
@@ -90,24 +57,13 @@ Status::Status(int32_t exceptionCode, int32_t errorCode, const String8& message)
 status_t Status::readFromParcel(const Parcel& parcel) {
     *this = Status();
     status_t status = parcel.readInt32(&mException);
-    if (status == OK && mException == kHasNotedAppOpsHeader) {
-        status = skip(parcel);
-        if (status == OK) status = parcel.readInt32(&mException);
-    }
-    if (status == OK && mException == EX_HAS_REPLY_HEADER) {
-        status = skip(parcel);
-        mException = EX_NONE;
-    }
     if (status == OK && mException != EX_NONE) {
         String16 message;
         status = parcel.readString16(&message);
         mMessage = String8(message);
-        if (status == OK) status = skip(parcel);
-        if (status == OK && mException == EX_SERVICE_SPECIFIC) {
-            status = parcel.readInt32(&mErrorCode);
-        } else if (status == OK && mException == EX_PARCELABLE) {
-            status = skip(parcel);
-        }
+        int32_t traceSize = 0;
+        if (status == OK) status = parcel.readInt32(&traceSize);
+        if (traceSize != 0) status = UNKNOWN_ERROR;
     }
     if (status != OK) setFromStatusT(status);
     return status;
@@ -118,18 +74,10 @@ status_t Status::writeToParcel(Parcel* parcel) const {
     status_t status = parcel->writeInt32(mException);
     if (status != OK || mException == EX_NONE) return status;
     parcel->writeString16(String16(mMessage));
-    // No trace, and no object.
-    status = parcel->writeInt32(0);
-    if (mException == EX_SERVICE_SPECIFIC) return parcel->writeInt32(mErrorCode);
-    if (mException == EX_PARCELABLE) return parcel->writeInt32(0);
-    return status;
+    return parcel->writeInt32(0);
 }
 
 void Status::setException(int32_t ex, const String8& message) { *this = Status(ex, OK, message); }
-
-void Status::setServiceSpecificError(int32_t errorCode, const String8& message) {
-    *this = Status(EX_SERVICE_SPECIFIC, errorCode, message);
-}
 
 void Status::setFromStatusT(status_t status) {
     *this = Status(status == OK ? EX_NONE : EX_TRANSACTION_FAILED, status);
@@ -139,9 +87,7 @@ String8 Status::toString8() const {
     if (isOk()) return String8("No error");
     String8 text;
     text.appendFormat("Status(%d, %s): '", mException, exceptionToString(mException).c_str());
-    if (mException == EX_SERVICE_SPECIFIC || mException == EX_TRANSACTION_FAILED) {
-        text.appendFormat("%d: ", mErrorCode);
-    }
+    if (mException == EX_TRANSACTION_FAILED) text.appendFormat("%d: ", mErrorCode);
     return text + mMessage + "'";
 }
 

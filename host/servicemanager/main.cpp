@@ -32,44 +32,31 @@ class ServiceManager : public host::os::BnServiceManager, public IBinder::DeathR
   public:
     Status checkService(const std::string& name, sp<IBinder>* service) override {
         const auto found = mServices.find(name);
-        *service = found == mServices.end() ? nullptr : found->second.binder;
+        *service = found == mServices.end() ? nullptr : found->second;
         return Status::ok();
     }
 
-    Status addService(const std::string& name, const sp<IBinder>& binder,
-                      int32_t dumpPriority) override {
+    Status addService(const std::string& name, const sp<IBinder>& binder) override {
         if (!isLegalName(name)) {
             return Status::fromExceptionCode(Status::EX_ILLEGAL_ARGUMENT, "illegal service name");
         }
         if (binder->linkToDeath(this) != android::OK) {
             return Status::fromExceptionCode(Status::EX_ILLEGAL_STATE, "the service is dead");
         }
-        Service& service = mServices[name];
-        if (service.binder != nullptr) service.binder->unlinkToDeath(this);
-        service = {binder, dumpPriority};
-        return Status::ok();
-    }
-
-    Status listServices(int32_t dumpPriorities, std::vector<std::string>* names) override {
-        for (const auto& [name, service] : mServices) {
-            if (service.dumpPriority & dumpPriorities) names->push_back(name);
-        }
+        sp<IBinder>& service = mServices[name];
+        if (service != nullptr) service->unlinkToDeath(this);
+        service = binder;
         return Status::ok();
     }
 
     void binderDied(const wp<IBinder>& who) override {
         for (auto it = mServices.begin(); it != mServices.end();) {
-            it = who == it->second.binder ? mServices.erase(it) : std::next(it);
+            it = who == it->second ? mServices.erase(it) : std::next(it);
         }
     }
 
   private:
-    struct Service {
-        sp<IBinder> binder;
-        int32_t dumpPriority;
-    };
-
-    std::map<std::string, Service> mServices;
+    std::map<std::string, sp<IBinder>> mServices;
 };
 
 }  // namespace

@@ -17,10 +17,9 @@ class Refusal : public host::os::BnServiceManager {
     Status checkService(const std::string&, android::sp<android::IBinder>*) override {
         return Status::ok();
     }
-    Status addService(const std::string&, const android::sp<android::IBinder>&, int32_t) override {
+    Status addService(const std::string&, const android::sp<android::IBinder>&) override {
         return Status::fromExceptionCode(Status::EX_SECURITY);
     }
-    Status listServices(int32_t, std::vector<std::string>*) override { return Status::ok(); }
 };
 
 }  // namespace

@@ -40,8 +40,26 @@ constexpr char kGood[] =
 constexpr char kBetter[] =
     "<usbconfig mode=\"blacklist\"><class>USB_CLASS_VIDEO</class></usbconfig>\n";
 constexpr char kBad[] = "<usbconfig mode=\"sometimes\"/>\n";
-constexpr char kReset[] = "usb_host_reset entered:";
+constexpr char kReset[] = "I usb_host_reset entered:";
 constexpr char kParse[] = "I Admin usb_device_config.xml config file call parsing";
+
+std::string path(const std::string& name) { return configDirectory + ("/" + name); }
+
+/** Writes a good rules file, and waits for the end of what that starts. */
+std::vector<std::string> accept(const std::string& rules) {
+    writeFile(configFilePath, rules);
+    return takeLogUntil(kReset);
+}
+
+int countOf(const std::string& line, const std::vector<std::string>& log) {
+    return std::count(log.begin(), log.end(), line);
+}
+
+void expectAccepted(const std::string& rules) {
+    EXPECT_EQ(readFile(configFilePath), rules);
+    EXPECT_EQ(readFile(backupFilePath), rules);
+    EXPECT_EQ(readFile(statusFilePath), "SUCCESS");
+}
 
 /** The observer's thread, on the private directory and with the kernel's inotify. */
 class Observer {
@@ -83,7 +101,7 @@ class Observer {
     std::thread thread_;
 };
 
-class ObserverTest : public KusTest {
+class ObserverTest : public ServiceTest {
   protected:
     ObserverTest() { takeLogUntil("registered successfully file observer"); }
 
@@ -91,66 +109,44 @@ class ObserverTest : public KusTest {
 };
 
 TEST_F(ObserverTest, AGoodRewriteBecomesTheBackup) {
-    writeFile(configFilePath, kGood);
-    const auto log = takeLogUntil(kReset);
-    EXPECT_THAT(
-        log, Contains("I CLOSE_WRITE event triggered on filename " + std::string(configFilePath)));
+    const auto log = accept(kGood);
     const auto parsed = std::find(log.begin(), log.end(), "I Parsing status xml_parse_status 1");
-    ASSERT_NE(parsed, log.end());
+    ASSERT_GE(log.end() - parsed, 4);
+    EXPECT_EQ(log[0], "I CLOSE_WRITE event triggered on filename " + path("usb_device_config.xml"));
+    EXPECT_EQ(log[1], kParse);
     EXPECT_EQ(parsed[1], "I Parsing success, so update status file and create backup");
     EXPECT_EQ(parsed[2], "I updateErrorFile called with error message : SUCCESS");
     EXPECT_EQ(parsed[3], "I  USB xml src path is " + std::string(configFilePath));
-    EXPECT_EQ(readFile(backupFilePath), kGood);
-    EXPECT_EQ(readFile(statusFilePath), "SUCCESS");
+    expectAccepted(kGood);
     EXPECT_THAT(classList, ElementsAre(1));
 }
 
 TEST_F(ObserverTest, ABadRewriteIsUndoneAndKeepsItsStatus) {
-    writeFile(configFilePath, kGood);
-    takeLogUntil(kReset);
-    writeFile(configFilePath, kBad);
-    auto log = takeLogUntil("Parsing status xml_parse_status 1");
-    EXPECT_THAT(log, Contains("I Parsing failure, copying backup file content"));
-    // The next rewrite is an ordinary one again.
-    writeFile(configFilePath, kBetter);
-    const auto next = takeLogUntil(kReset);
-    log.insert(log.end(), next.begin(), next.end());
-    // One for the bad file, none for its restore, one for the last.
-    EXPECT_EQ(std::count_if(log.begin(), log.end(),
-                            [](const std::string& line) {
-                                return line.find("updateErrorFile called") != std::string::npos;
-                            }),
-              2);
-    EXPECT_EQ(std::count(log.begin(), log.end(), kParse), 3);
-    EXPECT_EQ(std::count(log.begin(), log.end(), std::string("I ") + kReset), 1);
-    EXPECT_EQ(readFile(statusFilePath), "SUCCESS");
-    EXPECT_EQ(readFile(backupFilePath), kBetter);
-    EXPECT_EQ(configMode, "blacklist");
-}
-
-TEST_F(ObserverTest, ABadRewriteAfterABadRewriteIsUndoneToo) {
-    writeFile(configFilePath, kGood);
-    takeLogUntil(kReset);
-    for (const char* bad : {kBad, "<broken"}) {
+    accept(kGood);
+    for (const auto& [bad, status] : {std::pair(kBad, "INVALID MODE"), {"<broken", "Error="}}) {
         writeFile(configFilePath, bad);
-        takeLogUntil("Parsing status xml_parse_status 1");
+        const auto log = takeLogUntil("Parsing status xml_parse_status 1");
+        EXPECT_THAT(log, Contains("I Parsing failure, copying backup file content"));
+        EXPECT_EQ(countOf(kParse, log), 2) << "the bad one's and the restored one's";
         EXPECT_EQ(readFile(configFilePath), kGood);
         EXPECT_EQ(readFile(backupFilePath), kGood);
+        EXPECT_THAT(readFile(statusFilePath), StartsWith(status));
     }
-    EXPECT_THAT(readFile(statusFilePath), StartsWith("Error=XML_ERROR_PARSING"));
+    // The next rewrite is an ordinary one again, and the only one that is told.
+    const auto log = accept(kBetter);
+    EXPECT_EQ(countOf("I updateErrorFile called with error message : SUCCESS", log), 1);
+    expectAccepted(kBetter);
 }
 
 TEST_F(ObserverTest, OtherFilesAndOtherEventsAreNoRewrite) {
-    writeFile(backupFilePath, kGood);
-    writeFile(std::string(configDirectory) + "/usb_device_config.xml.new", kGood);
+    writeFile(path("usb_device_config.xml.new"), kGood);
     // An event on the watched directory itself, which comes without a name.
     chmod(configDirectory, 0700);
     writeFile("/data/system/other", "");
-    writeFile(std::string(configDirectory) + "/end", "");
-    const auto log = takeLogUntil("filename /data/system/usbdeviceconfig/end");
-    EXPECT_THAT(log, Not(Contains(kParse)));
-    EXPECT_THAT(log, Contains(HasSubstr("usb_device_config_backup.xml")));
-    EXPECT_THAT(log, Not(Contains(HasSubstr("/data/system/other"))));
+    writeFile(path("end"), "");
+    const std::string event = "I CLOSE_WRITE event triggered on filename ";
+    EXPECT_THAT(takeLogUntil(path("end")),
+                ElementsAre(event + path("usb_device_config.xml.new"), event + path("end")));
 }
 
 // While the first parse waits for the lock, the kernel collects what follows.
@@ -158,58 +154,52 @@ TEST_F(ObserverTest, EventsThatComeInOneReadAreAllWalked) {
     {
         const std::shared_lock held(ruleTablesLock);
         writeFile(configFilePath, kGood);
-        takeLogUntil(kParse + 2);
-        writeFile(std::string(configDirectory) + "/a", "");
+        takeLogUntil(kParse);
+        writeFile(path("a"), "");
         writeFile(configFilePath, kBetter);
-        writeFile(std::string(configDirectory) + "/a_much_longer_name_than_the_others", "");
+        writeFile(path("a_much_longer_name_than_the_others"), "");
         writeFile(configFilePath, kGood);
-        writeFile(std::string(configDirectory) + "/end", "");
+        writeFile(path("end"), "");
     }
-    const auto log = takeLogUntil("usbdeviceconfig/end");
-    EXPECT_EQ(std::count(log.begin(), log.end(), kParse), 2) << "besides the first";
+    const auto log = takeLogUntil(path("end"));
+    EXPECT_EQ(countOf(kParse, log), 2) << "besides the first";
     EXPECT_THAT(log, Contains(HasSubstr("/a_much_longer_name_than_the_others")));
     EXPECT_EQ(configMode, "whitelist");
 }
 
 // The refused text is never restored over, however long it takes to write the next one.
 TEST_F(ObserverTest, ARefusedFileThatIsBeingRewrittenIsLeftToTheRewrite) {
-    writeFile(configFilePath, kGood);
-    takeLogUntil(kReset);
-    int fd;
+    accept(kGood);
+    base::unique_fd rules;
     {
         const std::shared_lock held(ruleTablesLock);
         writeFile(configFilePath, kBad);
-        takeLogUntil(kParse + 2);
-        fd = open(configFilePath, O_WRONLY | O_TRUNC | O_CLOEXEC);
+        takeLogUntil(kParse);
+        rules.reset(open(configFilePath, O_WRONLY | O_TRUNC | O_CLOEXEC));
     }
     takeLogUntil("Parsing status xml_parse_status 0");
     usleep(200000);
-    ASSERT_TRUE(base::WriteStringToFd(kBetter, fd));
-    close(fd);
-    const auto log = takeLogUntil(kReset);
-    EXPECT_THAT(log, Not(Contains(HasSubstr("Parsing failure"))));
-    EXPECT_EQ(readFile(configFilePath), kBetter);
-    EXPECT_EQ(readFile(backupFilePath), kBetter);
-    EXPECT_EQ(readFile(statusFilePath), "SUCCESS");
+    ASSERT_TRUE(base::WriteStringToFd(kBetter, rules));
+    rules.reset();
+    EXPECT_THAT(takeLogUntil(kReset), Not(Contains(HasSubstr("Parsing failure"))));
+    expectAccepted(kBetter);
 }
 
 TEST_F(ObserverTest, WithoutABackupARestoreIsTriedOnceASecond) {
     writeFile(configFilePath, kBad);
     takeLogUntil("Parsing status xml_parse_status 0");
     usleep(2500000);
-    const auto log = takeLog();
-    EXPECT_THAT(std::count(log.begin(), log.end(), kParse), testing::AllOf(Ge(2), Le(4)));
+    EXPECT_THAT(countOf(kParse, takeLog()), testing::AllOf(Ge(2), Le(4)));
     writeFile(configFilePath, kGood);
     takeLogUntil(kReset, std::chrono::milliseconds(500));
-    EXPECT_EQ(readFile(backupFilePath), kGood);
-    EXPECT_EQ(readFile(statusFilePath), "SUCCESS");
+    expectAccepted(kGood);
 }
 
 // The kernel drops what its queue has no room for, and says just that it did.
 TEST_F(ObserverTest, ARewriteWhoseEventIsLostIsFound) {
-    std::ifstream limit("/proc/sys/fs/inotify/max_queued_events");
-    int events;
-    ASSERT_TRUE(limit >> events);
+    int events = 0;
+    std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> events;
+    ASSERT_GT(events, 0);
     // Keeps the observer waiting.
     ASSERT_EQ(mkfifo(statusFilePath, 0600), 0);
     writeFile(configFilePath, kGood);
@@ -226,7 +216,7 @@ TEST_F(ObserverTest, ARewriteWhoseEventIsLostIsFound) {
     EXPECT_EQ(status, "SUCCESS");
     takeLogUntil(kReset);
     takeLogUntil(kReset);
-    EXPECT_EQ(readFile(backupFilePath), kBetter);
+    expectAccepted(kBetter);
     EXPECT_EQ(configMode, "blacklist");
 }
 
@@ -236,15 +226,12 @@ TEST_F(ObserverTest, RulesDoNotWaitForAReset) {
         for (const char* rules : {kGood, kBetter, kGood, kBetter}) {
             writeFile(configFilePath, rules);
             takeLogUntil("copied successfully");
-            EXPECT_EQ(readFile(statusFilePath), "SUCCESS");
-            EXPECT_EQ(readFile(backupFilePath), rules);
+            expectAccepted(rules);
         }
         takeLog();
     }
     usleep(50000);
-    writeFile(configFilePath, kGood);
-    const auto log = takeLogUntil(kReset);
-    EXPECT_EQ(std::count(log.begin(), log.end(), std::string("I ") + kReset), 1);
+    EXPECT_EQ(countOf(kReset, accept(kGood)), 1);
 }
 
 // For the thread sanitizer. Both good files allow class 1 and refuse class 8; what the refused one
@@ -258,46 +245,38 @@ TEST_F(ObserverTest, EightThreadsCallEverythingWhileRulesAreRewritten) {
     writeFile("/sys/class/power_supply/dc/online", "1");
     addDevice("1-1", 1);
     addInterface("1-1:1.0", 8);
-    writeFile(configFilePath, kGood);
-    takeLogUntil(kReset);
+    accept(kGood);
 
-    const sp<KUsbService> service = new KUsbService();
     const sp<FakeClient> loyal = new FakeClient();
-    const auto decide = [&](const DeviceInfo& device, bool expected) {
-        bool allowed = !expected;
-        service->isDeviceAllowed(device, &allowed);
-        EXPECT_EQ(allowed, expected) << device.deviceName;
-    };
     const std::function<void()> calls[] = {
-        [&] { decide(usbDevice(1001, {8}), false); },
-        [&] { decide(usbDevice(1002, {1}), true); },
+        [&] { EXPECT_FALSE(isAllowed(usbDevice(1001, {8}))); },
+        [&] { EXPECT_TRUE(isAllowed(usbDevice(1002, {1}))); },
         [&] {
-            bool allowed;
-            service->isDeviceAllowed(inputDevice(1003, 0x101), &allowed);
-            service->updateDeviceList(inputDevice(1003, 0x101), 0);
+            isAllowed(inputDevice(1003, 0x101));
+            remove(inputDevice(1003, 0x101));
         },
         [&] {
-            std::vector<DeviceInfo> devices;
-            service->getDeviceList(&devices);
-            service->updateDeviceList(usbDevice(1001, {8}), 0);
+            deviceList();
+            remove(usbDevice(1001, {8}));
         },
         [&] {
-            service->registerKusCallback(loyal);
-            service->unregisterKusCallback(loyal);
+            service_->registerKusCallback(loyal);
+            service_->unregisterKusCallback(loyal);
         },
         [&] {
             const sp<FakeClient> dying = new FakeClient();
-            service->registerKusCallback(dying);
+            service_->registerKusCallback(dying);
             dying->die();
         },
-        [&, wait = -1]() mutable { service->resetUsbDevices(wait = -wait); },
+        [&, wait = -1]() mutable { service_->resetUsbDevices(wait = -wait); },
         [&] {
             const base::unique_fd fd(open("/dev/null", O_WRONLY | O_CLOEXEC));
             Vector<String16> topology;
             topology.add(String16("test"));
-            service->dump(fd, {});
-            service->dump(fd, topology);
-        }};
+            service_->dump(fd, {});
+            service_->dump(fd, topology);
+        },
+    };
     std::atomic<bool> ended = false;
     std::vector<std::thread> threads;
     for (const auto& call : calls) {
@@ -317,7 +296,7 @@ TEST_F(KusTest, ARewriteBeforeTheWatchIsFound) {
     writeFile(configFilePath, kGood);
     const Observer observer;
     takeLogUntil(kReset);
-    EXPECT_EQ(readFile(backupFilePath), kGood);
+    expectAccepted(kGood);
 }
 
 TEST_F(ObserverTest, AnInterruptedReadGoesOnAndAFailedOneEndsTheThread) {
@@ -330,8 +309,7 @@ TEST_F(ObserverTest, AnInterruptedReadGoesOnAndAFailedOneEndsTheThread) {
     });
     takeLogUntil("(errno == EINTR)");
     interrupter.join();
-    writeFile(configFilePath, kGood);
-    takeLogUntil(kReset);
+    accept(kGood);
     observer_.end();
     EXPECT_THAT(takeLog(), Contains("I Could not get read event, Bad file descriptor"));
 }
@@ -339,10 +317,8 @@ TEST_F(ObserverTest, AnInterruptedReadGoesOnAndAFailedOneEndsTheThread) {
 TEST_F(KusTest, AnObserverWithoutADirectorySaysSo) {
     fs::remove_all(configDirectory);
     const Observer observer;
-    EXPECT_THAT(
-        takeLogUntil("Could not register INotify"),
-        ElementsAre("I No directory",
-                    std::string("E -1 < 0 Could not register INotify for") + configDirectory));
+    const std::string error = "E -1 < 0 Could not register INotify for";
+    EXPECT_THAT(takeLogUntil(error), ElementsAre("I No directory", error + configDirectory));
 }
 
 }  // namespace

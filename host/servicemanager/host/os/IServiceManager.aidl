@@ -9,7 +9,5 @@ interface IServiceManager {
      * Takes the place of a service that has the name already. A name of 1 to 127 of the characters
      * a-z A-Z 0-9 _ - . / is legal; any other is EX_ILLEGAL_ARGUMENT.
      */
-    void addService(@utf8InCpp String name, IBinder service, int dumpPriority);
-    /** Names, in order, of the services added with any of the given dump priorities. */
-    @utf8InCpp String[] listServices(int dumpPriorities);
+    void addService(@utf8InCpp String name, IBinder service);
 }
