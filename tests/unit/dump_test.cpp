@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/file.h>
+#include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -7,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <thread>
 
 #include "service_test.h"
@@ -19,10 +21,17 @@ namespace {
 
 constexpr char kNoTopology[] = "USB Test \n\n\nDeviceIdMap size0\n";
 
+std::string golden(const std::string& name) { return readFile(TEST_DATA "/" + name); }
+
 Vector<String16> parcelled(const Texts& texts) {
     Vector<String16> arguments;
     for (const std::string& text : texts) arguments.add(String16(text.c_str()));
     return arguments;
+}
+
+void scan(const Texts& names) {
+    for (const std::string& name : names) UsbDevice::inspect_bus_entry(name.c_str());
+    UsbDevice::connect_devices();
 }
 
 class DumpTest : public ServiceTest {
@@ -48,7 +57,7 @@ TEST_F(DumpTest, ListsInputDevicesBeforeUsbDevices) {
     configMode = "default";
     mUsbDeviceInfoList[7] = std::make_unique<DeviceInfo>(usbDevice(7, {}));
     isAllowed(inputDevice(1000001, 0x2302));
-    EXPECT_EQ(dump(), readFile(std::string(TEST_DATA) + "/device_dump.txt"));
+    EXPECT_EQ(dump(), golden("device_dump.txt"));
 }
 
 // A hub with a device behind it, a composite device, a root hub's interface, an orphan. The entries
@@ -64,16 +73,27 @@ TEST_F(DumpTest, PrintsTheTopologyToTheByte) {
     addInterface("1-2:1.1", 8);
     addInterface("1-0:1.0", 9);
     addInterface("1-9:1.0", 8);
-    for (const char* entry : {"usb1", "1-1", "1-1:1.0", "1-1.3", "1-1.3:1.0", "1-2", "1-2:1.0",
-                              "1-2:1.1", "1-0:1.0", "1-9:1.0"}) {
-        UsbDevice::inspect_bus_entry(entry);
-    }
-    UsbDevice::connect_devices();
+    scan({"usb1", "1-1", "1-1:1.0", "1-1.3", "1-1.3:1.0", "1-2", "1-2:1.0", "1-2:1.1", "1-0:1.0",
+          "1-9:1.0"});
     TemporaryFile file;
     UsbDevice::print_tree(file.fd);
     UsbDevice::print_interfacelist(file.fd);
     UsbDevice::print_deviceid_map(file.fd);
-    EXPECT_EQ(readFile(file.path), readFile(std::string(TEST_DATA) + "/topology_dump.txt"));
+    EXPECT_EQ(readFile(file.path), golden("topology_dump.txt"));
+}
+
+// "Entered while" names each file of an interface, in the file system's order: they have one each.
+TEST_F(DumpTest, TraceTellsEveryStepOfAScan) {
+    addDevice("1-1.3", 4);
+    for (const char* directory :
+         {"1-1.3:1.0/net/usb0", "1-1.3:1.1/tty/ttyACM0", "1-1.3:1.2/0003:1:2.3/input"}) {
+        std::filesystem::create_directories(sysfsPath(directory, ""));
+    }
+    UsbDevice::verbose_trace = true;
+    stderrOf([] {
+        scan({"usb2", "1-1", "1-1.2", "1-1.3", "1-1.3:1.0", "1-1.3:1.1", "1-1.3:1.2", "2-0:0.0"});
+    });
+    EXPECT_EQ(base::Join(takeLog(), '\n') + "\n", golden("scan_trace.txt"));
 }
 
 TEST_F(DumpTest, TheTopologyIsScannedAnewAndPrintedOnRequest) {

@@ -4,8 +4,10 @@
 #include <android/kus/BnKUsbServiceCallback.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <functional>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -101,11 +103,23 @@ class FakeClient : public BnKUsbServiceCallback {
 /** A service that no one has registered, on a machine without USB devices. */
 class ServiceTest : public KusTest {
   protected:
-    ServiceTest();
+    ServiceTest() { std::filesystem::create_directories("/sys/bus/usb/devices"); }
 
-    bool isAllowed(const DeviceInfo& device);
-    void remove(const DeviceInfo& device);
-    std::vector<DeviceInfo> deviceList();
+    bool isAllowed(const DeviceInfo& device) {
+        bool allowed = false;
+        EXPECT_TRUE(service_->isDeviceAllowed(device, &allowed).isOk());
+        return allowed;
+    }
+
+    void remove(const DeviceInfo& device) {
+        EXPECT_TRUE(service_->updateDeviceList(device, 0).isOk());
+    }
+
+    std::vector<DeviceInfo> deviceList() {
+        std::vector<DeviceInfo> devices;
+        EXPECT_TRUE(service_->getDeviceList(&devices).isOk());
+        return devices;
+    }
 
     const sp<KUsbService> service_ = new KUsbService();
     /** Not registered yet. */
@@ -113,13 +127,36 @@ class ServiceTest : public KusTest {
 };
 
 /** A USB device (`deviceType` 0). */
-DeviceInfo usbDevice(int32_t id, std::vector<int32_t> interfaceClasses, int32_t vendor = 1,
-                     int32_t product = 1);
+inline DeviceInfo usbDevice(int32_t id, std::vector<int32_t> interfaceClasses, int32_t vendor = 1,
+                            int32_t product = 1) {
+    DeviceInfo device;
+    device.deviceName = "usb" + std::to_string(id);
+    device.deviceId = id;
+    device.interfaceClassList = std::move(interfaceClasses);
+    device.vendorId = vendor;
+    device.productId = product;
+    return device;
+}
 
 /** A device of the input subsystem (`deviceType` 1). */
-DeviceInfo inputDevice(int32_t id, int32_t sources, int32_t vendor = 1, int32_t product = 1);
+inline DeviceInfo inputDevice(int32_t id, int32_t sources, int32_t vendor = 1,
+                              int32_t product = 1) {
+    DeviceInfo device = usbDevice(id, {}, vendor, product);
+    device.deviceName = "input" + std::to_string(id);
+    device.deviceClass = sources;
+    device.deviceType = 1;
+    return device;
+}
 
 /** Every field of a record, in order. */
-std::string text(const DeviceInfo& device);
+inline std::string text(const DeviceInfo& device) {
+    std::ostringstream text;
+    text << device.deviceName << ", id " << device.deviceId << ", class " << device.deviceClass
+         << ", interfaces " << testing::PrintToString(device.interfaceClassList) << ", "
+         << device.vendorId << ":" << device.productId << ", status " << device.status << ", type "
+         << device.deviceType << ", reason " << device.reason << ", category " << device.category
+         << " " << device.categoryPath;
+    return text.str();
+}
 
 }  // namespace android::kus

@@ -54,45 +54,44 @@ TEST_F(SysfsScan, EntriesAreToldApartByTheirNames) {
     EXPECT_EQ(ignored, " '.x' 'usb' 'usb/' 'usb:' 'usbmon' 'us1' 'Usb1' 'uevent' 'lost+found'");
 }
 
-TEST_F(SysfsScan, IntegerAttributes) {
-    // Eleven bytes are read.
-    const std::tuple<const char*, int, unsigned int> cases[] = {{"0x1a\n", 16, 26},
-                                                                {"0x1a\n", 10, 0},
-                                                                {"1a\n", 16, 26},
-                                                                {" 12 MHz", 10, 12},
-                                                                {"", 16, 0},
-                                                                {"none\n", 10, 0},
-                                                                {"4294967295", 10, 4294967295},
-                                                                {"0x00000001ff", 16, 0x1f}};
-    for (const auto& [text, base, value] : cases) {
-        writeFile(sysfsPath("1-1", "value"), text);
-        EXPECT_EQ(UsbDevice::read_sysfs_file_int("1-1", "value", base), value) << text;
+TEST_F(SysfsScan, AttributesAreReadAsIntegersAndAsTexts) {
+    const std::string fits(63, 'x');
+    // Eleven bytes make an integer, 63 a text.
+    const struct {
+        std::string content;
+        unsigned int decimal, hexadecimal;
+        std::string text;
+    } cases[] = {{"0x1a\n", 0, 0x1a, "0x1a"},
+                 {" 12 MHz", 12, 0x12, " 12 MHz"},
+                 {"x", 0, 0, "x"},
+                 {"ffffffff", 0, 0xffffffff, "ffffffff"},
+                 {"0x00000001ff", 0, 0x1f, "0x00000001ff"},
+                 {"\n\n", 0, 0, ""},
+                 {"\nx\n\ny\n\n", 0, 0, " x  y"},
+                 {fits, 0, 0, fits},
+                 {fits + "\n", 0, 0, ""}};
+    char text[64];
+    for (const auto& c : cases) {
+        writeFile(sysfsPath("1-1", "value"), c.content);
+        EXPECT_EQ(UsbDevice::read_sysfs_file_int("1-1", "value", 10), c.decimal) << c.content;
+        EXPECT_EQ(UsbDevice::read_sysfs_file_int("1-1", "value", 16), c.hexadecimal) << c.content;
+        UsbDevice::read_sysfs_file_string("1-1", "value", text, sizeof(text));
+        EXPECT_EQ(text, c.text);
     }
-    fs::create_directory(sysfsPath("1-1", "power"));
+}
+
+TEST_F(SysfsScan, AttributesThatCannotBeReadAreZeroOrEmpty) {
+    fs::create_directories(sysfsPath("1-1", "power"));
     EXPECT_EQ(stderrOf([] {
                   EXPECT_EQ(UsbDevice::read_sysfs_file_int("1-1", "none", 10), 0u);
                   EXPECT_EQ(UsbDevice::read_sysfs_file_int("1-1", "power", 10), 0u);
               }),
               "/sys/bus/usb/devices/1-1/none: No such file or directory\n"
               "/sys/bus/usb/devices/1-1/power: Is a directory\n");
-}
-
-TEST_F(SysfsScan, TextAttributes) {
-    const std::string fits(63, 'x');
-    const std::pair<std::string, std::string> cases[] = {
-        {"Foo\n", "Foo"}, {"Foo", "Foo"},    {"\n\n", ""},     {"A\nB\n", "A B"},
-        {" a ", " a "},   {"x", "x"},        {"", ""},         {"\nA\n\nB\n\n", " A  B"},
-        {fits, fits},     {fits + "\n", ""}, {fits + "xy", ""}};
-    char value[64];
-    for (const auto& [text, expected] : cases) {
-        writeFile(sysfsPath("1-1", "text"), text);
-        UsbDevice::read_sysfs_file_string("1-1", "text", value, sizeof(value));
-        EXPECT_EQ(value, expected) << testing::PrintToString(text);
-    }
     for (const std::string& entry : {std::string("1-2"), std::string(4096, 'x')}) {
-        strcpy(value, "old");
-        UsbDevice::read_sysfs_file_string(entry.c_str(), "text", value, sizeof(value));
-        EXPECT_STREQ(value, "");
+        char text[] = "old";
+        UsbDevice::read_sysfs_file_string(entry.c_str(), "text", text, sizeof(text));
+        EXPECT_STREQ(text, "");
     }
 }
 
@@ -191,18 +190,6 @@ TEST_F(SysfsScan, RecordsHangOffTheirParents) {
         owners.push_back(i.parent ? i.parent->name : "");
     }
     EXPECT_THAT(owners, ElementsAre("1-1", "1-1.3", "1-1", "", "", "", ""));
-}
-
-TEST_F(SysfsScan, TraceTellsEveryStep) {
-    addDevice("1-1.3", 4);
-    for (const char* directory :
-         {"1-1.3:1.0/net/usb0", "1-1.3:1.1/tty/ttyACM0", "1-1.3:1.2/0003:1:2.3/input"}) {
-        fs::create_directories(sysfsPath(directory, ""));
-    }
-    UsbDevice::verbose_trace = true;
-    scan("usb2 1-1 1-1.2 1-1.3 1-1.3:1.0 1-1.3:1.1 1-1.3:1.2 2-0:0.0");
-    EXPECT_EQ(base::Join(takeLog(), '\n') + "\n",
-              readFile(std::string(TEST_DATA) + "/scan_trace.txt"));
 }
 
 }  // namespace
