@@ -29,11 +29,6 @@ Vector<String16> parcelled(const Texts& texts) {
     return arguments;
 }
 
-void scan(const Texts& names) {
-    for (const std::string& name : names) UsbDevice::inspect_bus_entry(name.c_str());
-    UsbDevice::connect_devices();
-}
-
 class DumpTest : public ServiceTest {
   protected:
     std::string dump(const Texts& arguments = {}) {
@@ -60,10 +55,8 @@ TEST_F(DumpTest, ListsInputDevicesBeforeUsbDevices) {
     EXPECT_EQ(dump(), golden("device_dump.txt"));
 }
 
-// A hub with a device behind it, a composite device, a root hub's interface, an orphan. The entries
-// are given in this order because that of a directory is the file system's.
+// The entries are given in this order because that of a directory is the file system's.
 TEST_F(DumpTest, PrintsTheTopologyToTheByte) {
-    addEntry("usb1");
     addDevice("1-1", 2, 0x0424, 0x2514);
     addInterface("1-1:1.0", 9);
     addDevice("1-1.3", 5, 0x046d, 0xc31c);
@@ -71,10 +64,13 @@ TEST_F(DumpTest, PrintsTheTopologyToTheByte) {
     addDevice("1-2", 4, 0x0483, 0x5740);
     addInterface("1-2:1.0", 2, {"tty/ttyACM0"});
     addInterface("1-2:1.1", 8);
-    addInterface("1-0:1.0", 9);
-    addInterface("1-9:1.0", 8);
-    scan({"usb1", "1-1", "1-1:1.0", "1-1.3", "1-1.3:1.0", "1-2", "1-2:1.0", "1-2:1.1", "1-0:1.0",
-          "1-9:1.0"});
+    scan(
+        // A hub with a device behind it, a composite device, a root hub's interface, an orphan.
+        "usb1 1-1 1-1:1.0 1-1.3 1-1.3:1.0 1-2 1-2:1.0 1-2:1.1 1-0:1.0 1-9:1.0 "
+        // Before what they hang off; 12-11 has the bus and the port of 12-10.11, but is no hub.
+        "12-11:1.0 12-11 12-10.11.3:1.0 12-10.11.3 12-10.11.4 12-10.11.4:1.0 12-10.11 12-10 usb12 "
+        // Without their hub, their bus, their hub on their bus.
+        "1-5.1 1-5.1:1.0 3-1 3-1:1.0 12-2.1 12-2.1:1.0");
     TemporaryFile file;
     UsbDevice::print_tree(file.fd);
     UsbDevice::print_interfacelist(file.fd);
@@ -90,9 +86,7 @@ TEST_F(DumpTest, TraceTellsEveryStepOfAScan) {
         std::filesystem::create_directories(sysfsPath(directory, ""));
     }
     UsbDevice::verbose_trace = true;
-    stderrOf([] {
-        scan({"usb2", "1-1", "1-1.2", "1-1.3", "1-1.3:1.0", "1-1.3:1.1", "1-1.3:1.2", "2-0:0.0"});
-    });
+    scan("usb2 1-1 1-1.2 1-1.3 1-1.3:1.0 1-1.3:1.1 1-1.3:1.2 2-0:0.0");
     EXPECT_EQ(base::Join(takeLog(), '\n') + "\n", golden("scan_trace.txt"));
 }
 

@@ -127,14 +127,15 @@ using RegistrationDeathTest = Registration;
 // In a process of its own, because a process registers once.
 TEST_F(RegistrationDeathTest, RefusedRulesStopNothingAndAreNotUndone) {
     const std::string rules = "<usbconfig mode=\"whitelist\"><foo/></usbconfig>";
-    writeFile(backupFilePath, "the last good rules");
     writeFile(configFilePath, rules);
+    writeFile(backupFilePath, "the last good rules");
+    writeFile(statusFilePath, "SUCCESS");
     property_set("ro.build.type", "user");
     const auto registerService = [&] {
         KUsbService::Register();
         fputs(base::Join(takeLog(), '\n').c_str(), stderr);
-        const bool published = manager_->added != nullptr;
-        _exit(published && Util::getMode() == "whitelist" && !isUserDebugBuild ? 0 : 1);
+        _exit(manager_->added == nullptr || Util::getMode() != "whitelist" || isUserDebugBuild ||
+              rulesAreLeftByCrash);
     };
     EXPECT_EXIT(registerService(), testing::ExitedWithCode(0),
                 "I  parsing failed\nI Register called in ku_service\n"

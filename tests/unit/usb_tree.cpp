@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "kus_test.h"
+#include "usbdevice/UsbDevice.h"
 
 namespace fs = std::filesystem;
 using android::base::StringPrintf;
@@ -48,6 +49,15 @@ void addInterface(const std::string& name, int interfaceClass, const Texts& dire
 void addDevice(const std::string& name, int devnum, int vendor, int product) {
     addEntry(name, StringPrintf("authorized=1, devnum=%d, idVendor=%04x, idProduct=%04x", devnum,
                                 vendor, product));
+}
+
+std::string scan(const std::string& names) {
+    return stderrOf([&] {
+        for (const std::string& name : base::Split(names, " ")) {
+            UsbDevice::inspect_bus_entry(name.c_str());
+        }
+        UsbDevice::connect_devices();
+    });
 }
 
 std::string sysfsPath(const std::string& entry, const std::string& below) {

@@ -23,6 +23,9 @@ void addInterface(const std::string& name, int interfaceClass,
 /** Adds a device such as 1-2, without interfaces. */
 void addDevice(const std::string& name, int devnum, int vendor = 0x1234, int product = 0x5678);
 
+/** Scans entries, in this order, whatever they lack, and returns what goes to standard error. */
+std::string scan(const std::string& names);
+
 /** The path of an entry's attribute or subdirectory. */
 std::string sysfsPath(const std::string& entry, const std::string& below);
 
