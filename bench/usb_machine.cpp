@@ -12,7 +12,9 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <initializer_list>
+#include <map>
 
 #include "usb_tree.h"
 #include "usbdevice/UsbDevice.h"
@@ -62,6 +64,33 @@ const InterfaceKind& kindOf(int interface) { return kKinds[interface % std::size
 
 bool isBus(const std::string& entry) { return entry.front() == 'u'; }
 bool isInterface(const std::string& entry) { return entry.find(':') != std::string::npos; }
+
+using Attributes = std::map<std::string, std::string>;
+
+/** A directory below `parent`, and the link to it; "driver" is a link, too. */
+void addEntry(const std::string& name, const Attributes& attributes, const std::string& parent) {
+    const fs::path directory = fs::path(parent) / name;
+    fs::create_directories(directory);
+    fs::create_directories(kUsbDevicesPath);
+    fs::create_directory_symlink(directory.lexically_relative(kUsbDevicesPath),
+                                 fs::path(kUsbDevicesPath) / name);
+    for (const auto& [attribute, value] : attributes) {
+        if (attribute == "driver") {
+            fs::create_symlink("../../../bus/usb/drivers/" + value, directory / attribute);
+        } else {
+            std::ofstream(directory / attribute) << value << '\n';
+        }
+    }
+}
+
+/** The names in a directory as readdir gives them. */
+std::vector<std::string> readerOrder(const std::string& path) {
+    std::vector<std::string> names;
+    for (const fs::directory_entry& entry : fs::directory_iterator(path)) {
+        names.push_back(entry.path().filename());
+    }
+    return names;
+}
 
 Attributes attributes(std::initializer_list<std::vector<std::string>> lists, Attributes special) {
     for (const auto& names : lists) {

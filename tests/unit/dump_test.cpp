@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/file.h>
+#include <android-base/strings.h>
+#include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <thread>
 
 #include "service_test.h"
@@ -17,23 +19,25 @@
 namespace android::kus {
 namespace {
 
-using testing::Contains;
-using testing::HasSubstr;
+constexpr char kNoTopology[] = "USB Test \n\n\nDeviceIdMap size0\n";
 
-/** What `print` writes to a descriptor. */
-std::string printed(const std::function<void(int fd)>& print) {
-    TemporaryFile file;
-    print(file.fd);
-    return readFile(file.path);
+std::string golden(const std::string& name) { return readFile(TEST_DATA "/" + name); }
+
+Vector<String16> parcelled(const Texts& texts) {
+    Vector<String16> arguments;
+    for (const std::string& text : texts) arguments.add(String16(text.c_str()));
+    return arguments;
 }
 
 class DumpTest : public ServiceTest {
   protected:
-    std::string dump(const std::vector<const char*>& arguments = {}) {
-        Vector<String16> args;
-        for (const char* argument : arguments) args.add(String16(argument));
-        return printed([&](int fd) { EXPECT_EQ(service_->dump(fd, args), OK); });
+    std::string dump(const Texts& arguments = {}) {
+        TemporaryFile file;
+        EXPECT_EQ(service_->dump(file.fd, parcelled(arguments)), OK);
+        return readFile(file.path);
     }
+
+    const Vector<String16> topology_ = parcelled({"test"});
 };
 
 TEST_F(DumpTest, ListsInputDevicesBeforeUsbDevices) {
@@ -48,13 +52,11 @@ TEST_F(DumpTest, ListsInputDevicesBeforeUsbDevices) {
     configMode = "default";
     mUsbDeviceInfoList[7] = std::make_unique<DeviceInfo>(usbDevice(7, {}));
     isAllowed(inputDevice(1000001, 0x2302));
-    EXPECT_EQ(dump(), readFile(std::string(TEST_DATA) + "/device_dump.txt"));
+    EXPECT_EQ(dump(), golden("device_dump.txt"));
 }
 
-// A hub with a device behind it, a composite device, a root hub's interface, an orphan. The entries
-// are given in this order because that of a directory is the file system's.
+// The entries are given in this order because that of a directory is the file system's.
 TEST_F(DumpTest, PrintsTheTopologyToTheByte) {
-    addEntry("usb1", {{"devnum", "1"}});
     addDevice("1-1", 2, 0x0424, 0x2514);
     addInterface("1-1:1.0", 9);
     addDevice("1-1.3", 5, 0x046d, 0xc31c);
@@ -62,35 +64,42 @@ TEST_F(DumpTest, PrintsTheTopologyToTheByte) {
     addDevice("1-2", 4, 0x0483, 0x5740);
     addInterface("1-2:1.0", 2, {"tty/ttyACM0"});
     addInterface("1-2:1.1", 8);
-    addInterface("1-0:1.0", 9);
-    addInterface("1-9:1.0", 8);
-    const char* const entries[] = {"usb1", "1-1",     "1-1:1.0", "1-1.3",   "1-1.3:1.0",
-                                   "1-2",  "1-2:1.0", "1-2:1.1", "1-0:1.0", "1-9:1.0"};
-    stderrOf([&] {
-        for (const char* entry : entries) UsbDevice::inspect_bus_entry(entry);
-    });
-    UsbDevice::connect_devices();
-    const std::string text = printed([](int fd) {
-        UsbDevice::print_tree(fd);
-        UsbDevice::print_interfacelist(fd);
-        UsbDevice::print_deviceid_map(fd);
-    });
-    UsbDevice::delete_all_nodes();
-    UsbDevice::empty_list();
-    EXPECT_EQ(text, readFile(std::string(TEST_DATA) + "/topology_dump.txt"));
+    scan(
+        // A hub with a device behind it, a composite device, a root hub's interface, an orphan.
+        "usb1 1-1 1-1:1.0 1-1.3 1-1.3:1.0 1-2 1-2:1.0 1-2:1.1 1-0:1.0 1-9:1.0 "
+        // Before what they hang off; 12-11 has the bus and the port of 12-10.11, but is no hub.
+        "12-11:1.0 12-11 12-10.11.3:1.0 12-10.11.3 12-10.11.4 12-10.11.4:1.0 12-10.11 12-10 usb12 "
+        // Without their hub, their bus, their hub on their bus.
+        "1-5.1 1-5.1:1.0 3-1 3-1:1.0 12-2.1 12-2.1:1.0");
+    TemporaryFile file;
+    UsbDevice::print_tree(file.fd);
+    UsbDevice::print_interfacelist(file.fd);
+    UsbDevice::print_deviceid_map(file.fd);
+    EXPECT_EQ(readFile(file.path), golden("topology_dump.txt"));
+}
+
+// "Entered while" names each file of an interface, in the file system's order: they have one each.
+TEST_F(DumpTest, TraceTellsEveryStepOfAScan) {
+    addDevice("1-1.3", 4);
+    for (const char* directory :
+         {"1-1.3:1.0/net/usb0", "1-1.3:1.1/tty/ttyACM0", "1-1.3:1.2/0003:1:2.3/input"}) {
+        std::filesystem::create_directories(sysfsPath(directory, ""));
+    }
+    UsbDevice::verbose_trace = true;
+    scan("usb2 1-1 1-1.2 1-1.3 1-1.3:1.0 1-1.3:1.1 1-1.3:1.2 2-0:0.0");
+    EXPECT_EQ(base::Join(takeLog(), '\n') + "\n", golden("scan_trace.txt"));
 }
 
 TEST_F(DumpTest, TheTopologyIsScannedAnewAndPrintedOnRequest) {
-    EXPECT_EQ(dump({"test"}), "USB Test \n\n\nDeviceIdMap size0\n");
+    EXPECT_EQ(dump({"test"}), kNoTopology);
     addDevice("1-2", 4);
     addInterface("1-2:1.0", 8);
-    std::string text;
-    stderrOf([&] { text = dump({"test", "ignored"}); });
+    const std::string text = dump({"test", "ignored"});
     // Without a bus entry there is no tree; the interfaces and the map are printed all the same.
-    EXPECT_THAT(text, testing::StartsWith("USB Test \n\nprint_interfacelist  usbinterface:"));
+    EXPECT_THAT(text, StartsWith("USB Test \n\nprint_interfacelist  usbinterface:"));
     EXPECT_THAT(text,
                 HasSubstr("\n\nDeviceIdMap size1\n \n DeviceId : 1004, Interface name : 1-2:1.0,"));
-    EXPECT_EQ(UsbDevice::deviceid_map.size(), 1u);
+    EXPECT_TRUE(UsbDevice::device_list.empty());
 }
 
 TEST_F(DumpTest, WithoutADescriptorForItsMemoryADumpIsPrintedStraight) {
@@ -99,47 +108,32 @@ TEST_F(DumpTest, WithoutADescriptorForItsMemoryADumpIsPrintedStraight) {
     getrlimit(RLIMIT_NOFILE, &before);
     const rlimit none = {0, before.rlim_max};
     setrlimit(RLIMIT_NOFILE, &none);
-    Vector<String16> args;
-    args.add(String16("test"));
-    service_->dump(file.fd, args);
+    service_->dump(file.fd, topology_);
     setrlimit(RLIMIT_NOFILE, &before);
-    EXPECT_EQ(readFile(file.path), "USB Test \n\n\nDeviceIdMap size0\n");
+    EXPECT_EQ(readFile(file.path), kNoTopology);
 }
 
 /** A pipe that takes one page, whose reader does not read. */
-class StalledReader {
-  public:
+struct StalledReader {
     StalledReader() {
-        EXPECT_EQ(pipe2(pipe_, O_CLOEXEC), 0);
-        fcntl(pipe_[1], F_SETPIPE_SZ, 4096);
-        fcntl(pipe_[0], F_SETFL, O_NONBLOCK);
+        EXPECT_TRUE(base::Pipe(&readingEnd, &writingEnd));
+        fcntl(writingEnd.get(), F_SETPIPE_SZ, 4096);
+        fcntl(readingEnd.get(), F_SETFL, O_NONBLOCK);
     }
-    ~StalledReader() {
-        close(pipe_[0]);
-        close(pipe_[1]);
-    }
-    int writingEnd() const { return pipe_[1]; }
-    void drain() const {
-        for (char page[4096]; read(pipe_[0], page, sizeof(page)) > 0;) continue;
-    }
-
-  private:
-    int pipe_[2];
+    base::unique_fd readingEnd, writingEnd;
 };
 
 // As many as there are binder threads, and more.
 TEST_F(DumpTest, StalledReadersStopNobodyAndAreGivenUp) {
     addDevice("1-2", 4);
     for (int i = 0; i < 40; ++i) addInterface("1-2:1." + std::to_string(i), 8);
-    Vector<String16> args;
-    args.add(String16("test"));
     const StalledReader readers[25];
     std::atomic<int> waiting = 25;
     std::vector<std::thread> threads;
     const auto start = std::chrono::steady_clock::now();
     for (const StalledReader& reader : readers) {
         threads.emplace_back([&] {
-            service_->dump(reader.writingEnd(), args);
+            service_->dump(reader.writingEnd.get(), topology_);
             --waiting;
         });
     }
@@ -150,12 +144,11 @@ TEST_F(DumpTest, StalledReadersStopNobodyAndAreGivenUp) {
     usleep(500000);
     EXPECT_EQ(waiting, 4) << "they have some seconds";
     while (waiting > 0) {
-        for (const StalledReader& reader : readers) reader.drain();
+        std::string text;
+        for (const StalledReader& reader : readers) base::ReadFdToString(reader.readingEnd, &text);
     }
     for (std::thread& thread : threads) thread.join();
-    const auto log = takeLog();
-    EXPECT_EQ(std::count(log.begin(), log.end(), "E dump is cut short: its reader takes nothing"),
-              21);
+    EXPECT_THAT(takeLog(), Contains("E dump is cut short: its reader takes nothing").Times(21));
 }
 
 }  // namespace

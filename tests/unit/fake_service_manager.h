@@ -4,7 +4,6 @@
 #include <binder/IServiceManager.h>
 
 #include <string>
-#include <vector>
 
 namespace android::kus {
 
@@ -13,8 +12,8 @@ class FakeServiceManager : public IServiceManager {
   public:
     status_t addService(const String16& name, const sp<IBinder>& service, bool allowIsolated,
                         int dumpPriority) override {
-        calls.push_back(std::string(String8(name).string()) + (allowIsolated ? " isolated " : " ") +
-                        std::to_string(dumpPriority));
+        lastCall = std::string(String8(name).string()) + (allowIsolated ? " isolated " : " ") +
+                   std::to_string(dumpPriority);
         added = service;
         return status;
     }
@@ -26,7 +25,7 @@ class FakeServiceManager : public IServiceManager {
     IBinder* onAsBinder() override { return nullptr; }
 
     status_t status = OK;
-    std::vector<std::string> calls;
+    std::string lastCall;
     sp<IBinder> added;
 };
 

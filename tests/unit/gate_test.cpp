@@ -24,14 +24,9 @@ class GateTest : public KusTest {
     /** A device with interfaces of these classes, their directories in its own as in sysfs. */
     static void attach(const std::string& name, const std::string& deviceClass,
                        const std::vector<std::string>& interfaceClasses, int devnum = 5) {
-        addEntry(name, {{"busnum", "1"},
-                        {"devnum", std::to_string(devnum)},
-                        {"bDeviceClass", deviceClass},
-                        {"idVendor", "0951"},
-                        {"idProduct", "1666"},
-                        {"product", "stick"},
-                        {"uevent", ""},
-                        {"bNumInterfaces", " " + std::to_string(interfaceClasses.size())}});
+        addEntry(name, "busnum=1, devnum=" + std::to_string(devnum) + ", bDeviceClass=" +
+                           deviceClass + ", idVendor=0951, idProduct=1666, product=stick, " +
+                           "uevent=, bNumInterfaces= " + std::to_string(interfaceClasses.size()));
         for (size_t i = 0; i < interfaceClasses.size(); ++i) {
             const std::string interface = interfaceOf(name, i);
             writeFile(interface + "/bInterfaceNumber", "0" + std::to_string(i) + "\n");

@@ -23,7 +23,7 @@ namespace {
 
 std::mutex logLock;
 // Never destroyed: an observer and a reset outlive the tests.
-auto& logLines = *new std::vector<std::string>;
+auto& logLines = *new Texts;
 
 void captureLog(base::LogId, base::LogSeverity severity, const char*, const char*, unsigned int,
                 const char* text) {
@@ -54,19 +54,22 @@ KusTest::KusTest() {
     xml_parse_status = false;
     Util::readRules(configFilePath);
     UsbDevice::deviceid_map.clear();
+    UsbDevice::delete_all_nodes();
+    UsbDevice::empty_list();
+    UsbDevice::verbose_trace = false;
     mUsbDeviceInfoList.clear();
     mInputDeviceInfoList.clear();
     isUserDebugBuild = false;
     takeLog();
 }
 
-std::vector<std::string> takeLog() {
+Texts takeLog() {
     const std::lock_guard lock(logLock);
     return std::exchange(logLines, {});
 }
 
-std::vector<std::string> takeLogUntil(const std::string& text, std::chrono::milliseconds timeout) {
-    std::vector<std::string> log;
+Texts takeLogUntil(const std::string& text, std::chrono::milliseconds timeout) {
+    Texts log;
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (std::chrono::steady_clock::now() < deadline) {
         for (const std::string& line : takeLog()) log.push_back(line);

@@ -12,6 +12,12 @@
 
 namespace android::kus {
 
+using testing::_, testing::Contains, testing::Each, testing::ElementsAre, testing::EndsWith,
+    testing::Ge, testing::HasSubstr, testing::IsEmpty, testing::Not, testing::Pair, testing::SizeIs,
+    testing::StartsWith;
+
+using Texts = std::vector<std::string>;
+
 /**
  * Every test starts with /data/system/usbdeviceconfig and nothing else in /data and /sys, no
  * properties, the process-wide tables as at start-up, and an empty log.
@@ -22,11 +28,14 @@ class KusTest : public testing::Test {
 };
 
 /** The log lines since the last call, oldest first: "I " or "E " or "F ", and the text. */
-std::vector<std::string> takeLog();
+Texts takeLog();
 
 /** The same, once a thread has logged a line with this text; gives up in time. */
-std::vector<std::string> takeLogUntil(const std::string& text,
-                                      std::chrono::milliseconds timeout = std::chrono::seconds(10));
+Texts takeLogUntil(const std::string& text,
+                   std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+/** Expects these log lines, texts or matchers, since the last takeLog(), and no others. */
+#define EXPECT_LOG(...) EXPECT_THAT(takeLog(), ElementsAre(__VA_ARGS__))
 
 /** Writes a file whole, with the directories above it. */
 void writeFile(const std::string& path, const std::string& content);

@@ -3,8 +3,11 @@
 
 #include <android/kus/BnKUsbServiceCallback.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <functional>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,67 +22,141 @@ namespace android::kus {
  */
 class FakeClient : public BnKUsbServiceCallback {
   public:
-    binder::Status onDeviceAdded(const DeviceInfo& device) override;
-    binder::Status onDeviceRemoved(const DeviceInfo& device) override;
-
-    status_t linkToDeath(const sp<DeathRecipient>& recipient, void* cookie,
-                         uint32_t flags) override;
-    status_t unlinkToDeath(const wp<DeathRecipient>& recipient, void* cookie, uint32_t flags,
-                           wp<DeathRecipient>* outRecipient) override;
-
-    /** Tells every linked recipient. From now on nothing can be unlinked. */
-    void die();
-
-    size_t links();
-
-    /** "added NAME" and "removed NAME", oldest first. */
-    std::vector<std::string> calls();
-    /** The whole records that came with them. */
-    std::vector<std::string> devices();
-
-    /** What the next links and unlinks return. */
-    status_t linkStatus = OK;
-    status_t unlinkStatus = OK;
-
-    /** What its calls return. */
-    status_t callStatus = DEAD_OBJECT;
-
+    /** What the next links, unlinks and calls return. */
+    status_t linkStatus = OK, unlinkStatus = OK, callStatus = OK;
     /** Run inside every call, where a client may call the service. */
     std::function<void()> whenCalled = [] {};
+    /** Run when it is dead and nobody has been told. */
+    std::function<void()> whenDead = [] {};
+    /** The record that came with the last call. */
+    DeviceInfo lastDevice;
+
+    /** "added NAME" and "removed NAME", oldest first. */
+    Texts calls() {
+        const std::lock_guard lock(lock_);
+        return calls_;
+    }
+
+    size_t links() {
+        const std::lock_guard lock(lock_);
+        return recipients_.size();
+    }
+
+    /** Tells every linked recipient. From now on nothing can be unlinked. */
+    void die() {
+        std::vector<sp<DeathRecipient>> recipients;
+        {
+            const std::lock_guard lock(lock_);
+            dead_ = true;
+            for (const wp<DeathRecipient>& weak : recipients_) recipients.push_back(weak.promote());
+            recipients_.clear();
+        }
+        whenDead();
+        for (const sp<DeathRecipient>& recipient : recipients) {
+            if (recipient != nullptr) recipient->binderDied(this);
+        }
+    }
+
+    binder::Status onDeviceAdded(const DeviceInfo& device) override {
+        return record("added ", device);
+    }
+    binder::Status onDeviceRemoved(const DeviceInfo& device) override {
+        return record("removed ", device);
+    }
+
+    status_t linkToDeath(const sp<DeathRecipient>& recipient, void* cookie,
+                         uint32_t flags) override {
+        EXPECT_TRUE(cookie == nullptr && flags == 0);
+        const std::lock_guard lock(lock_);
+        if (dead_) return DEAD_OBJECT;
+        if (linkStatus == OK) recipients_.push_back(recipient);
+        return linkStatus;
+    }
+
+    status_t unlinkToDeath(const wp<DeathRecipient>& recipient, void* cookie, uint32_t flags,
+                           wp<DeathRecipient>*) override {
+        EXPECT_TRUE(cookie == nullptr && flags == 0);
+        const std::lock_guard lock(lock_);
+        if (dead_) return DEAD_OBJECT;
+        if (unlinkStatus != OK) return unlinkStatus;
+        const auto it = std::find(recipients_.begin(), recipients_.end(), recipient);
+        if (it == recipients_.end()) return NAME_NOT_FOUND;
+        recipients_.erase(it);
+        return OK;
+    }
 
   private:
-    binder::Status record(const char* event, const DeviceInfo& device);
+    binder::Status record(const char* event, const DeviceInfo& device) {
+        whenCalled();
+        const std::lock_guard lock(lock_);
+        calls_.push_back(event + device.deviceName);
+        lastDevice = device;
+        return binder::Status::fromStatusT(callStatus);
+    }
 
     std::mutex lock_;
     bool dead_ = false;
     std::vector<wp<DeathRecipient>> recipients_;
-    std::vector<std::string> calls_;
-    std::vector<std::string> devices_;
+    Texts calls_;
 };
 
 /** A service that no one has registered, on a machine without USB devices. */
 class ServiceTest : public KusTest {
   protected:
-    ServiceTest();
+    ServiceTest() { std::filesystem::create_directories("/sys/bus/usb/devices"); }
 
-    bool isAllowed(const DeviceInfo& device);
-    void remove(const DeviceInfo& device);
-    std::vector<DeviceInfo> deviceList();
+    bool isAllowed(const DeviceInfo& device) {
+        bool allowed = false;
+        EXPECT_TRUE(service_->isDeviceAllowed(device, &allowed).isOk());
+        return allowed;
+    }
+
+    void remove(const DeviceInfo& device) {
+        EXPECT_TRUE(service_->updateDeviceList(device, 0).isOk());
+    }
+
+    std::vector<DeviceInfo> deviceList() {
+        std::vector<DeviceInfo> devices;
+        EXPECT_TRUE(service_->getDeviceList(&devices).isOk());
+        return devices;
+    }
 
     const sp<KUsbService> service_ = new KUsbService();
+    /** Not registered yet. */
+    const sp<FakeClient> client_ = new FakeClient();
 };
 
 /** A USB device (`deviceType` 0). */
-DeviceInfo usbDevice(int32_t id, std::vector<int32_t> interfaceClasses, int32_t vendor = 1,
-                     int32_t product = 1);
+inline DeviceInfo usbDevice(int32_t id, std::vector<int32_t> interfaceClasses, int32_t vendor = 1,
+                            int32_t product = 1) {
+    DeviceInfo device;
+    device.deviceName = "usb" + std::to_string(id);
+    device.deviceId = id;
+    device.interfaceClassList = std::move(interfaceClasses);
+    device.vendorId = vendor;
+    device.productId = product;
+    return device;
+}
 
 /** A device of the input subsystem (`deviceType` 1). */
-DeviceInfo inputDevice(int32_t id, int32_t sources, int32_t vendor = 1, int32_t product = 1);
+inline DeviceInfo inputDevice(int32_t id, int32_t sources, int32_t vendor = 1,
+                              int32_t product = 1) {
+    DeviceInfo device = usbDevice(id, {}, vendor, product);
+    device.deviceName = "input" + std::to_string(id);
+    device.deviceClass = sources;
+    device.deviceType = 1;
+    return device;
+}
 
 /** Every field of a record, in order. */
-std::string text(const DeviceInfo& device);
-
-/** A pointer as the log prints it. */
-std::string address(const void* pointer);
+inline std::string text(const DeviceInfo& device) {
+    std::ostringstream text;
+    text << device.deviceName << ", id " << device.deviceId << ", class " << device.deviceClass
+         << ", interfaces " << testing::PrintToString(device.interfaceClassList) << ", "
+         << device.vendorId << ":" << device.productId << ", status " << device.status << ", type "
+         << device.deviceType << ", reason " << device.reason << ", category " << device.category
+         << " " << device.categoryPath;
+    return text.str();
+}
 
 }  // namespace android::kus

@@ -5,7 +5,10 @@
 #include <android-base/strings.h>
 
 #include <filesystem>
-#include <fstream>
+#include <sstream>
+
+#include "kus_test.h"
+#include "usbdevice/UsbDevice.h"
 
 namespace fs = std::filesystem;
 using android::base::StringPrintf;
@@ -14,64 +17,59 @@ namespace android::kus {
 
 namespace {
 
-/** Numbers that a scan reads and no test looks at. */
-Attributes zeroes(const std::string& names) {
-    Attributes attributes;
-    for (const std::string& name : base::Split(names, " ")) attributes[name] = "0";
-    return attributes;
-}
+constexpr char kNumbers[] =
+    "bAlternateSetting bConfigurationValue bDeviceClass bDeviceProtocol bDeviceSubClass "
+    "bInterfaceClass bInterfaceNumber bInterfaceProtocol bInterfaceSubClass bMaxPacketSize0 "
+    "bNumConfigurations bNumEndpoints bNumInterfaces bcdDevice bmAttributes configuration devnum "
+    "idProduct idVendor maxchild rx_lanes tx_lanes";
 
 }  // namespace
 
-void addEntry(const std::string& name, const Attributes& attributes, const std::string& parent) {
-    const fs::path bus = "/sys/bus/usb/devices";
-    const fs::path directory = fs::path(parent) / name;
-    fs::create_directories(directory);
-    fs::create_directories(bus);
-    fs::create_directory_symlink(directory.lexically_relative(bus), bus / name);
-    for (const auto& [attribute, value] : attributes) {
-        if (attribute == "driver") {
-            fs::create_symlink("../../../bus/usb/drivers/" + value, directory / attribute);
-        } else {
-            std::ofstream(directory / attribute) << value << '\n';
-        }
+void addEntry(const std::string& name, const std::string& attributes, const std::string& number) {
+    const std::string directory = "/sys/devices/controller/" + name + "/";
+    for (const std::string& attribute : base::Split(kNumbers, " ")) {
+        writeFile(directory + attribute, number + "\n");
     }
+    std::istringstream list(attributes);
+    for (std::string item; std::getline(list >> std::ws, item, ',');) {
+        const size_t equals = item.find('=');
+        writeFile(directory + item.substr(0, equals), item.substr(equals + 1) + "\n");
+    }
+    fs::create_directories(kUsbDevicesPath);
+    fs::create_directory_symlink(directory, fs::path(kUsbDevicesPath) / name);
 }
 
-void addInterface(const std::string& name, int interfaceClass,
-                  const std::vector<std::string>& directories) {
-    Attributes attributes = zeroes(
-        "bAlternateSetting bInterfaceNumber bInterfaceProtocol bInterfaceSubClass "
-        "bNumEndpoints");
-    attributes["authorized"] = "1";
-    attributes["bInterfaceClass"] = StringPrintf("%02x", interfaceClass);
-    addEntry(name, attributes);
+void addInterface(const std::string& name, int interfaceClass, const Texts& directories) {
+    addEntry(name, StringPrintf("authorized=1, bInterfaceClass=%02x", interfaceClass));
     for (const std::string& directory : directories) {
         fs::create_directories(sysfsPath(name, directory));
     }
 }
 
 void addDevice(const std::string& name, int devnum, int vendor, int product) {
-    Attributes attributes = zeroes(
-        "bDeviceClass bDeviceProtocol bDeviceSubClass bMaxPacketSize0 bNumConfigurations "
-        "bNumInterfaces bcdDevice bmAttributes configuration maxchild rx_lanes tx_lanes");
-    attributes["authorized"] = "1";
-    attributes["devnum"] = std::to_string(devnum);
-    attributes["idVendor"] = StringPrintf("%04x", vendor);
-    attributes["idProduct"] = StringPrintf("%04x", product);
-    addEntry(name, attributes);
+    addEntry(name, StringPrintf("authorized=1, devnum=%d, idVendor=%04x, idProduct=%04x", devnum,
+                                vendor, product));
 }
 
-std::vector<std::string> readerOrder(const std::string& path) {
-    std::vector<std::string> names;
-    for (const fs::directory_entry& entry : fs::directory_iterator(path)) {
-        names.push_back(entry.path().filename());
-    }
-    return names;
+std::string scan(const std::string& names) {
+    return stderrOf([&] {
+        for (const std::string& name : base::Split(names, " ")) {
+            UsbDevice::inspect_bus_entry(name.c_str());
+        }
+        UsbDevice::connect_devices();
+    });
 }
 
 std::string sysfsPath(const std::string& entry, const std::string& below) {
-    return "/sys/bus/usb/devices/" + entry + "/" + below;
+    return std::string(kUsbDevicesPath) + "/" + entry + "/" + below;
+}
+
+usbinterface_custom mapRecord(const char* name, int category, int vendor) {
+    usbinterface_custom record = {};
+    strcpy(record.name, name);
+    record.category = category;
+    record.idVendor = vendor;
+    return record;
 }
 
 }  // namespace android::kus
