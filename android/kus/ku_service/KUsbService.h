@@ -24,6 +24,9 @@ extern std::mutex deviceListsLock;
 extern DeviceInfoList mUsbDeviceInfoList;
 extern DeviceInfoList mInputDeviceInfoList;
 
+/** Copies of all records, those of input devices first. The caller holds deviceListsLock. */
+std::vector<DeviceInfo> recordedDevices();
+
 /** Turns on the listings of the callback registry in the log. Set once, by Register. */
 extern bool isUserDebugBuild;
 
