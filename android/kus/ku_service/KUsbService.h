@@ -24,8 +24,8 @@ extern std::mutex deviceListsLock;
 extern DeviceInfoList mUsbDeviceInfoList;
 extern DeviceInfoList mInputDeviceInfoList;
 
-/** Copies of all records, those of input devices first. The caller holds deviceListsLock. */
-std::vector<DeviceInfo> recordedDevices();
+/** Appends copies of all records, input devices first. The caller holds deviceListsLock. */
+void appendRecords(std::vector<DeviceInfo>* devices);
 
 /** Turns on the listings of the callback registry in the log. Set once, by Register. */
 extern bool isUserDebugBuild;

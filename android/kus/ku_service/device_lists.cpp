@@ -54,13 +54,10 @@ std::mutex deviceListsLock;
 DeviceInfoList mUsbDeviceInfoList;
 DeviceInfoList mInputDeviceInfoList;
 
-std::vector<DeviceInfo> recordedDevices() {
-    std::vector<DeviceInfo> devices;
-    devices.reserve(mInputDeviceInfoList.size() + mUsbDeviceInfoList.size());
+void appendRecords(std::vector<DeviceInfo>* devices) {
     for (const DeviceInfoList* list : {&mInputDeviceInfoList, &mUsbDeviceInfoList}) {
-        for (const auto& [id, record] : *list) devices.push_back(*record);
+        for (const auto& [id, record] : *list) devices->push_back(*record);
     }
-    return devices;
 }
 
 void KUsbService::addDeviceList(DeviceInfo device, bool status, std::string reason) {
@@ -129,7 +126,7 @@ binder::Status KUsbService::getDeviceList(std::vector<DeviceInfo>* devices) {
     const std::lock_guard lock(deviceListsLock);
     LOG(INFO) << "getDeviceList--completeDeviceInfoList size"
               << mInputDeviceInfoList.size() + mUsbDeviceInfoList.size();
-    *devices = recordedDevices();
+    appendRecords(devices);
     return binder::Status::ok();
 }
 

@@ -120,7 +120,7 @@ void KUsbService::print(int fd, int text, const Vector<String16>& args) {
         const std::lock_guard lock(deviceListsLock);
         LOG(INFO) << "mInputDeviceInfoList size " << mInputDeviceInfoList.size()
                   << "mUsbDeviceInfoList size " << mUsbDeviceInfoList.size();
-        devices = recordedDevices();
+        appendRecords(&devices);
     }
     for (const DeviceInfo& device : devices) dumpPrint(text, device);
 }
