@@ -24,6 +24,9 @@ extern std::mutex deviceListsLock;
 extern DeviceInfoList mUsbDeviceInfoList;
 extern DeviceInfoList mInputDeviceInfoList;
 
+/** Appends copies of all records, input devices first. The caller holds deviceListsLock. */
+void appendRecords(std::vector<DeviceInfo>* devices);
+
 /** Turns on the listings of the callback registry in the log. Set once, by Register. */
 extern bool isUserDebugBuild;
 

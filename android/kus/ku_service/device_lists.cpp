@@ -54,6 +54,12 @@ std::mutex deviceListsLock;
 DeviceInfoList mUsbDeviceInfoList;
 DeviceInfoList mInputDeviceInfoList;
 
+void appendRecords(std::vector<DeviceInfo>* devices) {
+    for (const DeviceInfoList* list : {&mInputDeviceInfoList, &mUsbDeviceInfoList}) {
+        for (const auto& [id, record] : *list) devices->push_back(*record);
+    }
+}
+
 void KUsbService::addDeviceList(DeviceInfo device, bool status, std::string reason) {
     auto record = std::make_unique<DeviceInfo>(std::move(device));
     record->status = status;
@@ -120,9 +126,7 @@ binder::Status KUsbService::getDeviceList(std::vector<DeviceInfo>* devices) {
     const std::lock_guard lock(deviceListsLock);
     LOG(INFO) << "getDeviceList--completeDeviceInfoList size"
               << mInputDeviceInfoList.size() + mUsbDeviceInfoList.size();
-    for (const DeviceInfoList* list : {&mInputDeviceInfoList, &mUsbDeviceInfoList}) {
-        for (const auto& [id, record] : *list) devices->push_back(*record);
-    }
+    appendRecords(devices);
     return binder::Status::ok();
 }
 

@@ -120,9 +120,7 @@ void KUsbService::print(int fd, int text, const Vector<String16>& args) {
         const std::lock_guard lock(deviceListsLock);
         LOG(INFO) << "mInputDeviceInfoList size " << mInputDeviceInfoList.size()
                   << "mUsbDeviceInfoList size " << mUsbDeviceInfoList.size();
-        for (const DeviceInfoList* list : {&mInputDeviceInfoList, &mUsbDeviceInfoList}) {
-            for (const auto& [id, record] : *list) devices.push_back(*record);
-        }
+        appendRecords(&devices);
     }
     for (const DeviceInfo& device : devices) dumpPrint(text, device);
 }
