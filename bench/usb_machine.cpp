@@ -16,7 +16,6 @@
 #include <initializer_list>
 #include <map>
 
-#include "usb_tree.h"
 #include "usbdevice/UsbDevice.h"
 
 namespace fs = std::filesystem;
@@ -66,6 +65,11 @@ bool isBus(const std::string& entry) { return entry.front() == 'u'; }
 bool isInterface(const std::string& entry) { return entry.find(':') != std::string::npos; }
 
 using Attributes = std::map<std::string, std::string>;
+
+/** The path of an entry's attribute or subdirectory. */
+std::string sysfsPath(const std::string& entry, const std::string& below) {
+    return std::string(kUsbDevicesPath) + "/" + entry + "/" + below;
+}
 
 /** A directory below `parent`, and the link to it; "driver" is a link, too. */
 void addEntry(const std::string& name, const Attributes& attributes, const std::string& parent) {
