@@ -160,16 +160,6 @@ TEST_F(AdmissionTest, AKeyboardIsLeftToTheInputPath) {
     }));
 }
 
-// Its keyboard is a restricted class, so the storage alone decides.
-TEST_F(AdmissionTest, AStickThatIsAlsoAKeyboardIsRefusedAsAWhole) {
-    setRules("blacklist", "<class>USB_CLASS_MASS_STORAGE</class>");
-    const Plugged stick("both", "--vendor 2385 --product 5734 --storage --keyboard");
-    EXPECT_EQ(stick.decision().status, 0);
-    EXPECT_TRUE(eventually(
-        [&] { return stick.interfaceState(0) == " 0" && stick.interfaceState(1) == " 0"; }));
-    EXPECT_THAT(sticks(), IsEmpty());
-}
-
 TEST_F(AdmissionTest, AReattachedDeviceIsDecidedUnderItsNewId) {
     setRules("blacklist", "<class>USB_CLASS_MASS_STORAGE</class>");
     Plugged stick("stick", kStick);
@@ -206,39 +196,6 @@ TEST_F(AdmissionTest, ADeviceBehindAHubIsDecidedByItsOwnId) {
     shell("echo 1 >" + entry + ":1.0/authorized; echo 1-1.2:1.0 >/sys/bus/usb/drivers_probe");
     service()->updateDeviceList(mouse, 0);
     EXPECT_EQ(recorded(mouse.deviceId).deviceId, 0);
-}
-
-TEST_F(AdmissionTest, TheAutomationPropertyAllowsEverythingAndRecordsNothing) {
-    setRules("whitelist", "<class>USB_CLASS_AUDIO</class>");
-    DeviceInfo device;
-    device.deviceName = "automated";
-    device.deviceId = 99001;
-    device.interfaceClassList = {8};
-    bool allowed = true;
-    service()->isDeviceAllowed(device, &allowed);
-    EXPECT_FALSE(allowed);
-    EXPECT_EQ(recorded(99001).deviceName, "automated");
-
-    shell(
-        "rm -f /dev/__properties__/ro.config.device.kus_automation;"
-        "setprop ro.config.device.kus_automation 1");
-    service()->isDeviceAllowed(device, &allowed);
-    service()->updateDeviceList(device, 0);
-    shell("rm /dev/__properties__/ro.config.device.kus_automation");
-    EXPECT_TRUE(allowed);
-    EXPECT_EQ(recorded(99001).deviceName, "automated") << "removed all the same";
-    service()->updateDeviceList(device, 0);
-    EXPECT_EQ(recorded(99001).deviceName, "");
-}
-
-TEST_F(AdmissionTest, ResettingTheControllersMakesDevicesDecideAgain) {
-    const Plugged stick("stick", kStick);
-    const int before = stick.decision().deviceId;
-    RoleWatch roles;
-    service()->resetUsbDevices(0);
-    EXPECT_EQ(roles.writes(4), oneToggle());
-    EXPECT_TRUE(eventually([&] { return stick.id() != 0 && stick.id() != before; }));
-    EXPECT_EQ(stick.decision().reason, "Enabled by default rule");
 }
 
 }  // namespace

@@ -83,18 +83,6 @@ TEST_F(CallbacksTest, AClientThatIsKilledWhileRegisteredTwiceIsForgotten) {
     EXPECT_EQ(daemonPid(), daemon);
 }
 
-TEST_F(CallbacksTest, InputDevicesComeAndGoWithoutACallback) {
-    Client client(1);
-    DeviceInfo keyboard;
-    keyboard.deviceName = "silent";
-    keyboard.deviceId = 77001;
-    keyboard.deviceType = 1;
-    bool allowed;
-    service()->isDeviceAllowed(keyboard, &allowed);
-    service()->updateDeviceList(keyboard, 0);
-    EXPECT_EQ(client.line(kQuietMs), "");
-}
-
 /** Ends processes that a test waits for in vain, so that it goes on, and fails. */
 class Deadline {
   public:

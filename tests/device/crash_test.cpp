@@ -9,7 +9,6 @@
 
 #include <array>
 #include <memory>
-#include <random>
 #include <thread>
 
 #include "device_test.h"
@@ -19,8 +18,6 @@
 namespace android::kus {
 namespace {
 
-using android::base::Trim;
-using std::chrono::duration_cast;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using std::this_thread::sleep_for;
@@ -71,8 +68,6 @@ class CrashTest : public DeviceTest {
         EXPECT_FALSE(isAllowed({1}));
         EXPECT_EQ(contentOf(statusFilePath), "SUCCESS");
     }
-
-    void crashAroundRewrites(int crashes);
 
     std::string good_;
     std::unique_ptr<Process> daemon_;
@@ -128,84 +123,6 @@ TEST_F(CrashTest, ARefusedRegistrationRestoresTheRules) {
         EXPECT_THAT(contentOf(kLog), HasSubstr("android::kus::KUsbService::Register()"));
     }
     shell("services start servicemanager kusgate");
-}
-
-/** A journalled file system in place of the daemon's directory, for as long as this lives. */
-class Ext4 {
-  public:
-    Ext4() {
-        shell("zcat /lib/ext4.gz >/tmp/ext4");
-        shell(std::string("mount -o loop /tmp/ext4 ") + configDirectory);
-    }
-    ~Ext4() { shell(std::string("umount ") + configDirectory + "; rm /tmp/ext4"); }
-};
-
-// A rewrite of many lines, and a crash at any moment of what the daemon does about it. The files
-// are judged as the crash leaves them, and so is the daemon that starts from them.
-void CrashTest::crashAroundRewrites(int crashes) {
-    constexpr int kLines = 100;
-    // The kernel gives the signal to the main thread. In the middle of a decision that would often
-    // hold the log's lock, for which the handler waits until it is ended.
-    const NoGate alone;
-    std::mt19937 random(1);
-    startDaemon();
-    awaitDaemon();
-    Rules::rewrite(kLines);
-    const auto start = steady_clock::now();
-    Rules accepted = Rules::rewrite(kLines);
-    const int span = duration_cast<milliseconds>(steady_clock::now() - start).count() * 3 / 2;
-    int empty = 0;
-    for (int i = 0; i < crashes; ++i) {
-        const bool good = random() % 3 != 0;
-        const Rules next = Rules::next(kLines);
-        std::string written = next.text;
-        if (!good) written.insert(written.rfind("</"), "<refused/>");
-        const int signal = std::array{SIGKILL, SIGSEGV, SIGABRT}[random() % 3];
-        const int delay = random() % span;
-        SCOPED_TRACE(std::to_string(i) + (good ? ": good, " : ": refused, ") +
-                     std::to_string(delay) + " ms, signal " + std::to_string(signal));
-        writeFile(configFilePath, written);
-        sleep_for(milliseconds(delay));
-        daemon_->kill(signal);
-        ASSERT_TRUE(daemon_->ends());
-        EXPECT_EQ(daemon_->exitStatus(), signal == SIGKILL ? -SIGKILL : signal);
-
-        const std::string rules = contentOf(configFilePath), backup = contentOf(backupFilePath);
-        if (signal != SIGKILL) {
-            EXPECT_EQ(contentOf(statusFilePath), kCrashStatus);
-        }
-        // Between truncation and the one write that follows it a file is empty, for microseconds.
-        const bool rulesEmpty = signal == SIGKILL && rules.empty();
-        const bool backupEmpty = signal == SIGKILL && backup.empty();
-        empty += rulesEmpty || backupEmpty;
-        ASSERT_FALSE(rulesEmpty && backupEmpty);
-        ASSERT_TRUE(rulesEmpty || rules == Trim(written) || rules == Trim(accepted.text)) << rules;
-        ASSERT_TRUE(backupEmpty || backup == Trim(accepted.text) ||
-                    (good && backup == Trim(written)))
-            << backup;
-
-        startDaemon();
-        awaitDaemon();
-        if (rules == Trim(accepted.text) || good) {
-            const Rules& expected = rules == Trim(next.text) ? next : accepted;
-            EXPECT_TRUE(rulesEmpty || expected.areAccepted());
-            accepted = expected;
-        }
-        // From an empty file it starts in mode "default".
-        EXPECT_TRUE(rulesEmpty || !isKeyboardAllowed());
-        if (rulesEmpty || !accepted.areAccepted()) accepted = Rules::rewrite(kLines);
-    }
-    printf("%d crashes within %d ms of a rewrite; one of the files empty after %d\n", crashes, span,
-           empty);
-    EXPECT_LE(empty, crashes / 100);
-}
-
-TEST_F(CrashTest, ACrashAroundARewriteLeavesGoodRules) { crashAroundRewrites(fullRun() ? 500 : 8); }
-
-TEST_F(CrashTest, ACrashAroundARewriteLeavesGoodRulesOnAJournalledFileSystem) {
-    const Ext4 files;
-    crashAroundRewrites(fullRun() ? 500 : 8);
-    daemon_.reset();
 }
 
 TEST_F(CrashTest, ACrashInTheMiddleOfAResetGivesTheRoleBack) {

@@ -27,7 +27,6 @@ namespace fs = std::filesystem;
 constexpr char kUsbDevices[] = "/sys/bus/usb/devices/";
 const std::string kSoc = "/sys/devices/platform/soc/";
 
-constexpr int kKeyboard = 0x101;
 constexpr int kMouse = 0x2002;
 constexpr int kAnyVendor = 1;
 
@@ -117,19 +116,17 @@ bool isAllowed(const std::vector<int>& interfaceClasses) {
     return allowed;
 }
 
-Rules Rules::next(int lines) {
+Rules Rules::next() {
     static int vendor = 10000;
     static bool whitelist = false;
     Rules rules = {"", ++vendor, whitelist = !whitelist};
-    const std::string own = "<vid vendorid=\"" + std::to_string(vendor) + "\"/>\n";
-    std::string elements = whitelist ? "\n" : "\n<class>AINPUT_SOURCE_KEYBOARD</class>";
-    for (int i = 0; i < lines; ++i) elements += own;
-    rules.text = rulesText(whitelist ? "whitelist" : "blacklist", elements + own);
+    rules.text = rulesText(whitelist ? "whitelist" : "blacklist",
+                           "<vid vendorid=\"" + std::to_string(vendor) + "\"/>");
     return rules;
 }
 
-Rules Rules::rewrite(int lines) {
-    const Rules rules = next(lines);
+Rules Rules::rewrite() {
+    const Rules rules = next();
     writeFile(configFilePath, rules.text);
     EXPECT_TRUE(eventually([&] { return rules.areAccepted(); })) << rules.text;
     return rules;
@@ -143,24 +140,6 @@ bool Rules::areInForce() const {
 bool Rules::areAccepted() const {
     return contentOf(statusFilePath) == "SUCCESS" && contentOf(configFilePath) == Trim(text) &&
            contentOf(backupFilePath) == Trim(text) && areInForce();
-}
-
-bool isKeyboardAllowed() { return isInputAllowed(kKeyboard, kAnyVendor) == true; }
-
-Intruder::Intruder()
-    : thread_([this] {
-          while (!done_) {
-              const auto asked = std::chrono::steady_clock::now();
-              const bool allowed = isKeyboardAllowed();
-              // A decision waits a second for rules that stay, then it takes what there is.
-              entries_ += allowed && std::chrono::steady_clock::now() - asked < 1s;
-              std::this_thread::sleep_for(2ms);
-          }
-      }) {}
-
-Intruder::~Intruder() {
-    done_ = true;
-    thread_.join();
 }
 
 // By its program: pool threads have names of their own, and the main thread is one of them.

@@ -49,10 +49,10 @@ bool isAllowed(const std::vector<int>& interfaceClasses);
 
 /** A rules file that differs from all others made here in its text and in its decisions. */
 struct Rules {
-    /** In turn a whitelist and a blacklist. Without `lines` it is two lines long. */
-    static Rules next(int lines = 0);
+    /** In turn a whitelist and a blacklist. */
+    static Rules next();
     /** Writes the next ones and waits until they are accepted. */
-    static Rules rewrite(int lines = 0);
+    static Rules rewrite();
     bool areInForce() const;
     /** Whether they are in force and all three files say so. */
     bool areAccepted() const;
@@ -60,23 +60,6 @@ struct Rules {
     std::string text;
     int vendor = 0;
     bool whitelist = false;
-};
-
-/** Asks about a keyboard that is not there, which all of Rules refuse. */
-bool isKeyboardAllowed();
-
-/** Asks about that keyboard again and again for as long as it lives. */
-class Intruder {
-  public:
-    Intruder();
-    ~Intruder();
-    /** How often it was let in without a wait since this was asked last. */
-    int entries() { return entries_.exchange(0); }
-
-  private:
-    std::atomic<bool> done_ = false;
-    std::atomic<int> entries_ = 0;
-    std::thread thread_;
 };
 
 /** Pid of the running daemon; 0 while there is none. */
