@@ -12,7 +12,7 @@ namespace {
 
 constexpr char kDefaultAttribute[] = "interface_authorized_default";
 constexpr char kUsbBus[] = "/sys/bus/usb";
-constexpr char kHubDriver[] = "/sys/bus/usb/drivers/hub";
+constexpr char kDrivers[] = "/sys/bus/usb/drivers/";
 
 /** Logs what has failed with errno, unless the device is gone. */
 void report(const Device& device, const std::string& failed) {
@@ -56,15 +56,15 @@ void closeDevice(const Device& device, const std::vector<std::string>& interface
     for (const std::string& interface : interfaces) authorize(device, interface, false);
 }
 
-// Not by a probe: a device can claim to be a hub, and carry the ids that another driver looks for.
-void openHub(const Device& hub) {
-    for (const std::string& interface : interfaceNames(hub)) {
-        const std::string driver = interface + "/driver";
-        if (hub.directory.has(driver)) continue;
-        authorize(hub, interface, true);
-        if (!SysfsDirectory(kHubDriver).write("bind", interface)) {
-            report(hub, "no driver for " + interface);
-            authorize(hub, interface, false);
+// Not by a probe: a device can have the class of one driver, and the ids that another looks for.
+void openFor(const std::string& driver, const Device& device,
+             const std::vector<std::string>& interfaces) {
+    for (const std::string& interface : interfaces) {
+        if (device.directory.has(interface + "/driver")) continue;
+        authorize(device, interface, true);
+        if (!SysfsDirectory(kDrivers + driver).write("bind", interface)) {
+            report(device, "no driver for " + interface);
+            authorize(device, interface, false);
         }
     }
 }
