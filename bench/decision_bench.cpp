@@ -40,7 +40,7 @@ void compareDeciding(benchmark::State& state, double targetByPath,
 }
 
 void decision(benchmark::State& state) { compareDeciding(state, 0.70, 1.25); }
-BENCHMARK(decision)->Arg(1)->Arg(8)->Arg(32)->Arg(120)->UseManualTime();
+BENCHMARK(decision)->Arg(1)->Arg(2)->Arg(4)->Arg(8)->Arg(32)->Arg(120)->UseManualTime();
 
 /** Without the log lines, of which a decision writes 24 and five for each device. */
 void decision_unlogged(benchmark::State& state) {
