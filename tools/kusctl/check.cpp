@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <android-base/parseint.h>
-#include <android-base/strings.h>
 #include <stdio.h>
 #include <unistd.h>
 
 #include "kusctl.h"
 #include "util/Util.h"
-#include "util/rule_tables.h"
 
 namespace android::kus {
 namespace {
@@ -55,11 +52,6 @@ enum Option {
     kJson
 };
 
-constexpr uint32_t kMaxId = 0xFFFF;
-constexpr int32_t kMaxUsbClass = 0xFF;
-constexpr char kUsbClassPrefix[] = "USB_CLASS_";
-constexpr char kInputSourcePrefix[] = "AINPUT_SOURCE_";
-
 struct Question {
     std::string rules = configFilePath;
     Device device;
@@ -68,38 +60,6 @@ struct Question {
     bool verbose = false;
     bool json = false;
 };
-
-int32_t parseId(const std::string& what, const std::string& text) {
-    uint32_t id;
-    if (!base::ParseUint(text, &id, kMaxId)) {
-        wrongUse(what + " '" + text + "' is no number from 0 to 65535 (0x... when hexadecimal)");
-    }
-    return id;
-}
-
-std::string shortNames(const std::string& prefix) {
-    std::vector<std::string> names;
-    for (const ClassName& row : classNameTable) {
-        if (base::StartsWith(row.name, prefix)) names.push_back(row.name + prefix.size());
-    }
-    return base::Join(names, ", ");
-}
-
-/** The codes in a list of names and numbers. */
-std::vector<int32_t> parseCodes(const char* prefix, const std::string& list, int32_t max,
-                                std::optional<int32_t> (*codeOf)(const std::string&)) {
-    std::vector<int32_t> codes;
-    for (const std::string& item : base::Split(list, ",")) {
-        const std::string text = base::Trim(item);
-        const std::optional<int32_t> code = codeOf(text);
-        if (!code) {
-            wrongUse("'" + text + "' is neither a number up to " + std::to_string(max) +
-                     " nor one of " + shortNames(prefix));
-        }
-        codes.push_back(*code);
-    }
-    return codes;
-}
 
 Question parseArguments(int argc, char** argv) {
     Question question;
@@ -125,15 +85,11 @@ Question parseArguments(int argc, char** argv) {
                 device.productId = parseId("product", optarg);
                 break;
             case kClass:
-                for (const int32_t code :
-                     parseCodes(kUsbClassPrefix, optarg, kMaxUsbClass, usbClassCode)) {
-                    device.interfaceClassList.push_back(code);
-                }
+                device.interfaceClassList = parseUsbClasses(optarg);
                 break;
             case kInput:
                 device.deviceType = 1;
-                for (const int32_t code :
-                     parseCodes(kInputSourcePrefix, optarg, INT32_MAX, inputSourceCode)) {
+                for (const int32_t code : parseInputSources(optarg)) {
                     device.deviceClass |= code;
                 }
                 break;
@@ -255,6 +211,10 @@ Rules loadRules(const std::string& path) {
     if (const std::string reason = readRulesFile(path, &text); !reason.empty()) {
         fail(path + ": " + reason);
     }
+    return loadRules(path, text);
+}
+
+Rules loadRules(const std::string& path, const std::string& text) {
     const Verdict verdict = judgeText(text);
     if (verdict.outcome != Verdict::Outcome::kAccepted) {
         fail(path + ": the device would not take these rules: " + verdict.status +

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <android-base/parseint.h>
 #include <android-base/strings.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -6,6 +7,7 @@
 #include <algorithm>
 
 #include "kusctl.h"
+#include "util/rule_tables.h"
 
 namespace android::kus {
 namespace {
@@ -27,6 +29,35 @@ std::string refusal(const std::string& last, const std::vector<option>& options)
     if (candidates > 0 && name != last) return name + " takes no value";
     // Of a cluster of letters, which may not be done with.
     return std::string("-") + static_cast<char>(optopt) + " is not known";
+}
+
+constexpr uint32_t kMaxId = 0xFFFF;
+constexpr int32_t kMaxUsbClass = 0xFF;
+constexpr char kUsbClassPrefix[] = "USB_CLASS_";
+constexpr char kInputSourcePrefix[] = "AINPUT_SOURCE_";
+
+std::string shortNames(const std::string& prefix) {
+    std::vector<std::string> names;
+    for (const ClassName& row : classNameTable) {
+        if (base::StartsWith(row.name, prefix)) names.push_back(row.name + prefix.size());
+    }
+    return base::Join(names, ", ");
+}
+
+/** The codes in a list of names and numbers. */
+std::vector<int32_t> parseCodes(const char* prefix, const std::string& list, int32_t max,
+                                std::optional<int32_t> (*codeOf)(const std::string&)) {
+    std::vector<int32_t> codes;
+    for (const std::string& item : base::Split(list, ",")) {
+        const std::string text = base::Trim(item);
+        const std::optional<int32_t> code = codeOf(text);
+        if (!code) {
+            wrongUse("'" + text + "' is neither a number up to " + std::to_string(max) +
+                     " nor one of " + shortNames(prefix));
+        }
+        codes.push_back(*code);
+    }
+    return codes;
 }
 
 }  // namespace
@@ -71,6 +102,22 @@ int runCommand(const Command& command, int argc, char** argv) {
     const int status = command.run(argc, argv);
     if (fflush(stdout) != 0 || ferror(stdout)) fail("cannot write the output");
     return status;
+}
+
+int32_t parseId(const std::string& what, const std::string& text) {
+    uint32_t id;
+    if (!base::ParseUint(text, &id, kMaxId)) {
+        wrongUse(what + " '" + text + "' is no number from 0 to 65535 (0x... when hexadecimal)");
+    }
+    return id;
+}
+
+std::vector<int32_t> parseUsbClasses(const std::string& list) {
+    return parseCodes(kUsbClassPrefix, list, kMaxUsbClass, usbClassCode);
+}
+
+std::vector<int32_t> parseInputSources(const std::string& list) {
+    return parseCodes(kInputSourcePrefix, list, INT32_MAX, inputSourceCode);
 }
 
 }  // namespace android::kus

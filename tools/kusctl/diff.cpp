@@ -143,8 +143,8 @@ std::string placesOf(const std::string& file, const std::vector<int>& lines) {
     return text;
 }
 
-void printText(const Report& report, bool byDevices, const std::string& before,
-               const std::string& after) {
+void printDifferences(const Report& report, bool byDevices, const std::string& before,
+                      const std::string& after) {
     for (const Difference& difference : report.differences) {
         const auto& [device, old, now] = difference.change;
         const std::string what = byDevices ? describeDevice(difference) : difference.name;
@@ -152,6 +152,11 @@ void printText(const Report& report, bool byDevices, const std::string& before,
         printf("now %s: %s%s\n", verdictText(now.allowed).c_str(), printable(what).c_str(),
                places.empty() ? "" : (" (" + printable(places.substr(1)) + ")").c_str());
     }
+}
+
+void printText(const Report& report, bool byDevices, const std::string& before,
+               const std::string& after) {
+    printDifferences(report, byDevices, before, after);
     if (!byDevices) {
         if (report.differences.empty()) puts("every device is decided on as before");
         return;
@@ -240,6 +245,13 @@ int run(int argc, char** argv) {
 }
 
 }  // namespace
+
+bool printRuleChanges(Rules* before, Rules* after, const std::string& oldPath,
+                      const std::string& newPath) {
+    const Report report = compareByRules(before, after);
+    printDifferences(report, /*byDevices=*/false, oldPath, newPath);
+    return !report.differences.empty();
+}
 
 const Command kDiffCommand = {"diff", "what a change of the rules would change", kHelp, run};
 

@@ -27,8 +27,9 @@ struct Command {
     int (*run)(int argc, char** argv);
 };
 
-extern const Command kApplyCommand, kCheckCommand, kDiffCommand, kDumpCommand, kFindCommand,
-    kGenerateCommand, kLintCommand, kListCommand, kResetCommand, kWatchCommand;
+extern const Command kAllowCommand, kApplyCommand, kBlockCommand, kCheckCommand, kDiffCommand,
+    kDumpCommand, kFindCommand, kGenerateCommand, kLintCommand, kListCommand, kResetCommand,
+    kWatchCommand;
 
 // The command line: command_line.cpp
 
@@ -41,6 +42,11 @@ int runCommand(const Command& command, int argc, char** argv);
 int nextOption(int argc, char** argv, const std::vector<option>& options);
 /** Ends the program on arguments beyond the options. */
 void expectNoArguments(int argc, char** argv);
+/** Of a vendor or a product. Ends the program on another text, as the two below. */
+int32_t parseId(const std::string& what, const std::string& text);
+/** The codes in a list of names and numbers. */
+std::vector<int32_t> parseUsbClasses(const std::string& list);
+std::vector<int32_t> parseInputSources(const std::string& list);
 [[noreturn]] void wrongUse(const std::string& message);
 [[noreturn]] void fail(const std::string& message);
 /** A line on standard error that changes no outcome. */
@@ -87,6 +93,11 @@ Verdict judgeText(const std::string& text);
 std::string withCure(const Warning& warning);
 /** Ends the program where the device would not take the rules. */
 Rules loadRules(const std::string& path);
+Rules loadRules(const std::string& path, const std::string& text);
+/** Prints a line for each class, vendor and product that is decided on otherwise. False: none is.
+ */
+bool printRuleChanges(Rules* before, Rules* after, const std::string& oldPath,
+                      const std::string& newPath);
 
 // Devices as 'list' and 'watch' print them in JSON, one a line: device_lines.cpp
 

@@ -9,9 +9,10 @@
 namespace android::kus {
 namespace {
 
-const Command* const kCommands[] = {
-    &kListCommand, &kWatchCommand,    &kCheckCommand, &kDiffCommand,  &kLintCommand,
-    &kFindCommand, &kGenerateCommand, &kApplyCommand, &kResetCommand, &kDumpCommand};
+const Command* const kCommands[] = {&kListCommand,  &kWatchCommand, &kCheckCommand,
+                                    &kDiffCommand,  &kLintCommand,  &kGenerateCommand,
+                                    &kAllowCommand, &kBlockCommand, &kFindCommand,
+                                    &kApplyCommand, &kResetCommand, &kDumpCommand};
 
 void printHelp() {
     puts(

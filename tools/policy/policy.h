@@ -159,4 +159,29 @@ struct Change {
  */
 std::vector<Change> changesBetween(Rules* before, Rules* after);
 
+// Edits
+
+/** What a rule is to be about: a class, or a vendor, or one of its products. */
+struct Subject {
+    /** In the table of class names; none where a vendor is meant. */
+    std::optional<int32_t> classCode;
+    int32_t vendor = kUnknownId;
+    int32_t product = kUnknownId;
+};
+
+struct Edit {
+    /** The whole file as it would be; unchanged where the rules say so already. */
+    std::string text;
+    /** Why the format has no way to say it; `text` is unchanged then. */
+    std::string problem;
+};
+
+/**
+ * The smallest change of a rules file by which its rules allow (or block) the subject: in a
+ * whitelist allowing adds a rule and blocking takes rules away, in a blacklist the other way round.
+ * Comments, order and indentation stay. `text` is one that the parser has accepted. What other
+ * rules make of the subject is for changesBetween to tell.
+ */
+Edit editRules(const std::string& text, bool allow, const Subject& subject);
+
 }  // namespace android::kus

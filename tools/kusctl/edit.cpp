@@ -1,0 +1,258 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <android-base/file.h>
+#include <android-base/parseint.h>
+#include <android-base/strings.h>
+#include <android-base/unique_fd.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "kusctl.h"
+#include "util/Util.h"
+
+namespace android::kus {
+namespace {
+
+constexpr char kHelp[] =
+    R"(usage: kusctl allow|block [OPTION]... --vendor V [--product P]
+       kusctl allow|block [OPTION]... --class C
+       kusctl allow|block [OPTION]... --input SOURCE
+       kusctl allow|block [OPTION]... ID
+
+Edits a rules file so that it allows, or refuses, a product, a whole vendor, a USB class, a kind of
+input device, or the vendor and product of a recorded device, by its id in 'kusctl list'. Where the
+mode calls for it a rule is added, else those that say otherwise are taken away. The change is the
+smallest one: comments and order stay. What changes is told as 'kusctl diff' tells it, and new
+warnings as 'kusctl lint' does.
+
+  --vendor V     vendor id: 1133 or 0x046d
+  --product P    product id
+  --class C      a USB class: USB_CLASS_PRINTER, printer or 7
+  --input SOURCE a kind of input device: AINPUT_SOURCE_MOUSE, mouse or 0x2000
+  --rules FILE   rules to edit (/data/system/usbdeviceconfig/usb_device_config.xml)
+  --output FILE  writes the edited rules there, "-" for the standard output, and leaves the others
+                 alone
+
+Without --output the file is replaced; whenever that is interrupted it is the old one or the new one,
+whole. The device's own file is edited by way of 'kusctl apply', which may refuse.
+
+Exit status: 0 done, or the rules say so already; 1 failed, or the format has no way to say it, and
+nothing is written; 2 wrong use.
+)";
+
+enum Option { kVendor = 1, kProduct, kClass, kInput, kRules, kOutput };
+
+struct Request {
+    std::string rules = configFilePath;
+    /** Empty for the rules file itself. */
+    std::string output;
+    Subject subject;
+    /** As far as it is known. */
+    Device device;
+    bool isRecorded = false;
+};
+
+int32_t onlyOne(const std::vector<int32_t>& codes) {
+    if (codes.size() != 1) wrongUse("give one class at a time");
+    return codes[0];
+}
+
+DeviceInfo findRecorded(const char* id) {
+    int32_t number;
+    if (!base::ParseInt(id, &number)) {
+        wrongUse(std::string("'") + id + "' is no device id: see 'kusctl list'");
+    }
+    std::vector<DeviceInfo> devices;
+    expectOk(connectToService()->getDeviceList(&devices));
+    const auto found = std::find_if(devices.begin(), devices.end(), [&](const DeviceInfo& device) {
+        return device.deviceId == number;
+    });
+    if (found == devices.end()) {
+        fail("no device " + std::to_string(number) + " is recorded: see 'kusctl list'");
+    }
+    return *found;
+}
+
+/** A device of which nothing is known but what the rule is about. */
+Device sampleOf(const Subject& subject) {
+    Device device;
+    device.vendorId = subject.vendor;
+    device.productId = subject.product;
+    if (!subject.classCode) {
+        device.interfaceClassList = {-1};
+    } else if (*subject.classCode <= 0xFF) {
+        device.interfaceClassList = {*subject.classCode};
+    } else {
+        device.deviceType = 1;
+        device.deviceClass = *subject.classCode;
+    }
+    return device;
+}
+
+Request parseArguments(int argc, char** argv) {
+    Request request;
+    Subject& subject = request.subject;
+    const std::vector<option> options = {{"vendor", required_argument, nullptr, kVendor},
+                                         {"product", required_argument, nullptr, kProduct},
+                                         {"class", required_argument, nullptr, kClass},
+                                         {"input", required_argument, nullptr, kInput},
+                                         {"rules", required_argument, nullptr, kRules},
+                                         {"output", required_argument, nullptr, kOutput}};
+    int ways = 0;
+    for (int found; (found = nextOption(argc, argv, options)) != -1;) {
+        ways += found == kVendor || found == kClass || found == kInput;
+        if (found == kVendor) subject.vendor = parseId("vendor", optarg);
+        if (found == kProduct) subject.product = parseId("product", optarg);
+        if (found == kClass) subject.classCode = onlyOne(parseUsbClasses(optarg));
+        if (found == kInput) subject.classCode = onlyOne(parseInputSources(optarg));
+        if (found == kRules) request.rules = optarg;
+        if (found == kOutput) request.output = optarg;
+    }
+    const char* id = optind < argc ? argv[optind++] : nullptr;
+    expectNoArguments(argc, argv);
+    if (ways + (id != nullptr) != 1) wrongUse("give one of --vendor, --class, --input and ID");
+    if (subject.product != kUnknownId && subject.vendor == kUnknownId) {
+        wrongUse("--product goes with --vendor");
+    }
+    if (id != nullptr) {
+        const DeviceInfo device = findRecorded(id);
+        subject.vendor = device.vendorId;
+        subject.product = device.productId;
+        request.device = toDevice(device);
+        request.isRecorded = true;
+    } else {
+        request.device = sampleOf(subject);
+    }
+    if (subject.classCode && Util::getClassName(*subject.classCode) == " ") {
+        wrongUse("no rule can name a class that has no name: name devices by vendor and product");
+    }
+    return request;
+}
+
+std::string linesText(const std::vector<int>& lines) {
+    std::vector<std::string> texts;
+    for (const int line : lines) texts.push_back(std::to_string(line));
+    return (lines.size() == 1 ? "line " : "lines ") + base::Join(texts, ", ");
+}
+
+/** Ends the program where other rules decide on the device all the same. */
+void expectDecision(Rules* rules, const Request& request, bool allow) {
+    const Answer answer = rules->decide(request.device);
+    if (answer.allowed == allow) return;
+    const bool byClass = answer.reason.find("Match by ClassName") != std::string::npos;
+    std::string text = byClass ? "a class rule" : answer.lines.empty() ? "the rules" : "a rule";
+    text += allow ? " would still refuse it" : " would still allow it";
+    if (!answer.lines.empty()) text += ": " + linesText(answer.lines);
+    for (const Warning& warning : answer.warnings) text += "; " + withCure(warning);
+    fail(request.rules + ": " + text);
+}
+
+/** Of ids alone nobody can tell which class rules match. */
+void noteClassRules(Rules* rules, const Request& request, bool allow) {
+    const bool added = allow == (rules->mode() == "whitelist");
+    if (added || request.subject.classCode || request.isRecorded) return;
+    std::vector<int> lines;
+    for (const Device& device : rules->samples()) {
+        if (device.vendorId != kUnknownId) continue;
+        for (const int line : rules->decide(device).lines) lines.push_back(line);
+    }
+    if (lines.empty()) return;
+    std::sort(lines.begin(), lines.end());
+    note(std::string("class rules would still ") + (allow ? "refuse" : "allow") +
+         " a device of theirs, by whatever vendor: " + linesText(lines));
+}
+
+void printNewWarnings(const std::string& path, const std::string& before,
+                      const std::string& after) {
+    const std::vector<Warning> known = reviewRules(before);
+    for (const Warning& warning : reviewRules(after)) {
+        const bool isNew = std::none_of(known.begin(), known.end(), [&](const Warning& other) {
+            return other.kind == warning.kind && other.message == warning.message;
+        });
+        if (!isNew || warning.isNote) continue;
+        printf("%s:%d: warning: %s\n", printable(path).c_str(), warning.line,
+               printable(withCure(warning)).c_str());
+    }
+}
+
+void replaceFile(const std::string& path, const std::string& text) {
+    std::string target;
+    struct stat st;
+    if (!base::Realpath(path, &target) || stat(target.c_str(), &st) != 0) {
+        fail(path + ": " + strerror(errno));
+    }
+    const std::string beside = target + ".new";
+    base::unique_fd fd(open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    const bool written = fd >= 0 && base::WriteStringToFd(text, fd.get()) &&
+                         fchmod(fd.get(), st.st_mode & 07777) == 0 && fsync(fd.get()) == 0 &&
+                         rename(beside.c_str(), target.c_str()) == 0;
+    if (written) return;
+    const int error = errno;
+    unlink(beside.c_str());
+    fail(target + ": " + strerror(error));
+}
+
+int apply(const std::string& text) {
+    static const TemporaryFile file;  // gone at the exit from wherever apply ends the program
+    if (!base::WriteStringToFd(text, file.fd)) {
+        fail(std::string(file.path) + ": " + strerror(errno));
+    }
+    std::string name = kApplyCommand.name, path = file.path;
+    char* argv[] = {name.data(), path.data(), nullptr};
+    optind = 1;
+    return runCommand(kApplyCommand, 2, argv);
+}
+
+int edit(int argc, char** argv, bool allow) {
+    const Request request = parseArguments(argc, argv);
+    std::string text;
+    if (const std::string reason = readRulesFile(request.rules, &text); !reason.empty()) {
+        fail(request.rules + ": " + reason);
+    }
+    Rules before = loadRules(request.rules, text);
+    const Edit edited = editRules(text, allow, request.subject);
+    if (!edited.problem.empty()) fail(request.rules + ": " + edited.problem);
+    Rules after = loadRules(request.rules, edited.text);
+    expectDecision(&after, request, allow);
+    noteClassRules(&after, request, allow);
+
+    // What is written to the standard output is the file.
+    const bool toOutput = request.output == "-";
+    if (!toOutput) {
+        const std::string& path = request.output.empty() ? request.rules : request.output;
+        if (!printRuleChanges(&before, &after, request.rules, path)) {
+            puts(edited.text == text ? "nothing to do: the rules say so already"
+                                     : "every device is decided on as before");
+        }
+        printNewWarnings(path, text, edited.text);
+    }
+    if (toOutput) {
+        fputs(edited.text.c_str(), stdout);
+    } else if (!request.output.empty()) {
+        if (!base::WriteStringToFile(edited.text, request.output)) {
+            fail(request.output + ": " + strerror(errno));
+        }
+    } else if (edited.text == text) {
+        return kYes;
+    } else if (request.rules == configFilePath) {
+        return apply(edited.text);
+    } else {
+        replaceFile(request.rules, edited.text);
+    }
+    return kYes;
+}
+
+int runAllow(int argc, char** argv) { return edit(argc, argv, /*allow=*/true); }
+int runBlock(int argc, char** argv) { return edit(argc, argv, /*allow=*/false); }
+
+}  // namespace
+
+const Command kAllowCommand = {"allow", "edit rules so that they allow a device", kHelp, runAllow};
+const Command kBlockCommand = {"block", "edit rules so that they refuse a device", kHelp, runBlock};
+
+}  // namespace android::kus
