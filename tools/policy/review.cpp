@@ -361,9 +361,10 @@ std::optional<int32_t> RulesReview::reviewId(const XMLElement& element, const ch
 
 void RulesReview::reviewNoNumber(const XMLElement& element, const std::string& value) {
     if (Util::isValidNumber(value)) return;
-    const bool prefixed = base::StartsWithIgnoreCase(value, "0x");
+    const std::string digits = value.substr(base::StartsWithIgnoreCase(value, "0x") ? 2 : 0);
     uint32_t id;
-    if (!base::ParseUint((prefixed ? "" : "0x") + value, &id, kMaxUsbId)) return;
+    // C libraries disagree on a prefix without digits.
+    if (digits.empty() || !base::ParseUint("0x" + digits, &id, kMaxUsbId)) return;
     warn(element, "hexadecimal", quoted(value) + " is hexadecimal", "write " + std::to_string(id));
 }
 
