@@ -361,9 +361,10 @@ std::optional<int32_t> RulesReview::reviewId(const XMLElement& element, const ch
 
 void RulesReview::reviewNoNumber(const XMLElement& element, const std::string& value) {
     if (Util::isValidNumber(value)) return;
-    const bool prefixed = base::StartsWithIgnoreCase(value, "0x");
+    const std::string digits = value.substr(base::StartsWithIgnoreCase(value, "0x") ? 2 : 0);
     uint32_t id;
-    if (!base::ParseUint((prefixed ? "" : "0x") + value, &id, kMaxUsbId)) return;
+    // C libraries disagree on a prefix without digits.
+    if (digits.empty() || !base::ParseUint("0x" + digits, &id, kMaxUsbId)) return;
     warn(element, "hexadecimal", quoted(value) + " is hexadecimal", "write " + std::to_string(id));
 }
 
@@ -402,12 +403,16 @@ Warning wholeVendorWarning(const std::map<int32_t, int>& listed,
 }
 
 std::vector<Warning> reviewRules(const std::string& text) {
-    if (base::StartsWith(text, "\xFF\xFE") || base::StartsWith(text, "\xFE\xFF")) {
-        return {{1, "encoding", "the file is in UTF-16", "save it as UTF-8"}};
-    }
+    std::vector<Warning> warnings;
     XMLDocument document(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE);
-    if (document.Parse(text.data(), text.size()) != tinyxml2::XML_SUCCESS) return {};
-    return RulesReview(text, document).warnings;
+    if (document.Parse(text.data(), text.size()) == tinyxml2::XML_SUCCESS) {
+        warnings = RulesReview(text, document).warnings;
+    }
+    if (base::StartsWith(text, "\xFF\xFE") || base::StartsWith(text, "\xFE\xFF")) {
+        warnings.insert(warnings.begin(),
+                        {0, "encoding", "the file is in UTF-16", "save it as UTF-8"});
+    }
+    return warnings;
 }
 
 }  // namespace android::kus
