@@ -246,6 +246,7 @@ TEST_F(ApplyTest, LeavesOneOfTheTwoFilesWhereverItIsKilled) {
         ASSERT_TRUE(isNew || found == base::Trim(old.text)) << found.size() << " bytes";
         ASSERT_TRUE(eventually([&] { return (isNew ? next : old).areAccepted(); }));
     }
+    RoleWatch().writes(0);  // the last reset's
 }
 
 TEST_F(KusctlTest, SaysWhatToDoWithoutAService) {
