@@ -2,7 +2,7 @@
 // The bench: devices and their answers, under the editor's rules and under those in force.
 import { classesText, decimalIdsText, idsText, shortName } from './devices.js';
 import { element } from './dom.js';
-import { rulesIn } from './rules.js';
+import { subjectsOf } from './rules.js';
 
 // Drawn at most; the rest is counted.
 const MOST_ROWS = 300;
@@ -35,9 +35,9 @@ export class Judgement {
   }
 }
 
-/** A rule of a remedy, in short. */
-const labelOf = (rule) => (rule.class ? `class ${shortName(rule.class)}`
-  : `product ${rule.vendor}:${rule.product}`);
+/** What a remedy adds, in short. */
+const labelOf = (remedy) => subjectsOf(remedy).map(({ className, vendor, product }) =>
+  (className ? `class ${shortName(className)}` : `product ${vendor}:${product}`)).join(', ');
 
 /** A device on the page. */
 class Row {
@@ -100,8 +100,7 @@ class Row {
     this.actions.dataset.key = key;
     this.actions.replaceChildren(
       ...remedies.map((remedy) => element('button', { type: 'button', className: 'remedy',
-        title: remedy, onclick: () => this.page.addRules(remedy) },
-        rulesIn(remedy).map(labelOf).join(', '))),
+        title: remedy, onclick: () => this.page.allow(subjectsOf(remedy)) }, labelOf(remedy))),
       ...lines.map((line) => element('button', { type: 'button', className: 'link',
         onclick: () => this.page.goTo(line) }, `line ${line}`)));
   }
@@ -130,7 +129,7 @@ export class Bench {
 
   /**
    * `page` has vendorName(id), namesByCode (of classes), and what follows a click: goTo(line),
-   * addRules(elements), changed().
+   * allow(subjects), changed().
    */
   constructor(list, note, page) {
     this.#list = list;
