@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// An input is a rules file, for `kusctl lint` in both its formats, and for `kusctl check`.
+// An input is a rules file, for `kusctl lint` as text and JSON, `kusctl check`, and the edits of
+// `kusctl allow` and `kusctl block`.
 #include <android-base/file.h>
 #include <android-base/logging.h>
 #include <android-base/strings.h>
@@ -98,12 +99,54 @@ void check() {
     CHECK(!answer["reason"].asString().empty());
 }
 
+/** An edit of accepted rules gives accepted ones, touches no other device, and is done once. */
+void edit(const std::string& text, bool allow, const Subject& subject, const Device& device) {
+    const Edit edited = editRules(text, allow, subject);
+    if (!edited.problem.empty()) {
+        CHECK_EQ(edited.text, text);
+        return;
+    }
+    Rules before, after;
+    before.parse(text);
+    CHECK(after.parse(edited.text).outcome == Verdict::Outcome::kAccepted);
+    CHECK_EQ(editRules(edited.text, allow, subject).text, edited.text);
+    const Answer answer = after.decide(device);
+    // The rules that are taken away may not be all that say so.
+    if (answer.allowed != allow) CHECK(!answer.lines.empty());
+    if (allow == (after.mode() == "whitelist")) CHECK_EQ(answer.allowed, allow);
+    for (const Change& change : changesBetween(&before, &after)) {
+        CHECK_EQ(change.after.allowed, allow);
+        if (subject.classCode) {
+            CHECK(change.device.interfaceClassList == device.interfaceClassList);
+        } else {
+            // Vendors of a lesser id may match by this one.
+            CHECK(change.device.vendorId != kUnknownId);
+            CHECK_LE(change.device.vendorId, subject.vendor);
+        }
+    }
+}
+
+void edit(const std::string& text) {
+    Device product, printer;
+    product.vendorId = 1155;
+    product.productId = 22336;
+    product.interfaceClassList = {-1};
+    printer.interfaceClassList = {7};
+    for (const bool allow : {true, false}) {
+        edit(text, allow, {{}, 1155, 22336}, product);
+        edit(text, allow, {{}, 1155, kUnknownId}, product);
+        edit(text, allow, {7, kUnknownId, kUnknownId}, printer);
+    }
+}
+
 }  // namespace
 
 void runInput(const std::string& text) {
     setlocale(LC_CTYPE, "C.UTF-8");
     writeFile(kFile, text);
-    if (lint() == "accepted") check();
+    if (lint() != "accepted") return;
+    check();
+    edit(text);
 }
 
 }  // namespace android::kus

@@ -229,7 +229,7 @@ INSTANTIATE_TEST_SUITE_P(
              std::string("\xFF\xFE<\0u\0", 6),
              1,
              {"1: refused: Error=XML_ERROR_PARSING ErrorID=15 (0xf) Line number=1",
-              "1: warning: the file is in UTF-16; save it as UTF-8"}},
+              " warning: the file is in UTF-16; save it as UTF-8"}},
         File{"IgnoredElement",
              whitelist("<vid vendorid=\"1\"><name/><pid>2</pid></vid>\n"
                        "<vid vendorid=\"3\"><product>4</product></vid>"),

@@ -42,7 +42,7 @@ Without --output the file is replaced; whenever that is interrupted it is the ol
 whole. The device's own file is edited by way of 'kusctl apply', which may refuse.
 
 Exit status: 0 done, or the rules say so already; 1 failed, or the format has no way to say it, and
-nothing is written; 2 wrong use.
+nothing is written; 2 wrong use; for the device's own file also that of 'kusctl apply'.
 )";
 
 enum Option { kVendor = 1, kProduct, kClass, kInput, kRules, kOutput };

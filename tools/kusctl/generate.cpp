@@ -30,7 +30,7 @@ enum Option { kMode = 1, kIncludeInput, kOnly };
 using Vendors = std::map<int32_t, std::map<int32_t, std::set<std::string>>>;
 
 std::string describe(const DeviceInfo& device) {
-    return device.deviceName + ": " + base::Join(classNames(toDevice(device)), ", ") +
+    return nameOf(device) + ": " + base::Join(classNames(toDevice(device)), ", ") +
            (device.status != 0 ? ", allowed" : ", refused");
 }
 
@@ -50,7 +50,9 @@ Vendors byVendor(const std::vector<DeviceInfo>& devices) {
 void printRules(const std::string& mode, const Vendors& vendors) {
     printf("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<usbconfig mode=\"%s\">\n", mode.c_str());
     for (const auto& [vendor, products] : vendors) {
-        printf("  <vid vendorid=\"%d\">\n", vendor);
+        const std::string name = usbName(vendor, kUnknownId);
+        printf("  <vid vendorid=\"%d\">%s\n", vendor,
+               name.empty() ? "" : (" <!-- " + commentText(name) + " -->").c_str());
         for (const auto& [product, comments] : products) {
             for (const std::string& text : comments) printf("    <!-- %s -->\n", text.c_str());
             printf("    <pid>%d</pid>\n", product);

@@ -82,6 +82,8 @@ std::string jsonText(const Json::Value& value, const std::string& indentation = 
  * The name of a vendor where `product` is kUnknownId.
  */
 std::string usbName(int32_t vendor, int32_t product);
+/** The name that the device has, or else the one on the list. */
+std::string nameOf(const DeviceInfo& device);
 
 // Rules files: verdict.cpp
 

@@ -37,7 +37,7 @@ std::string categoryText(const DeviceInfo& device) {
 Row toRow(const DeviceInfo& device) {
     return {std::to_string(device.deviceId),
             device.deviceType == 0 ? "usb" : "input",
-            printable(device.deviceName),
+            printable(nameOf(device)),
             std::to_string(device.vendorId) + ":" + std::to_string(device.productId),
             base::Join(classNames(toDevice(device)), ','),
             device.status != 0 ? "allowed" : "refused",

@@ -24,7 +24,7 @@ void printHelp() {
         "\n"
         "'kusctl COMMAND --help' explains one of them.\n"
         "\n"
-        "Exit status: 0 yes or done, 1 no or failed, 2 wrong use.");
+        "Exit status: 0 yes or done, 1 no or failed, 2 wrong use; of 'apply' 3, too.");
 }
 
 const Command* findCommand(const char* name) {

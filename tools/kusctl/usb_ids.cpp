@@ -147,6 +147,11 @@ std::string usbName(int32_t vendor, int32_t product) {
     return printable(product == kUnknownId ? found->second.vendor : found->second.product);
 }
 
+std::string nameOf(const DeviceInfo& device) {
+    return device.deviceName.empty() ? usbName(device.vendorId, device.productId)
+                                     : device.deviceName;
+}
+
 const Command kFindCommand = {"find", "vendors and products by name, and the rules for them", kHelp,
                               run};
 

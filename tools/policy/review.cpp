@@ -403,12 +403,16 @@ Warning wholeVendorWarning(const std::map<int32_t, int>& listed,
 }
 
 std::vector<Warning> reviewRules(const std::string& text) {
-    if (base::StartsWith(text, "\xFF\xFE") || base::StartsWith(text, "\xFE\xFF")) {
-        return {{1, "encoding", "the file is in UTF-16", "save it as UTF-8"}};
-    }
+    std::vector<Warning> warnings;
     XMLDocument document(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE);
-    if (document.Parse(text.data(), text.size()) != tinyxml2::XML_SUCCESS) return {};
-    return RulesReview(text, document).warnings;
+    if (document.Parse(text.data(), text.size()) == tinyxml2::XML_SUCCESS) {
+        warnings = RulesReview(text, document).warnings;
+    }
+    if (base::StartsWith(text, "\xFF\xFE") || base::StartsWith(text, "\xFE\xFF")) {
+        warnings.insert(warnings.begin(),
+                        {0, "encoding", "the file is in UTF-16", "save it as UTF-8"});
+    }
+    return warnings;
 }
 
 }  // namespace android::kus
