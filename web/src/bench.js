@@ -172,7 +172,10 @@ export class Bench {
     return now.words(device).state === this.filter;
   }
 
-  /** Draws what is known; `judgements` are those of the editor's rules, now, and base or null. */
+  /**
+   * Draws what is known; `judgements` are those of the editor's rules, now, and base or null. They
+   * are stale where `now` is of an earlier text.
+   */
   draw(judgements = this.#judgements) {
     this.#judgements = judgements;
     const wanted = this.devices.filter((device) => this.#isWanted(device));
@@ -188,6 +191,7 @@ export class Bench {
     }
     this.#shown = shown;
     this.#list.classList.toggle('comparing', Boolean(judgements?.base));
+    this.#list.classList.toggle('stale', Boolean(judgements?.stale));
     this.#drawNote(wanted.length - shown.length);
   }
 
@@ -203,7 +207,8 @@ export class Bench {
   /** "9 allowed · 5 refused", with what changes where there is something to compare. */
   summary() {
     if (!this.#judgements) return '';
-    const { now, base } = this.#judgements;
+    const { now, base, stale } = this.#judgements;
+    if (stale) return 'answers from before the error';
     if (!now.accepted) return 'no answers: a device would not take this file';
     const count = (test) => this.devices.filter(test).length;
     const of = (state) => count((device) => now.words(device).state === state);

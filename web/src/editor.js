@@ -48,7 +48,7 @@ const theme = EditorView.theme({
   '.cm-deletedChunk .cm-deletedText': { background: 'none', textDecoration: 'line-through' },
   '&.cm-merge-b .cm-changedLine': { backgroundColor: 'var(--ok-ground)' },
   '&.cm-merge-b .cm-changedText': { background: 'none',
-    backgroundColor: 'color-mix(in srgb, var(--ok) 25%, transparent)' },
+    backgroundColor: 'color-mix(in srgb, var(--ok) 14%, transparent)' },
   '.cm-changedLineGutter': { background: 'var(--ok)' },
   '.cm-deletedLineGutter': { background: 'var(--bad)' },
 });

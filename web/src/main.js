@@ -82,6 +82,7 @@ function take(opened) {
   file = null;
   editor.open(opened.text);
   file = { ...opened, doc: editor.doc };
+  lastAccepted = null;
   drawFile();
   evaluateSoon(0);
   if (!opened.isText) toast(`${opened.name} is no UTF-8 text: the answers are about its own bytes until you edit it.`);
@@ -134,6 +135,8 @@ function keepAsBase() {
 
 // Answers
 
+/** Of the last text that was accepted since a file was opened, or null. */
+let lastAccepted = null;
 let evaluateTimer;
 let running = false;
 let again = false;
@@ -154,9 +157,13 @@ async function evaluate() {
       base ? engine.evaluate(base.bytes, devices) : null,
     ]);
     drawReport(report);
+    const judgement = new Judgement(report, devices);
+    if (judgement.accepted) lastAccepted = judgement;
+    // Half a rule is no reason to take all answers away.
     bench.draw({
-      now: new Judgement(report, devices),
+      now: lastAccepted ?? judgement,
       base: baseReport ? new Judgement(baseReport, devices) : null,
+      stale: lastAccepted !== null && !judgement.accepted,
     });
   } catch (error) {
     drawReport({ verdict: 'failed', status: error.message, line: 0, warnings: [] });
