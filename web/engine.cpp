@@ -112,6 +112,16 @@ EXPORT const char* decide(bool input, int vendor, int product, int32_t* codes, s
                 "," + member("log", rules.trace(device)) + "}");
 }
 
+/** `code` is that of a class, or -1 where a vendor is meant, or a product of it. */
+EXPORT const char* edit(bool allow, int code, int vendor, int product) {
+    Subject subject;
+    if (code >= 0) subject.classCode = code;
+    subject.vendor = vendor;
+    subject.product = product;
+    const Edit edited = editRules(text, allow, subject);
+    return give("{" + member("text", edited.text) + "," + member("problem", edited.problem) + "}");
+}
+
 /** The names that a class element may use, and those that it may not. */
 EXPORT const char* classNames() {
     return give(

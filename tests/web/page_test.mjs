@@ -35,7 +35,7 @@ const className = () => often(
   () => pick(...USB.map((name) => `USB_CLASS_${name}`), ...INPUT.map((name) => `AINPUT_SOURCE_${name}`)),
   () => pick('USB_CLASS_HID', 'USB_CLASS_PHYSICAL', '', ' USB_CLASS_AUDIO', 'a<!-- b -->c', '<pid>1</pid>'));
 const id = () => often(() => String(random(8)),
-  () => pick('', '65536', '2147483647', '2147483648', '99999999999', '0x1', '-1', ' 1', '1<b/>2', '&#49;', '\xff'));
+  () => pick('', '65536', '2147483647', '2147483648', '99999999999', '0x1', '-1', ' 1', '1<b/>2', '&#49;', '\xff', '0x'));
 const rule = () => often(
   () => pick(
     () => `<class>${className()}</class>`,
@@ -214,9 +214,12 @@ await test('The way of a user', () => withPage({}, async (page) => {
   await expectVerdict(page, 'refused', 'INVALID TAG:pid', 'line 3');
   await page.locator('.cm-lint-marker-error').waitFor();
   await page.locator('#findings').getByText('Refused: INVALID TAG:pid').waitFor();
-  await expectAnswer(page, 'Mouse', 'no answer');
+  await page.locator('#summary').getByText('answers from before the error').waitFor();
   await page.keyboard.press('Control+z');
   await expectVerdict(page, 'accepted');
+  await page.keyboard.type('<class>USB_V');
+  await page.locator('.cm-tooltip-autocomplete').getByText('USB_CLASS_VIDEO').waitFor();
+  for (const key of ['Escape', ...Array(20).fill('Control+z')]) await page.keyboard.press(key);
 
   // A remedy, the daemon's log, and the rule behind an answer
   await page.click('#base-keep');
@@ -234,7 +237,7 @@ await test('The way of a user', () => withPage({}, async (page) => {
   // From a name to a rule
   await page.keyboard.press('Control+k');
   await page.keyboard.type('kingston datatraveler 100 g3');
-  await page.getByRole('button', { name: /^Add rule for Kingston.*100 G3/ }).first().click();
+  await page.getByRole('button', { name: /^Allow Kingston.*100 G3/ }).first().click();
   await page.getByRole('tab', { name: 'Bench' }).click();
   await expectAnswer(page, 'Memory stick', 'allowed');
 
@@ -262,33 +265,35 @@ await test('The way of a user', () => withPage({}, async (page) => {
 
   // The smallest change, and the file's line ends
   assert.equal(await save(page), ['<usbconfig mode="whitelist">', '  <class>USB_CLASS_AUDIO</class><!-- mine -->',
-    '  <class>AINPUT_SOURCE_MOUSE</class>', '  <vid vendorid="2385">', '    <pid>5734</pid>', '  </vid>',
+    '  <class>AINPUT_SOURCE_MOUSE</class>', '  <vid vendorid="2385"><pid>5734</pid></vid>',
     '</usbconfig>', ''].join('\r\n'));
   assert.equal(await page.locator('#file-dirty').isVisible(), false);
 }));
 
-await test('Rules find their place', () => withPage({}, async (page) => {
-  for (const [text, query, expected] of [
-    ['<usbconfig mode="blacklist"/>', '04b8', '<usbconfig mode="blacklist">\n  <vid vendorid="1208"/>\n</usbconfig>'],
-    ['<usbconfig mode="blacklist"></usbconfig>', '04b8', '<usbconfig mode="blacklist">\n  <vid vendorid="1208"/>\n</usbconfig>'],
-    ['<usbconfig mode="whitelist">\n\t<vid vendorid="1208">\n\t\t<pid>1</pid> <!-- a -->\n\t</vid>\n</usbconfig>', '04b8:0202',
-      '<usbconfig mode="whitelist">\n\t<vid vendorid="1208">\n\t\t<pid>1</pid> <!-- a -->\n\t\t<pid>514</pid>\n\t</vid>\n</usbconfig>'],
-    ['<usbconfig mode="whitelist">\n<vid vendorid="1208"/>\n</usbconfig>', '04b8:0202',
-      '<usbconfig mode="whitelist">\n<vid vendorid="1208"/>\n</usbconfig>'],
-    ['<other/>', '04b8', '<other/>'],
+await test('From a name to a rule', () => withPage({}, async (page) => {
+  const epson = '<vid vendorid="1208"/>';
+  for (const [text, query, button, expected, told] of [
+    ['<usbconfig mode="blacklist"/>', '04b8', 'Block', `<usbconfig mode="blacklist">\n  ${epson}\n</usbconfig>`, 'changed'],
+    [`<usbconfig mode="blacklist">\n${epson}\n</usbconfig>`, '1208', 'Allow', '<usbconfig mode="blacklist">\n</usbconfig>', 'changed'],
+    [`<usbconfig mode="whitelist">\n${epson}\n</usbconfig>`, '04b8:0202', 'Allow', null, 'already'],
+    ['<other/>', '04b8', 'Allow', null, 'accepted'],
   ]) {
     await replaceText(page, text);
     await page.keyboard.press('Control+k');
     await page.fill('#query', query);
-    await page.locator('#found').getByRole('button', { name: /^Add rule/ }).first().click();
-    assert.equal(await editorText(page), expected);
+    await page.locator('#found').getByRole('button', { name: new RegExp(`^${button}`) }).first().click();
+    await page.locator('#announce').getByText(told).waitFor();
+    assert.equal(await editorText(page), expected ?? text);
   }
 }));
 
 await test('A file that would end the daemon shows just that', () => withPage({}, async (page) => {
   await replaceText(page, '<usbconfig mode="whitelist">\n<vid vendorid="99999999999"/>\n</usbconfig>');
   await expectVerdict(page, 'crash', 'Would end the daemon', 'Unable to apply the USB Admin config rules', 'line 2');
-  await replaceText(page, '<!-- no element -->');
+  await page.locator('#bench.stale').waitFor();
+  page.once('dialog', (dialog) => dialog.accept());
+  await open(page, 'none.xml', '<!-- no element -->');
+  await expectAnswer(page, 'Memory stick', 'no answer');
   await page.locator('#findings').getByText('the document has no element').waitFor();
   await page.click('#example');
   await expectVerdict(page, 'accepted');

@@ -2,7 +2,7 @@
 // The bench: devices and their answers, under the editor's rules and under those in force.
 import { classesText, decimalIdsText, idsText, shortName } from './devices.js';
 import { element } from './dom.js';
-import { rulesIn } from './rules.js';
+import { subjectsOf } from './rules.js';
 
 // Drawn at most; the rest is counted.
 const MOST_ROWS = 300;
@@ -35,9 +35,9 @@ export class Judgement {
   }
 }
 
-/** A rule of a remedy, in short. */
-const labelOf = (rule) => (rule.class ? `class ${shortName(rule.class)}`
-  : `product ${rule.vendor}:${rule.product}`);
+/** What a remedy adds, in short. */
+const labelOf = (remedy) => subjectsOf(remedy).map(({ className, vendor, product }) =>
+  (className ? `class ${shortName(className)}` : `product ${vendor}:${product}`)).join(', ');
 
 /** A device on the page. */
 class Row {
@@ -100,8 +100,7 @@ class Row {
     this.actions.dataset.key = key;
     this.actions.replaceChildren(
       ...remedies.map((remedy) => element('button', { type: 'button', className: 'remedy',
-        title: remedy, onclick: () => this.page.addRules(remedy) },
-        rulesIn(remedy).map(labelOf).join(', '))),
+        title: remedy, onclick: () => this.page.allow(subjectsOf(remedy)) }, labelOf(remedy))),
       ...lines.map((line) => element('button', { type: 'button', className: 'link',
         onclick: () => this.page.goTo(line) }, `line ${line}`)));
   }
@@ -130,7 +129,7 @@ export class Bench {
 
   /**
    * `page` has vendorName(id), namesByCode (of classes), and what follows a click: goTo(line),
-   * addRules(elements), changed().
+   * allow(subjects), changed().
    */
   constructor(list, note, page) {
     this.#list = list;
@@ -173,7 +172,10 @@ export class Bench {
     return now.words(device).state === this.filter;
   }
 
-  /** Draws what is known; `judgements` are those of the editor's rules, now, and base or null. */
+  /**
+   * Draws what is known; `judgements` are those of the editor's rules, now, and base or null. They
+   * are stale where `now` is of an earlier text.
+   */
   draw(judgements = this.#judgements) {
     this.#judgements = judgements;
     const wanted = this.devices.filter((device) => this.#isWanted(device));
@@ -189,6 +191,7 @@ export class Bench {
     }
     this.#shown = shown;
     this.#list.classList.toggle('comparing', Boolean(judgements?.base));
+    this.#list.classList.toggle('stale', Boolean(judgements?.stale));
     this.#drawNote(wanted.length - shown.length);
   }
 
@@ -204,7 +207,8 @@ export class Bench {
   /** "9 allowed · 5 refused", with what changes where there is something to compare. */
   summary() {
     if (!this.#judgements) return '';
-    const { now, base } = this.#judgements;
+    const { now, base, stale } = this.#judgements;
+    if (stale) return 'answers from before the error';
     if (!now.accepted) return 'no answers: a device would not take this file';
     const count = (test) => this.devices.filter(test).length;
     const of = (state) => count((device) => now.words(device).state === state);

@@ -2,7 +2,7 @@
 // The text editor: rules in XML, with the engine's findings in its margin.
 import { autocompletion, closeBrackets, completionKeymap } from '@codemirror/autocomplete';
 import { defaultKeymap, history, historyKeymap } from '@codemirror/commands';
-import { xml } from '@codemirror/lang-xml';
+import { xml, xmlLanguage } from '@codemirror/lang-xml';
 import { bracketMatching, HighlightStyle, indentOnInput, syntaxHighlighting } from '@codemirror/language';
 import { lintGutter, lintKeymap, setDiagnostics } from '@codemirror/lint';
 import { unifiedMergeView } from '@codemirror/merge';
@@ -48,7 +48,7 @@ const theme = EditorView.theme({
   '.cm-deletedChunk .cm-deletedText': { background: 'none', textDecoration: 'line-through' },
   '&.cm-merge-b .cm-changedLine': { backgroundColor: 'var(--ok-ground)' },
   '&.cm-merge-b .cm-changedText': { background: 'none',
-    backgroundColor: 'color-mix(in srgb, var(--ok) 25%, transparent)' },
+    backgroundColor: 'color-mix(in srgb, var(--ok) 14%, transparent)' },
   '.cm-changedLineGutter': { background: 'var(--ok)' },
   '.cm-deletedLineGutter': { background: 'var(--bad)' },
 });
@@ -63,16 +63,19 @@ const highlighting = syntaxHighlighting(HighlightStyle.define([
 
 /** What may stand where in a rules file, for completion. */
 function language(classNames) {
-  return xml({
-    elements: [
-      { name: 'usbconfig', top: true, children: ['class', 'vid'],
-        attributes: [{ name: 'mode', values: ['default', 'whitelist', 'blacklist'] }] },
-      { name: 'class', children: [],
-        textContent: classNames.filter((row) => !row.restricted).map((row) => row.name) },
-      { name: 'vid', children: ['pid'], attributes: ['vendorid'] },
-      { name: 'pid', children: [] },
-    ],
-  });
+  const options = classNames.filter((row) => !row.restricted).map(({ name }) => ({ label: name }));
+  const completeClass = (context) => {
+    const before = context.matchBefore(/<class>\w*/);
+    return before && { from: before.from + '<class>'.length, options, validFor: /^\w*$/ };
+  };
+  const elements = [
+    { name: 'usbconfig', top: true, children: ['class', 'vid'],
+      attributes: [{ name: 'mode', values: ['default', 'whitelist', 'blacklist'] }] },
+    { name: 'class', children: [] },
+    { name: 'vid', children: ['pid'], attributes: ['vendorid'] },
+    { name: 'pid', children: [] },
+  ];
+  return [xml({ elements }), xmlLanguage.data.of({ autocomplete: completeClass })];
 }
 
 const darkness = matchMedia('(prefers-color-scheme: dark)');

@@ -60,4 +60,12 @@ export class Engine {
   evaluate(rules, devices) {
     return this.#ask({ request: 'evaluate', rules, devices });
   }
+
+  /**
+   * A text of rules that allows (or blocks) the subjects, as `kusctl allow` and `block` make it:
+   * {text, problem}. A subject has the code of a class or -1, a vendor, and a product or -1.
+   */
+  edit(text, allow, subjects) {
+    return this.#ask({ request: 'edit', text, allow, subjects });
+  }
 }

@@ -8,7 +8,7 @@ import { Editor } from './editor.js';
 import { Engine } from './engine.js';
 import { decode, droppedFile, encode, openFile, saveFile } from './files.js';
 import { Names } from './names.js';
-import { addRule, elementOf, EXAMPLE, rulesIn } from './rules.js';
+import { changeBetween, EXAMPLE } from './rules.js';
 
 const TYPING_PAUSE_MS = 120;
 const TOAST_MS = 6000;
@@ -26,21 +26,6 @@ let classNames = [];
 /** The file in the editor as it was opened or saved, and the one in force, or null. */
 let file = null;
 let base = null;
-
-const nonce = document.querySelector('meta[name=style-nonce]').content;
-const editor = new Editor(byId('editor'), nonce, () => {
-  drawFile();
-  evaluateSoon();
-});
-const bench = new Bench(byId('bench'), byId('bench-note'), {
-  namesByCode,
-  vendorName: (id) => names.vendor(id),
-  goTo: (line) => editor.goTo(line),
-  addRules: (elements) => addRules(rulesIn(elements)),
-  changed: () => evaluateSoon(0),
-});
-
-// Telling
 
 let toastTimer;
 function toast(text) {
@@ -64,6 +49,19 @@ const plural = (count, what) => `${count} ${what}${count === 1 ? '' : 's'}`;
 /** Control characters, which a status text quotes from a file, as pictures of them. */
 const visible = (text) => text.replace(/[\0-\x1f]/g, (c) => String.fromCharCode(0x2400 + c.charCodeAt(0)));
 
+const nonce = document.querySelector('meta[name=style-nonce]').content;
+const editor = new Editor(byId('editor'), nonce, () => {
+  drawFile();
+  evaluateSoon();
+});
+const bench = new Bench(byId('bench'), byId('bench-note'), {
+  namesByCode,
+  vendorName: (id) => names.vendor(id),
+  goTo: (line) => editor.goTo(line),
+  allow: guarded((subjects) => edit(true, subjects)),
+  changed: () => evaluateSoon(0),
+});
+
 // The file
 
 const isEdited = () => !editor.doc.eq(file.doc);
@@ -84,6 +82,7 @@ function take(opened) {
   file = null;
   editor.open(opened.text);
   file = { ...opened, doc: editor.doc };
+  lastAccepted = null;
   drawFile();
   evaluateSoon(0);
   if (!opened.isText) toast(`${opened.name} is no UTF-8 text: the answers are about its own bytes until you edit it.`);
@@ -136,6 +135,8 @@ function keepAsBase() {
 
 // Answers
 
+/** Of the last text that was accepted since a file was opened, or null. */
+let lastAccepted = null;
 let evaluateTimer;
 let running = false;
 let again = false;
@@ -156,9 +157,13 @@ async function evaluate() {
       base ? engine.evaluate(base.bytes, devices) : null,
     ]);
     drawReport(report);
+    const judgement = new Judgement(report, devices);
+    if (judgement.accepted) lastAccepted = judgement;
+    // Half a rule is no reason to take all answers away.
     bench.draw({
-      now: new Judgement(report, devices),
+      now: lastAccepted ?? judgement,
       base: baseReport ? new Judgement(baseReport, devices) : null,
+      stale: lastAccepted !== null && !judgement.accepted,
     });
   } catch (error) {
     drawReport({ verdict: 'failed', status: error.message, line: 0, warnings: [] });
@@ -223,20 +228,20 @@ function drawFindings(findings) {
 
 // Rules by a click
 
-function addRules(rules) {
-  for (const rule of rules) {
-    const change = addRule(editor.doc.toString(), rule);
-    if (change.problem) return toast(change.problem);
-    if (change.listed) {
-      editor.goTo(change.listed);
-      toast(`Listed already, in line ${change.listed}.`);
-      continue;
-    }
-    const end = change.from + change.insert.length;
-    editor.change({ changes: change, selection: { anchor: change.from, head: end } });
-    const line = editor.doc.lineAt(end).number;
-    toast(`${elementOf(rule)} is in line ${line}. Ctrl+Z in the editor takes it back.`);
+async function edit(allow, subjects) {
+  const { doc } = editor;
+  const text = doc.toString();
+  const edited = await engine.edit(text, allow, subjects.map(
+    ({ className, vendor = -1, product = -1 }) => ({ code: codesByName.get(className) ?? -1, vendor, product })));
+  // Who types meanwhile goes first.
+  if (editor.doc !== doc) return;
+  const change = changeBetween(text, edited.text);
+  if (change) {
+    const head = change.from + change.insert.length;
+    editor.change({ changes: change, selection: { anchor: change.from, head } });
   }
+  toast(edited.problem || (change ? 'The rules are changed. Ctrl+Z in the editor takes it back.'
+    : 'The rules say so already.'));
 }
 
 function drawFound() {
@@ -251,19 +256,20 @@ function drawFound() {
     const hex = (id) => id.toString(16).padStart(4, '0');
     const ids = product === null ? `${hex(vendor)} · ${vendor}`
       : `${hex(vendor)}:${hex(product)} · ${vendor}:${product}`;
-    const rule = { vendor: String(vendor), product: product === null ? null : String(product) };
     const what = product === null ? `every product of ${vendorName}` : `${vendorName} ${name}`;
+    const subject = { vendor, product: product ?? -1 };
+    const choice = (label, allow) => element('button', { type: 'button',
+      'aria-label': `${label} ${what}`, onclick: guarded(() => edit(allow, [subject])) }, label);
     return element('li', {},
       element('div', { className: 'who' },
-        element('span', { className: 'device-name' }, product === null ? vendorName : name), ' ',
-        element('span', { className: 'device-ids' }, ids),
-        element('span', { className: 'facts' }, product === null ? 'every product' : vendorName)),
+        element('span', { className: 'device-name' }, product === null ? vendorName : name),
+        element('span', { className: 'facts' }, element('span', { className: 'device-ids' }, ids),
+          ` · ${product === null ? 'every product' : vendorName}`)),
       element('div', { className: 'buttons' },
         product === null ? null : element('button', { type: 'button',
           'aria-label': `Try… ${what} on the bench`,
           onclick: () => showOwn({ name: `${vendorName} ${name}`, vendor, product }) }, 'Try…'),
-        element('button', { type: 'button', 'aria-label': `Add rule for ${what}`,
-          title: elementOf(rule), onclick: () => addRules([rule]) }, 'Add rule')));
+        choice('Allow', true), choice('Block', false)));
   }));
 }
 

@@ -54,6 +54,10 @@ class Instance {
     return this.#json(this.#calls.decide(
       kind === 'input', vendor, product, codes, classes.length, vendorHid));
   }
+
+  edit(allow, { code, vendor, product }) {
+    return this.#json(this.#calls.edit(allow, code, vendor, product));
+  }
 }
 
 let instance = new Instance();
@@ -79,6 +83,19 @@ const requests = {
     const answers = accepted ? devices.map((device) => instance.decide(device)) : null;
     if (rules.length > LARGE_FILE) instance = new Instance();
     return { ...verdict, warnings, answers };
+  },
+
+  edit({ text, allow, subjects }) {
+    const encoder = new TextEncoder();
+    let edited = { text, problem: '' };
+    for (const subject of subjects) {
+      const rules = encoder.encode(edited.text);
+      instance.setRules(rules);
+      if (judge(rules).verdict !== 'accepted') throw new Error('Rules are added to a file that is accepted.');
+      edited = instance.edit(allow, subject);
+      if (edited.problem) break;
+    }
+    return edited;
   },
 };
 
