@@ -23,6 +23,8 @@ constexpr char kNoTopology[] = "USB Test \n\n\nDeviceIdMap size0\n";
 
 std::string golden(const std::string& name) { return readFile(TEST_DATA "/" + name); }
 
+std::string logText() { return base::Join(takeLog(), '\n') + "\n"; }
+
 Vector<String16> parcelled(const Texts& texts) {
     Vector<String16> arguments;
     for (const std::string& text : texts) arguments.add(String16(text.c_str()));
@@ -52,7 +54,9 @@ TEST_F(DumpTest, ListsInputDevicesBeforeUsbDevices) {
     configMode = "default";
     mUsbDeviceInfoList[7] = std::make_unique<DeviceInfo>(usbDevice(7, {}));
     isAllowed(inputDevice(1000001, 0x2302));
+    takeLog();
     EXPECT_EQ(dump(), golden("device_dump.txt"));
+    EXPECT_EQ(logText(), golden("device_dump_log.txt"));
 }
 
 // The entries are given in this order because that of a directory is the file system's.
@@ -72,10 +76,12 @@ TEST_F(DumpTest, PrintsTheTopologyToTheByte) {
         // Without their hub, their bus, their hub on their bus.
         "1-5.1 1-5.1:1.0 3-1 3-1:1.0 12-2.1 12-2.1:1.0");
     TemporaryFile file;
+    takeLog();
     UsbDevice::print_tree(file.fd);
     UsbDevice::print_interfacelist(file.fd);
     UsbDevice::print_deviceid_map(file.fd);
     EXPECT_EQ(readFile(file.path), golden("topology_dump.txt"));
+    EXPECT_EQ(logText(), golden("topology_dump_log.txt"));
 }
 
 // "Entered while" names each file of an interface, in the file system's order: they have one each.
@@ -87,7 +93,7 @@ TEST_F(DumpTest, TraceTellsEveryStepOfAScan) {
     }
     UsbDevice::verbose_trace = true;
     scan("usb2 1-1 1-1.2 1-1.3 1-1.3:1.0 1-1.3:1.1 1-1.3:1.2 2-0:0.0");
-    EXPECT_EQ(base::Join(takeLog(), '\n') + "\n", golden("scan_trace.txt"));
+    EXPECT_EQ(logText(), golden("scan_trace.txt"));
 }
 
 TEST_F(DumpTest, TheTopologyIsScannedAnewAndPrintedOnRequest) {
@@ -100,6 +106,7 @@ TEST_F(DumpTest, TheTopologyIsScannedAnewAndPrintedOnRequest) {
     EXPECT_THAT(text,
                 HasSubstr("\n\nDeviceIdMap size1\n \n DeviceId : 1004, Interface name : 1-2:1.0,"));
     EXPECT_TRUE(UsbDevice::device_list.empty());
+    EXPECT_THAT(takeLog(), Contains(StartsWith("I dump_print_test called ")));
 }
 
 TEST_F(DumpTest, WithoutADescriptorForItsMemoryADumpIsPrintedStraight) {

@@ -57,8 +57,14 @@ TEST_F(HostReset, ControllersInTheHostRoleAreToggledOneAfterTheOther) {
     writeFile(kSsusb, "host");
     static Texts steps;
     base::SetLogger([](base::LogId, base::LogSeverity, const char*, const char*, unsigned int,
-                       const char* text) { steps.push_back(readFile(kHsusb) + " | " + text); });
+                       const char* text) {
+        steps.push_back(readFile(kHsusb) + " | " + text);
+        if (text != kNone + kSsusb) return;
+        UsbDevice::give_host_role_back();
+        EXPECT_EQ(readFile(kSsusb), "host") << "what a crash would do now";
+    });
     EXPECT_THAT(reset(0), Ge(400));
+    UsbDevice::give_host_role_back();
     EXPECT_THAT(steps, ElementsAre("host\n | usb_host_reset entered:", "none\n | " + kNone + kHsusb,
                                    "none\n | " + kHost + kHsusb, "host\n | " + kNone + kSsusb,
                                    "host\n | " + kHost + kSsusb));

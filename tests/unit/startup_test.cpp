@@ -36,6 +36,8 @@ class Startup : public KusTest {
 };
 
 TEST_F(Startup, TasksWriteTheDefaultRules) {
+    const std::string draft = std::string(configFilePath) + ".new";
+    writeFile(draft, std::string(100, 'x'));
     run("run-startup-tasks");
     EXPECT_EQ(status_, 0);
     EXPECT_EQ(readFile(configFilePath), kDefaultRules);
@@ -43,6 +45,12 @@ TEST_F(Startup, TasksWriteTheDefaultRules) {
     EXPECT_THAT(log_, ElementsAre(StartsWith("I kus main called with argc: 2and argv: 0x"),
                                   "I kus main called with run-startup-tasks",
                                   "I Directory exist, creating file"));
+
+    fs::remove(configFilePath);
+    fs::create_symlink("/nowhere", configFilePath);
+    run("run-startup-tasks");
+    EXPECT_EQ(log_.back(), std::string("E Could not write ") + configFilePath + ": File exists");
+    EXPECT_FALSE(fs::exists(draft));
 }
 
 TEST_F(Startup, TasksLeaveWhatIsThereAndCreateNoDirectory) {
@@ -64,13 +72,15 @@ TEST_F(Startup, TasksLeaveWhatIsThereAndCreateNoDirectory) {
     EXPECT_FALSE(fs::exists(directory));
 }
 
-// There is no service manager here, so the daemon ends soon after it has loaded the rules.
+// There is no binder driver here, so the daemon aborts soon after it has loaded the rules.
 TEST_F(Startup, AnyOtherArgumentStartsTheDaemon) {
-    writeFile(configFilePath, kDefaultRules);
     for (const char* arguments : {"", "run-startup-tasks-x", "RUN-STARTUP-TASKS"}) {
+        writeFile(configFilePath, kDefaultRules);
         run(arguments);
         EXPECT_NE(status_, 0);
         EXPECT_EQ(log_[1], "I  parsing register createmap called");
+        EXPECT_THAT(log_, Contains("I Segmentation faultsignum6"));
+        EXPECT_EQ(readFile(statusFilePath), crashStatus);
     }
 }
 

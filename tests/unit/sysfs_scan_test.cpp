@@ -142,6 +142,16 @@ TEST_F(SysfsScan, LongNamesAreCut) {
     EXPECT_THAT(configurations, ElementsAre(0, 2)) << "is read of a device whose name is cut";
 }
 
+// The path of a driver link has to fit 4096 bytes with its terminator.
+TEST_F(SysfsScan, DriversOfOverlongNamesAreNotRead) {
+    const std::string device(4068, '1'), bus = "usb" + std::string(4062, '1');
+    testing::internal::CaptureStdout();
+    scan(device + " " + bus);
+    testing::internal::GetCapturedStdout();
+    EXPECT_LOG("E Can not read driver link for " + device + ": " + device + "4096",
+               "E Cannot read driver link for " + bus + ": " + bus + "4096");
+}
+
 // By the digit after the colon, so never a root hub's own. The other links show in a dump.
 TEST_F(SysfsScan, BusTakesInterfacesWithoutADevice) {
     scan("usb1 usb12 1-1 1-0:1.0 1-9:1.0 12-0:0.0 12-0:0.1 1-1:1.0");
