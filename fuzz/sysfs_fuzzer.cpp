@@ -162,13 +162,13 @@ void scanAndDecide() {
 }
 
 void readAsTheGate() {
-    static const bool linked = mkdir("/sys/class", 0755) == 0 &&
-                               symlink(kUsbDevicesPath, "/sys/class/input") == 0;
+    static const bool linked =
+        mkdir("/sys/class", 0755) == 0 && symlink(kUsbDevicesPath, "/sys/class/input") == 0;
     CHECK(linked);
     for (const std::string& name : deviceNames()) {
         const Device device(name);
         isAskedAbout(device);
-        openHub(device);
+        openFor("hub", device, interfaceNames(device));
         const auto description = kus::describe(device);
         if (!description) continue;
         const DeviceInfo& info = description->info;

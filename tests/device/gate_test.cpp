@@ -27,6 +27,7 @@ namespace {
 using testing::AllOf;
 using testing::Each;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 using testing::SizeIs;
 using Clock = std::chrono::steady_clock;
 
@@ -446,6 +447,13 @@ TEST_F(ClosedGateTest, OnlyTheKernelIsBelieved) {
     const Plugged other("other", kStick);
     EXPECT_EQ(other.decision().status, 1);
     EXPECT_EQ(stick.decision().status, 1);
+}
+
+TEST_F(ClosedGateTest, WhatItCannotStartWithIsOneLine) {
+    EXPECT_THAT(shell("kusgate --open 2>&1; echo $?"),
+                MatchesRegex("[^\n]*unknown argument --open: usage: kusgate \\[--closed]\n2"));
+    EXPECT_THAT(shell("unshare -m sh -c 'mount -t tmpfs none /sys/bus/usb; kusgate 2>&1; echo $?'"),
+                MatchesRegex("[^\n]*there is no /sys/bus/usb/devices: [^\n]*\n1"));
 }
 
 TEST_F(ClosedGateTest, LostEventsAreMadeUpFor) {

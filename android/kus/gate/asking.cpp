@@ -81,14 +81,14 @@ class Asker {
     std::optional<bool> askAndOpen(const Device& device, const DeviceDescription& description) {
         const bool wasOpen = isOpen(device, description.interfaces);
         auto allowed = ask(device, description.info);
-        if (allowed == true) openDevice(device, description.interfaces);
         if (allowed == false && !wasOpen && hasOnlyHids(description.info)) {
             // The input question comes for what its drivers make, and a vendor-specific HID is
             // known by them: it gets its answer now.
-            openDevice(device, description.interfaces);
+            openFor("usbhid", device, description.interfaces);
             allowed = ask(device, description.info);
             if (!allowed) closeDevice(device, description.interfaces);
         }
+        if (allowed == true) openDevice(device, description.interfaces);
         return allowed;
     }
 

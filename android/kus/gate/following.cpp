@@ -92,7 +92,7 @@ class Follower {
             closeBus(device);
             closeDevicesOn(device);
         }
-        if (!device.isInput() && isHub(device)) openHub(device);
+        if (!device.isInput() && isHub(device)) openFor("hub", device, interfaceNames(device));
     }
 
     void closeDevicesOn(const Device& rootHub) {

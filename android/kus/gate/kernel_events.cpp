@@ -44,7 +44,7 @@ std::optional<KernelEvent> KernelEvents::receive() {
         const ssize_t size =
             uevent_kernel_multicast_recv(socket_.get(), buffer.data(), buffer.size());
         if (size > 0) return parseKernelEvent(std::string_view(buffer.data(), size));
-        if (errno == ENOBUFS) return std::nullopt;
+        if (size == -1 && errno == ENOBUFS) return std::nullopt;
         if (size == -1 && errno != EIO) PLOG(FATAL) << "cannot receive kernel events";
     }
 }

@@ -12,13 +12,17 @@ namespace {
 
 constexpr char kDefaultAttribute[] = "interface_authorized_default";
 constexpr char kUsbBus[] = "/sys/bus/usb";
-constexpr char kHubDriver[] = "/sys/bus/usb/drivers/hub";
+constexpr char kDrivers[] = "/sys/bus/usb/drivers/";
 
-void write(const Device& device, const std::string& attribute, const std::string& text) {
-    if (device.directory.write(attribute, text)) return;
+/** Logs what has failed with errno, unless the device is gone. */
+void report(const Device& device, const std::string& failed) {
     const int error = errno;
     if (device.directory.isGone()) return;
-    LOG(ERROR) << "cannot write " << attribute << " of " << device.name << ": " << strerror(error);
+    LOG(ERROR) << failed << " of " << device.name << ": " << strerror(error);
+}
+
+void write(const Device& device, const std::string& attribute, const std::string& text) {
+    if (!device.directory.write(attribute, text)) report(device, "cannot write " + attribute);
 }
 
 void authorize(const Device& device, const std::string& interface, bool authorized) {
@@ -43,21 +47,25 @@ void openDevice(const Device& device, const std::vector<std::string>& interfaces
     // By name, so it may be another device's by now. The kernel gives no driver to an interface
     // that is not authorized.
     const SysfsDirectory bus(kUsbBus);
-    for (const std::string& interface : interfaces) bus.write("drivers_probe", interface);
+    for (const std::string& interface : interfaces) {
+        if (!bus.write("drivers_probe", interface)) report(device, "no driver for " + interface);
+    }
 }
 
 void closeDevice(const Device& device, const std::vector<std::string>& interfaces) {
     for (const std::string& interface : interfaces) authorize(device, interface, false);
 }
 
-// Not by a probe: a device can claim to be a hub, and carry the ids that another driver looks for.
-void openHub(const Device& hub) {
-    for (const std::string& interface : interfaceNames(hub)) {
-        const std::string driver = interface + "/driver";
-        if (hub.directory.has(driver)) continue;
-        authorize(hub, interface, true);
-        SysfsDirectory(kHubDriver).write("bind", interface);
-        if (!hub.directory.has(driver)) authorize(hub, interface, false);
+// Not by a probe: a device can have the class of one driver, and the ids that another looks for.
+void openFor(const std::string& driver, const Device& device,
+             const std::vector<std::string>& interfaces) {
+    for (const std::string& interface : interfaces) {
+        if (device.directory.has(interface + "/driver")) continue;
+        authorize(device, interface, true);
+        if (!SysfsDirectory(kDrivers + driver).write("bind", interface)) {
+            report(device, "no driver for " + interface);
+            authorize(device, interface, false);
+        }
     }
 }
 

@@ -23,7 +23,11 @@ bool isOpen(const Device& device, const std::vector<std::string>& interfaces);
 void openDevice(const Device& device, const std::vector<std::string>& interfaces);
 void closeDevice(const Device& device, const std::vector<std::string>& interfaces);
 
-/** Gives each interface that has no driver to that of hubs, and to no other. */
-void openHub(const Device& hub);
+/**
+ * Gives each of these interfaces that has no driver to this one, and to no other: one that the
+ * driver does not take stays closed.
+ */
+void openFor(const std::string& driver, const Device& device,
+             const std::vector<std::string>& interfaces);
 
 }  // namespace android::kus
