@@ -19,10 +19,10 @@ struct Baseline {
 };
 
 /**
- * Times an action and its baselines in turns, so that whatever slows the machine slows all. The
- * benchmark must use manual time, which is the action's. Its counters are the medians of the times
- * in microseconds, its label tells the medians of the ratios in a turn, and whether the targets are
- * met.
+ * Times an action and its baselines in turns, so that whatever slows the machine slows all, and by
+ * the processor time of the calling thread. The benchmark must use manual time, which is the
+ * action's. Its counters are the medians of the times in microseconds, its label tells the medians
+ * of the ratios in a turn, and whether the targets are met.
  */
 void compare(benchmark::State& state, const std::vector<Baseline>& baselines,
              const std::function<void()>& run);

@@ -269,6 +269,8 @@ void useKernelsDevices() {
     kernelsDevices = true;
 }
 
+bool usesKernelsDevices() { return kernelsDevices; }
+
 void makeMachineWithoutUsb() {
     CHECK(!kernelsDevices);
     for (const char* path : {"/sys/bus", "/sys/devices"}) fs::remove_all(path);

@@ -52,6 +52,7 @@ class UsbMachine {
  * process a /data of its own. Needs root.
  */
 void useKernelsDevices();
+bool usesKernelsDevices();
 
 /** Replaces the machine that was there by one with an empty /sys/bus/usb/devices. */
 void makeMachineWithoutUsb();

@@ -26,24 +26,14 @@ bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 bool fitsPath(size_t length) { return length < kPathSize; }
 
-/**
- * Makes the path of what lies `below` an entry, cut where it does not fit, and returns the length
- * of the whole. A scan makes thousands of them; snprintf's would take a tenth of the scan's time.
- */
-size_t entryPath(const char* d_name, const char* below, char (&path)[kPathSize]) {
-    constexpr size_t kStart = sizeof(kUsbDevicesPath);
-    const size_t nameLength = strlen(d_name);
-    const size_t length = kStart + nameLength + 1 + strlen(below);
-    if (!fitsPath(length)) {
-        snprintf(path, sizeof(path), "%s/%s/%s", kUsbDevicesPath, d_name, below);
-        return length;
-    }
-    memcpy(path, kUsbDevicesPath, kStart);
-    path[kStart - 1] = '/';
-    memcpy(path + kStart, d_name, nameLength);
-    path[kStart + nameLength] = '/';
-    strcpy(path + kStart + nameLength + 1, below);
-    return length;
+size_t pathLength(const char* d_name, const char* below) {
+    return strlen(kUsbDevicesPath) + strlen(d_name) + strlen(below) + strlen("//");
+}
+
+/** Makes the path of what lies `below` an entry, cut where it does not fit. */
+const char* entryPath(const char* d_name, const char* below, char (&path)[kPathSize]) {
+    snprintf(path, sizeof(path), "%s/%s/%s", kUsbDevicesPath, d_name, below);
+    return path;
 }
 
 /**
@@ -54,8 +44,7 @@ class EntryBeingRead {
   public:
     explicit EntryBeingRead(const char* d_name) : name_(d_name) {
         char path[kPathSize];
-        entryPath(d_name, "", path);
-        directory_.reset(open(path, O_PATH | O_DIRECTORY | O_CLOEXEC));
+        directory_.reset(open(entryPath(d_name, "", path), O_PATH | O_DIRECTORY | O_CLOEXEC));
         current_ = this;
     }
     ~EntryBeingRead() { current_ = nullptr; }
@@ -74,7 +63,7 @@ class EntryBeingRead {
     unique_fd directory_;
 };
 
-/** Copies what fits of a name, and returns the length of the whole; in place of snprintf, too. */
+/** Copies what fits of a name, and returns the length of the whole. */
 size_t copyName(const char* name, char (&field)[kNameSize]) {
     const size_t length = strlen(name);
     const size_t copied = std::min(length, kNameSize - 1);
@@ -87,10 +76,11 @@ void warnTruncated(const char* d_name, const char* copy) {
     printf("warning: '%s' truncated to '%s'\n", d_name, copy);
 }
 
-/** Opens an attribute of an entry, whose whole path is `path`. */
-unique_fd openAttribute(const char* d_name, const char* file, const char* path) {
+unique_fd openAttribute(const char* d_name, const char* file) {
     const int entry = EntryBeingRead::handleOf(d_name);
-    return unique_fd(openat(entry, entry < 0 ? path : file, O_RDONLY | O_CLOEXEC));
+    char path[kPathSize];
+    if (entry < 0) file = entryPath(d_name, file, path);
+    return unique_fd(openat(entry, file, O_RDONLY | O_CLOEXEC));
 }
 
 /**
@@ -99,12 +89,13 @@ unique_fd openAttribute(const char* d_name, const char* file, const char* path) 
  * it.
  */
 size_t readDriver(const char* d_name, const char* link, char (&driver)[kNameSize]) {
-    char path[kPathSize];
-    const size_t length = entryPath(d_name, link, path);
+    const size_t length = pathLength(d_name, link);
     if (!fitsPath(length)) return length;
-    char target[kPathSize];
     const int entry = EntryBeingRead::handleOf(d_name);
-    const ssize_t end = readlinkat(entry, entry < 0 ? path : link, target, sizeof(target));
+    char path[kPathSize];
+    if (entry < 0) link = entryPath(d_name, link, path);
+    char target[kPathSize];
+    const ssize_t end = readlinkat(entry, link, target, sizeof(target));
     if (end < 0) return length;
     target[static_cast<size_t>(end) < sizeof(target) - 1 ? end : 0] = '\0';
     const char* slash = strrchr(target, '/');
@@ -132,22 +123,20 @@ record_list<usbdevice> UsbDevice::device_list;
 record_list<usbinterface> UsbDevice::interface_list;
 
 unsigned int UsbDevice::read_sysfs_file_int(const char* d_name, const char* file, int base) {
-    char path[kPathSize];
-    entryPath(d_name, file, path);
     char text[kIntTextSize] = {};
-    const unique_fd fd = openAttribute(d_name, file, path);
+    const unique_fd fd = openAttribute(d_name, file);
     if (!fd.ok() || read(fd.get(), text, sizeof(text) - 1) < 0) {
-        perror(path);
+        char path[kPathSize];
+        perror(entryPath(d_name, file, path));
         return 0;
     }
     return strtoul(text, nullptr, base);
 }
 
 void UsbDevice::read_sysfs_file_string(const char* d_name, const char* file, char* buf, int len) {
-    char path[kPathSize];
     buf[0] = '\0';
-    if (!fitsPath(entryPath(d_name, file, path))) return;
-    const unique_fd fd = openAttribute(d_name, file, path);
+    if (!fitsPath(pathLength(d_name, file))) return;
+    const unique_fd fd = openAttribute(d_name, file);
     if (!fd.ok()) return;
     ssize_t length = read(fd.get(), buf, len);
     if (length < 1 || length >= len) length = 0;
