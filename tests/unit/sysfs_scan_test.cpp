@@ -70,6 +70,17 @@ TEST_F(SysfsScan, AttributesAreReadAsIntegersAndAsTexts) {
     }
 }
 
+TEST_F(SysfsScan, EachAttributeTellsWhyItsEntryCannotBeRead) {
+    const std::string path = sysfsPath("1-1:1.0", "bAlternateSetting: ");
+    const std::string entry = "/sys/bus/usb/devices/1-1:1.0";
+    writeFile(entry, "");
+    const auto read = [] { UsbDevice::inspect_bus_entry("1-1:1.0"); };
+    EXPECT_THAT(stderrOf(read), testing::StartsWith(path + "Not a directory\n"));
+    std::filesystem::remove(entry);
+    std::filesystem::create_symlink("/nowhere", entry);
+    EXPECT_THAT(stderrOf(read), testing::StartsWith(path + "No such file or directory\n"));
+}
+
 TEST_F(SysfsScan, AttributesThatCannotBeReadAreZeroOrEmpty) {
     fs::create_directories(sysfsPath("1-1", "power"));
     EXPECT_EQ(stderrOf([] {
