@@ -168,6 +168,7 @@ TEST_F(GateTest, AnInputDeviceHasItsNumberAsItsId) {
 
 // Nothing but the handle tells the two apart: they have the same name and interfaces.
 TEST_F(GateTest, AnAnswerDoesNotOpenTheNextDeviceOfTheName) {
+    writeFile("/sys/bus/usb/drivers_probe", "");
     attach("1-1", "00", {"08"});
     const Device first("1-1");
     const std::vector<std::string> interfaces = describe(first)->interfaces;
@@ -175,6 +176,7 @@ TEST_F(GateTest, AnAnswerDoesNotOpenTheNextDeviceOfTheName) {
     EXPECT_FALSE(isOpen(first, interfaces));
     openDevice(first, interfaces);
     EXPECT_TRUE(isOpen(first, interfaces));
+    EXPECT_EQ(readFile("/sys/bus/usb/drivers_probe"), "1-1:1.0");
 
     detach("1-1");
     attach("1-1", "00", {"08"}, 6);
