@@ -111,6 +111,15 @@ TEST_F(ConfigFiles, ARestoreNeverTakesAFileThatWasWrittenMeanwhile) {
     EXPECT_LT(restored, i);
 }
 
+TEST_F(ConfigFiles, ARestoreBringsRemovedRulesBack) {
+    writeFile(backupFilePath, "backup\n");
+    writeFile(configFilePath, "refused");
+    Util::readRules(configFilePath);
+    std::filesystem::remove(configFilePath);
+    EXPECT_EQ(Util::restoreRules(), Util::Restored::kWhole);
+    EXPECT_EQ(readFile(configFilePath), "backup\n");
+}
+
 TEST_F(ConfigFiles, StatusFileHoldsJustTheText) {
     for (const std::string text : {crashStatus, "SUCCESS"}) {
         Util::updateErrorFile(statusFilePath, text);

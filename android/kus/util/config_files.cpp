@@ -84,9 +84,13 @@ struct Destination {
 
 Destination closedFile(const std::string& path) {
     Destination file = {path, {}, unique_fd()};
-    // Of a device or a pipe there is nothing to be put back, and no end to be read.
     struct stat st;
-    if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) file.before = readFile(path);
+    if (stat(path.c_str(), &st) != 0) {
+        file.before.error = errno;
+    } else if (S_ISREG(st.st_mode)) {
+        // Of a device or a pipe there is nothing to be put back, and no end to be read.
+        file.before = readFile(path);
+    }
     return file;
 }
 
