@@ -187,7 +187,8 @@ void replaceFile(const std::string& path, const std::string& text) {
         fail(path + ": " + strerror(errno));
     }
     const std::string beside = target + ".new";
-    base::unique_fd fd(open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    base::unique_fd fd(
+        open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     const bool written = fd >= 0 && base::WriteStringToFd(text, fd.get()) &&
                          fchmod(fd.get(), st.st_mode & 07777) == 0 && fsync(fd.get()) == 0 &&
                          rename(beside.c_str(), target.c_str()) == 0;
@@ -221,30 +222,26 @@ int edit(int argc, char** argv, bool allow) {
     expectDecision(&after, request, allow);
     noteClassRules(&after, request, allow);
 
-    // What is written to the standard output is the file.
-    const bool toOutput = request.output == "-";
-    if (!toOutput) {
-        const std::string& path = request.output.empty() ? request.rules : request.output;
-        if (!printRuleChanges(&before, &after, request.rules, path)) {
-            puts(edited.text == text ? "nothing to do: the rules say so already"
-                                     : "every device is decided on as before");
-        }
-        printNewWarnings(path, text, edited.text);
-    }
-    if (toOutput) {
+    if (request.output == "-") {
         fputs(edited.text.c_str(), stdout);
-    } else if (!request.output.empty()) {
-        if (!base::WriteStringToFile(edited.text, request.output)) {
-            fail(request.output + ": " + strerror(errno));
-        }
-    } else if (edited.text == text) {
         return kYes;
-    } else if (request.rules == configFilePath) {
-        return apply(edited.text);
-    } else {
-        replaceFile(request.rules, edited.text);
     }
-    return kYes;
+    const bool changed = edited.text != text;
+    const bool byApply = request.output.empty() && request.rules == configFilePath;
+    const std::string& path = request.output.empty() ? request.rules : request.output;
+    if (!request.output.empty()) {
+        if (!base::WriteStringToFile(edited.text, path, /*follow_symlinks=*/true)) {
+            fail(path + ": " + strerror(errno));
+        }
+    } else if (changed && !byApply) {
+        replaceFile(path, edited.text);
+    }
+    if (!printRuleChanges(&before, &after, request.rules, path)) {
+        puts(changed ? "every device is decided on as before"
+                     : "nothing to do: the rules say so already");
+    }
+    printNewWarnings(path, text, edited.text);
+    return changed && byApply ? apply(edited.text) : kYes;
 }
 
 int runAllow(int argc, char** argv) { return edit(argc, argv, /*allow=*/true); }
