@@ -141,11 +141,12 @@ void printVendors(Rules* rules, const std::string& path) {
     before.parse(text);
     for (const Change& change : changesBetween(&before, rules)) {
         const auto& [device, old, now] = change;
-        if (device.vendorId == kUnknownId || device.productId != kUnknownId) continue;
-        const std::string place = now.lines.empty() ? "" : ":" + std::to_string(now.lines[0]);
-        print("would be " + verdictText(now.allowed) + ": any other device of vendor " +
+        const bool wholeVendor =
+            device.vendorId != kUnknownId && device.productId == kUnknownId && !now.lines.empty();
+        if (!wholeVendor) continue;
+        print("would be " + verdictText(now.allowed) + ": any device of vendor " +
               std::to_string(device.vendorId) + ", keyboards and mice too (" + printable(path) +
-              place + ")");
+              ":" + std::to_string(now.lines[0]) + ")");
     }
 }
 

@@ -65,7 +65,7 @@ int32_t onlyOne(const std::vector<int32_t>& codes) {
 DeviceInfo findRecorded(const char* id) {
     int32_t number;
     if (!base::ParseInt(id, &number)) {
-        wrongUse(std::string("'") + id + "' is no device id: see 'kusctl list'");
+        wrongUse(std::string("'") + id + "' is no device id as 'kusctl list' shows it");
     }
     std::vector<DeviceInfo> devices;
     expectOk(connectToService()->getDeviceList(&devices));

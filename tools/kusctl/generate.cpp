@@ -78,7 +78,7 @@ Options parseArguments(int argc, char** argv) {
         if (found == kIncludeInput) options.includeInput = true;
         if (found != kOnly) continue;
         if (!base::ParseInt(optarg, &id)) {
-            wrongUse(std::string("'") + optarg + "' is no device id: see 'kusctl list'");
+            wrongUse(std::string("'") + optarg + "' is no device id as 'kusctl list' shows it");
         }
         options.only.insert(id);
     }

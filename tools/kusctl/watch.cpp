@@ -200,7 +200,7 @@ std::string findProgram(const std::string& name) {
     for (const std::string& candidate : candidates) {
         if (access(candidate.c_str(), X_OK) == 0) return candidate;
     }
-    fail("cannot run " + name + ": " + strerror(errno));
+    fail("cannot run '" + name + "': " + strerror(errno));
 }
 
 /** The command that is run for each event, once at a time. */
