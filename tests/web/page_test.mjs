@@ -281,6 +281,7 @@ await test('From a name to a rule', () => withPage({}, async (page) => {
     await replaceText(page, text);
     await page.keyboard.press('Control+k');
     await page.fill('#query', query);
+    await page.evaluate(() => { document.getElementById('announce').textContent = ''; });
     await page.locator('#found').getByRole('button', { name: new RegExp(`^${button}`) }).first().click();
     await page.locator('#announce').getByText(told).waitFor();
     assert.equal(await editorText(page), expected ?? text);
