@@ -31,6 +31,7 @@ export const READY_MADE = [
 const MAX_ID = 0xffff;
 const MAX_USB_CLASS = 0xff;
 const UNKNOWN = -1;
+const HID = 3;
 
 /** 1133 or 0x046d; null for anything else. */
 export function parseId(text) {
@@ -41,28 +42,31 @@ export function parseId(text) {
 }
 
 function codeOf(entry, kind, names) {
-  const code = names.get(entry) ?? (/^(0x[0-9a-f]+|\d+)$/i.test(entry) ? Number(entry) : NaN);
+  const upper = entry.toUpperCase();
+  const prefix = kind === 'usb' ? 'USB_CLASS_' : 'AINPUT_SOURCE_';
+  const code = names.get(upper) ?? names.get(prefix + upper) ?? (/^(0x[0-9a-f]+|\d+)$/i.test(entry) ? Number(entry) : NaN);
   if (!(code >= 0 && code <= (kind === 'usb' ? MAX_USB_CLASS : 0x7fffffff))) {
     throw new Error(`'${entry}' is no class of a ${kind} device`);
   }
   return code;
 }
 
-/** A device as `kusctl list --json` and `watch --json` print it. */
+/** A device as `kusctl list --json` and `watch --json` print it; null for an event of another kind. */
 function fromRecord(record, names) {
   if (typeof record !== 'object' || record === null) throw new Error('not an object');
-  if (record.event !== undefined && record.device) return fromRecord(record.device, names);
-  const { kind, vendor, product, classes } = record;
+  if ((record.event ?? 'added') !== 'added') return null;
+  if (record.device) return fromRecord(record.device, names);
+  const { kind = 'usb', vendor, product, classes } = record;
   if (kind !== 'usb' && kind !== 'input') throw new Error("'kind' is neither usb nor input");
   for (const [name, id] of [['vendor', vendor], ['product', product]]) {
     if (!Number.isInteger(id)) throw new Error(`'${name}' is no number`);
   }
-  if (!Array.isArray(classes)) throw new Error("'classes' is no list");
+  if (!Array.isArray(classes) || classes.length === 0) throw new Error("'classes' is no list of some");
+  const codes = classes.map((entry) => codeOf(String(entry), kind, names));
   return {
-    name: String(record.name || 'unnamed'), kind, vendor, product,
-    classes: classes.map((entry) => codeOf(String(entry), kind, names)),
-    // What made the daemon decide on a USB device with nothing but HID.
-    vendorHid: kind === 'usb' && classes.length > 0 && classes.every((c) => /HID$|^(0x0)?3$/.test(c)),
+    name: String(record.name || 'unnamed'), kind, vendor, product, classes: codes,
+    // The service records no other device of HID interfaces alone.
+    vendorHid: kind === 'usb' && codes.every((code) => code === HID),
   };
 }
 
@@ -81,7 +85,8 @@ function fromJson(text, names) {
   for (const [value, place] of values) {
     try {
       const record = typeof value === 'string' ? JSON.parse(value) : value;
-      found.devices.push(fromRecord(record, names));
+      const device = fromRecord(record, names);
+      if (device) found.devices.push(device);
     } catch (error) {
       found.problems.push(
         `${place}: ${error instanceof SyntaxError ? 'no JSON' : error.message}`);
@@ -111,7 +116,7 @@ function fromLsusb(block) {
   if (vendorId === null || productId === null || interfaces.length === 0) return [];
 
   const name = (product || header || 'unnamed').trim();
-  const isBoot = (i) => i.code === 3 && i.subclass === 1 && BOOT_PROTOCOLS[i.protocol];
+  const isBoot = (i) => i.code === HID && i.subclass === 1 && BOOT_PROTOCOLS[i.protocol];
   const devices = [usb(name, vendorId, productId, interfaces.map((i) => i.code))];
   for (const [what, source] of new Set(interfaces.filter(isBoot).map(
     (i) => BOOT_PROTOCOLS[i.protocol]))) {

@@ -138,8 +138,8 @@ export class Editor {
     this.view.dispatch({ changes: { from: 0, to: this.doc.length, insert: text } });
   }
 
-  change(spec) {
-    this.view.dispatch({ ...spec, scrollIntoView: true, userEvent: 'input.rule' });
+  change(transaction) {
+    this.view.dispatch({ ...transaction, scrollIntoView: true, userEvent: 'input.rule' });
   }
 
   goTo(lineNumber) {
