@@ -20,8 +20,9 @@ using android::base::WriteStringToFd;
 
 namespace {
 
-// One file a property, so that every process sees the same values.
-const std::string kDirectory = "/dev/__properties__/";
+// One file a property, so that every process sees the same values. Never destroyed: a thread that
+// nobody joins may set one at the exit.
+const std::string& kDirectory = *new std::string("/dev/__properties__/");
 
 // A legal name has no leading dot, so it is never "." or ".." nor one of the temporary files.
 bool isLegalName(const std::string& name) {
