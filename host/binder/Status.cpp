@@ -4,21 +4,9 @@
 namespace android::binder {
 
 // The words are those of API 34's libbinder (its Status.cpp): the exception code and, unless it is
-// EX_NONE, the message and the size of a stack trace, then for EX_SERVICE_SPECIFIC the service's
-// own code and for EX_PARCELABLE the size of an object. Only Java, which is not here, writes traces
-// and objects, or headers before the code. EX_TRANSACTION_FAILED never travels: it becomes the
-// status of the transaction itself.
-
-namespace {
-
-// The size of a trace or an object that is not there.
-status_t readNoObject(const Parcel& parcel) {
-    int32_t size = 0;
-    const status_t status = parcel.readInt32(&size);
-    return size == 0 ? status : UNKNOWN_ERROR;
-}
-
-}  // namespace
+// EX_NONE, the message and the size of a stack trace, which only Java writes. EX_TRANSACTION_FAILED
+// never travels: it becomes the status of the transaction itself. Nobody here makes
+// service-specific errors, which have a code of their own after that, or EX_PARCELABLE.
 
 Status Status::ok() { return Status(); }
 
@@ -30,18 +18,6 @@ Status Status::fromExceptionCode(int32_t exceptionCode, const String8& message) 
 
 Status Status::fromExceptionCode(int32_t exceptionCode, const char* message) {
     return fromExceptionCode(exceptionCode, String8(message));
-}
-
-Status Status::fromServiceSpecificError(int32_t errorCode) {
-    return Status(EX_SERVICE_SPECIFIC, errorCode);
-}
-
-Status Status::fromServiceSpecificError(int32_t errorCode, const String8& message) {
-    return Status(EX_SERVICE_SPECIFIC, errorCode, message);
-}
-
-Status Status::fromServiceSpecificError(int32_t errorCode, const char* message) {
-    return fromServiceSpecificError(errorCode, String8(message));
 }
 
 Status Status::fromStatusT(status_t status) {
@@ -85,12 +61,9 @@ status_t Status::readFromParcel(const Parcel& parcel) {
         String16 message;
         status = parcel.readString16(&message);
         mMessage = String8(message);
-        if (status == OK) status = readNoObject(parcel);
-        if (status == OK && mException == EX_SERVICE_SPECIFIC) {
-            status = parcel.readInt32(&mErrorCode);
-        } else if (status == OK && mException == EX_PARCELABLE) {
-            status = readNoObject(parcel);
-        }
+        int32_t traceSize = 0;
+        if (status == OK) status = parcel.readInt32(&traceSize);
+        if (traceSize != 0) status = UNKNOWN_ERROR;
     }
     if (status != OK) setFromStatusT(status);
     return status;
@@ -101,18 +74,10 @@ status_t Status::writeToParcel(Parcel* parcel) const {
     status_t status = parcel->writeInt32(mException);
     if (status != OK || mException == EX_NONE) return status;
     parcel->writeString16(String16(mMessage));
-    // No trace, and no object.
-    status = parcel->writeInt32(0);
-    if (mException == EX_SERVICE_SPECIFIC) return parcel->writeInt32(mErrorCode);
-    if (mException == EX_PARCELABLE) return parcel->writeInt32(0);
-    return status;
+    return parcel->writeInt32(0);
 }
 
 void Status::setException(int32_t ex, const String8& message) { *this = Status(ex, OK, message); }
-
-void Status::setServiceSpecificError(int32_t errorCode, const String8& message) {
-    *this = Status(EX_SERVICE_SPECIFIC, errorCode, message);
-}
 
 void Status::setFromStatusT(status_t status) {
     *this = Status(status == OK ? EX_NONE : EX_TRANSACTION_FAILED, status);
@@ -122,9 +87,7 @@ String8 Status::toString8() const {
     if (isOk()) return String8("No error");
     String8 text;
     text.appendFormat("Status(%d, %s): '", mException, exceptionToString(mException).c_str());
-    if (mException == EX_SERVICE_SPECIFIC || mException == EX_TRANSACTION_FAILED) {
-        text.appendFormat("%d: ", mErrorCode);
-    }
+    if (mException == EX_TRANSACTION_FAILED) text.appendFormat("%d: ", mErrorCode);
     return text + mMessage + "'";
 }
 

@@ -1,18 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Linked with the daemon's own objects, takes the place of the binder driver and of the service
-// manager: the service is asked on standard input. "load" keeps two threads asking; every other
-// line is a list of interface classes, answered by a line with a 1 for each that is allowed as a
-// device of its own, and a 0 for each that is not.
+// manager: the service is asked on standard input. Every line is a list of interface classes,
+// answered by a line with a 1 for each that is allowed as a device of its own, and a 0 for each
+// that is not.
 #include <android/kus/IKUsbService.h>
 #include <binder/IPCThreadState.h>
 #include <binder/ProcessState.h>
-#include <unistd.h>
 
 #include <iostream>
 #include <sstream>
 #include <string>
-#include <thread>
 
 #include "../unit/fake_service_manager.h"
 
@@ -62,17 +60,6 @@ IPCThreadState* IPCThreadState::self() {
 void IPCThreadState::joinThreadPool(bool) {
     const sp<IKUsbService> service = interface_cast<IKUsbService>(serviceManager->added);
     for (std::string line; std::getline(std::cin, line);) {
-        if (line == "load") {
-            for (const int interfaceClass : {1, 8}) {
-                std::thread([service, interfaceClass] {
-                    while (true) {
-                        isAllowed(service, interfaceClass);
-                        usleep(100);
-                    }
-                }).detach();
-            }
-            continue;
-        }
         std::istringstream classes(line);
         std::string answers;
         for (int interfaceClass; classes >> interfaceClass;) {

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,8 +30,8 @@ struct Rules {
 
 enum Kind { kGood, kOtherGood, kUnknownElement, kNumberTooLarge, kEmpty, kKindCount };
 
-/** No two serials give the same text; each line of padding adds a hundred bytes. */
-Rules makeRules(int kind, int serial, int padding = 100);
+/** No two serials give the same text. */
+Rules makeRules(int kind, int serial);
 
 /** The content of a file; "(no file)" where there is none. */
 std::string contentOf(const std::string& path);
@@ -38,6 +39,9 @@ std::string contentOf(const std::string& path);
 std::string gist(const std::string& content);
 /** Truncates the file and writes it. */
 void writeFile(const std::string& path, const std::string& text);
+
+/** Longer than anything here takes. */
+constexpr std::chrono::seconds kPatience(8);
 
 /** With KUS_FULL_RUN in the environment, random runs are long. */
 bool fullRun();
@@ -58,7 +62,8 @@ class LocalDaemonTest : public testing::Test {
      * it ended, or goes on without end.
      */
     bool settle();
-    bool ended() { return !daemon_ || daemon_->ends(std::chrono::seconds(0)); }
+    /** Whether it ends in time. */
+    bool ended(std::chrono::seconds timeout = {}) { return !daemon_ || daemon_->ends(timeout); }
     /** Waits for its end: what it exits with, or minus the signal that it dies of. */
     int exitStatus();
     void kill();

@@ -101,7 +101,7 @@ class Observer {
     std::thread thread_;
 };
 
-class ObserverTest : public KusTest {
+class ObserverTest : public ServiceTest {
   protected:
     ObserverTest() { takeLogUntil("registered successfully file observer"); }
 
@@ -247,43 +247,36 @@ TEST_F(ObserverTest, EightThreadsCallEverythingWhileRulesAreRewritten) {
     addInterface("1-1:1.0", 8);
     accept(kGood);
 
-    const sp<KUsbService> service = new KUsbService();
     const sp<FakeClient> loyal = new FakeClient();
-    const auto decide = [&](const DeviceInfo& device, bool expected) {
-        bool allowed = !expected;
-        service->isDeviceAllowed(device, &allowed);
-        EXPECT_EQ(allowed, expected) << device.deviceName;
-    };
     const std::function<void()> calls[] = {
-        [&] { decide(usbDevice(1001, {8}), false); },
-        [&] { decide(usbDevice(1002, {1}), true); },
+        [&] { EXPECT_FALSE(isAllowed(usbDevice(1001, {8}))); },
+        [&] { EXPECT_TRUE(isAllowed(usbDevice(1002, {1}))); },
         [&] {
-            bool allowed;
-            service->isDeviceAllowed(inputDevice(1003, 0x101), &allowed);
-            service->updateDeviceList(inputDevice(1003, 0x101), 0);
+            isAllowed(inputDevice(1003, 0x101));
+            remove(inputDevice(1003, 0x101));
         },
         [&] {
-            std::vector<DeviceInfo> devices;
-            service->getDeviceList(&devices);
-            service->updateDeviceList(usbDevice(1001, {8}), 0);
+            deviceList();
+            remove(usbDevice(1001, {8}));
         },
         [&] {
-            service->registerKusCallback(loyal);
-            service->unregisterKusCallback(loyal);
+            service_->registerKusCallback(loyal);
+            service_->unregisterKusCallback(loyal);
         },
         [&] {
             const sp<FakeClient> dying = new FakeClient();
-            service->registerKusCallback(dying);
+            service_->registerKusCallback(dying);
             dying->die();
         },
-        [&, wait = -1]() mutable { service->resetUsbDevices(wait = -wait); },
+        [&, wait = -1]() mutable { service_->resetUsbDevices(wait = -wait); },
         [&] {
             const base::unique_fd fd(open("/dev/null", O_WRONLY | O_CLOEXEC));
             Vector<String16> topology;
             topology.add(String16("test"));
-            service->dump(fd, {});
-            service->dump(fd, topology);
-        }};
+            service_->dump(fd, {});
+            service_->dump(fd, topology);
+        },
+    };
     std::atomic<bool> ended = false;
     std::vector<std::thread> threads;
     for (const auto& call : calls) {
