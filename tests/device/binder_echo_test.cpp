@@ -373,13 +373,19 @@ class MalformedCallTest : public BinderTest {
     std::mt19937 mRandom{20240229};
 };
 
-TEST_F(MalformedCallTest, ForgedObjectLeavesTheServiceManagerUp) {
+TEST_F(MalformedCallTest, ForgedObjectsAndTokensAreRefused) {
     for (uint32_t type = 0; type < 4; ++type) {
         Parcel data, reply;
         data.writeInterfaceToken(mManager->getInterfaceDescriptor());
         data.writeUtf8AsUtf16(std::string("test.forged"));
         writeForgedObject(&data, type, 0, 0);
         EXPECT_EQ(mManager->transact(IBinder::FIRST_CALL_TRANSACTION + 1, data, &reply), BAD_TYPE);
+    }
+    for (const char* token : {"", "test.forged"}) {
+        Parcel data, reply;
+        data.writeInterfaceToken(String16(token));
+        data.writeUtf8AsUtf16(std::string(kName));
+        EXPECT_EQ(mManager->transact(IBinder::FIRST_CALL_TRANSACTION, data, &reply), BAD_TYPE);
     }
     EXPECT_EQ(checkService(kName), mEcho);
 }

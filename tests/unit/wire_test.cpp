@@ -108,14 +108,6 @@ std::string digits(const std::string& text) {
     return result;
 }
 
-void write(Parcel* parcel, const std::string& text) {
-    const std::string all = digits(text);
-    std::vector<uint8_t> bytes;
-    for (size_t i = 0; i < all.size(); i += 2) bytes.push_back(stoi(all.substr(i, 2), nullptr, 16));
-    ASSERT_EQ(parcel->write(bytes.data(), bytes.size()), OK);
-    parcel->setDataPosition(0);
-}
-
 /** Stands between a proxy and a stub, as the driver does, and keeps what passes. */
 class Wire : public BBinder {
   public:
@@ -230,41 +222,6 @@ TEST_F(WireTest, NamesAndDescriptors) {
         852a6466                           # 0x66642a85, "fd*"
         7f010000                           # no priority to ask for; takes descriptors
         0500000000000000 0000000000000000  # the descriptor; whether the parcel owns it)"));
-}
-
-TEST_F(WireTest, RequestsThatAreRefused) {
-    const std::string token = digits(kServiceToken);
-    std::string vendors = token, another = token, unended = token;
-    vendors.replace(16, 8, "52444e56");
-    another.replace(32, 4, "6200");
-    unended.replace(token.size() - 8, 4, "6100");
-    const std::string null = digits(kNullObject), unmarked = null.substr(0, 48);
-    const std::string handle = "852a6873 13000000 0000000000000000 0000000000000000 0c000000";
-    const struct {
-        const char* what;
-        std::string request;
-        status_t status = BAD_TYPE;
-    } cases[] = {
-        {"the name alone", token.substr(24) + null},
-        {"a vendor's libbinder", vendors + null},
-        {"another interface", another + null},
-        {"a name without its NUL", unended + null},
-        {"null without its stability", token + unmarked, NOT_ENOUGH_DATA},
-        {"null that has one", token + unmarked + "0c000000"},
-        {"a handle that nobody translated", token + handle},
-        {"an object that nobody translated", token + object(callback_.get())},
-    };
-    for (const auto& c : cases) {
-        Parcel data, reply;
-        write(&data, c.request);
-        EXPECT_EQ(service_->transact(1, data, &reply), c.status) << c.what;
-    }
-    // A record that ends in its list, which claims to be longer.
-    for (const char* count : {"03000000", "ffffff7f"}) {
-        Parcel data, reply;
-        write(&data, token + digits(kDevice).substr(0, 64) + count + "08000000");
-        EXPECT_EQ(service_->transact(5, data, &reply), BAD_VALUE) << count;
-    }
 }
 
 }  // namespace
