@@ -17,7 +17,10 @@ using std::chrono::microseconds;
 using std::chrono::steady_clock;
 
 int countParses(const std::string& log) {
-    return base::Split(base::StringReplace(log, "call parsing", "\f", true), "\f").size() - 1;
+    const std::vector<std::string> lines = base::Split(log, "\n");
+    return std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+        return base::EndsWith(line, "call parsing");
+    });
 }
 
 class Bursts : public LocalDaemonTest {
