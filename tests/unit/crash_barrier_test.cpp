@@ -18,7 +18,7 @@ using std::this_thread::sleep_for;
 
 class CrashBarrierDeathTest : public KusTest {};
 
-enum Steps { kBegun = 1, kEnded = 2, kTold = 4, kBegunLater = 8 };
+enum Steps { kBegun = 1, kEnded = 2, kTold = 4, kBegunLater = 8, kCrashedToo = 16 };
 
 /** Ends what another thread is at for `work`, as a crash does, and exits with the steps it made. */
 void crashDuring(milliseconds work) {
@@ -42,7 +42,12 @@ void crashDuring(milliseconds work) {
         const SharedStateUse use;
         steps |= kBegunLater;
     }).detach();
-    sleep_for(milliseconds(100));
+    std::thread([&] {
+        SharedStateUse::endAll();
+        steps |= kCrashedToo;
+    }).detach();
+    // Longer than a crash waits for others.
+    sleep_for(milliseconds(1200));
     _exit(steps);
 }
 
