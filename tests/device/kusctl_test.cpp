@@ -128,9 +128,8 @@ TEST_F(WatchTest, TellsWhatCameBeforeTheDaemonsDeathAndGoesOn) {
     }
     plugAndUnplug();
     // After the machine's own, which are asked about again.
-    std::string line;
-    do line = watched->line();
-    while (line.find("QEMU") != std::string::npos);
+    std::string line = watched->line();
+    while (line.find("QEMU") != std::string::npos) line = watched->line();
     EXPECT_THAT(line, HasSubstr("\"stick\""));
 }
 

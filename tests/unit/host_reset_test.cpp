@@ -77,8 +77,8 @@ TEST_F(HostReset, SecondResetWaitsUntilTheFirstHasGivenTheRoleBack) {
     reset(0);
     other.join();
     const Texts log = takeLog();
-    EXPECT_THAT(log, Contains("I " + kNone + kSsusb).Times(2));
-    EXPECT_THAT(log, Contains("I " + kHost + kSsusb).Times(2));
+    EXPECT_EQ(countOf("I " + kNone + kSsusb, log), 2);
+    EXPECT_EQ(countOf("I " + kHost + kSsusb, log), 2);
     EXPECT_EQ(readFile(kSsusb), "host");
 }
 

@@ -3,8 +3,10 @@
 
 #include <android-base/file.h>
 #include <android-base/logging.h>
+#include <android-base/strings.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <mutex>
@@ -80,6 +82,11 @@ Texts takeLogUntil(const std::string& text, std::chrono::milliseconds timeout) {
     }
     ADD_FAILURE() << "no log line has " << text;
     return log;
+}
+
+int countOf(const std::string& start, const Texts& lines) {
+    return std::count_if(lines.begin(), lines.end(),
+                         [&](const std::string& line) { return base::StartsWith(line, start); });
 }
 
 void writeFile(const std::string& path, const std::string& content) {

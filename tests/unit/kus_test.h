@@ -37,6 +37,9 @@ Texts takeLogUntil(const std::string& text,
 /** Expects these log lines, texts or matchers, since the last takeLog(), and no others. */
 #define EXPECT_LOG(...) EXPECT_THAT(takeLog(), ElementsAre(__VA_ARGS__))
 
+/** How many of the lines begin so. */
+int countOf(const std::string& start, const Texts& lines);
+
 /** Writes a file whole, with the directories above it. */
 void writeFile(const std::string& path, const std::string& content);
 
