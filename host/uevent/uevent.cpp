@@ -5,6 +5,17 @@
 #include <string.h>
 #include <unistd.h>
 
+// The kernel gives twice what it was asked for, and silently less than that above its limit. Then
+// the platform's function wants to have its way, which takes CAP_NET_ADMIN.
+static bool setReceiveBuffer(int fd, int size) {
+    int given = 0;
+    socklen_t length = sizeof(given);
+    return setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size)) == 0 &&
+           getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &given, &length) == 0 &&
+           (given >= 2 * size ||
+            setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size)) == 0);
+}
+
 int uevent_open_socket(int buf_sz, bool passcred) {
     const int fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
     if (fd == -1) return -1;
@@ -12,7 +23,7 @@ int uevent_open_socket(int buf_sz, bool passcred) {
     sockaddr_nl address = {};
     address.nl_family = AF_NETLINK;
     address.nl_groups = 0xffffffff;
-    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &buf_sz, sizeof(buf_sz)) != 0 ||
+    if (!setReceiveBuffer(fd, buf_sz) ||
         setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)) != 0 ||
         bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
         close(fd);

@@ -173,6 +173,17 @@ TEST_F(AdmissionTest, AReattachedDeviceIsDecidedUnderItsNewId) {
         << "the old record stays";
 }
 
+// As any program can make it that has the device node open.
+TEST_F(AdmissionTest, ARefusedDeviceThatIsConfiguredAnewIsRefusedAnew) {
+    setRules("blacklist", "<class>USB_CLASS_MASS_STORAGE</class>");
+    const Plugged stick("stick", kStick);
+    EXPECT_EQ(stick.decision().status, 0);
+    EXPECT_TRUE(eventually([&] { return stick.interfaceState(0) == " 0"; }));
+    shell("cd /sys/bus/usb/devices/" + stick.entry() +
+          "; echo 0 >bConfigurationValue; echo 1 >bConfigurationValue");
+    EXPECT_TRUE(eventually([&] { return stick.interfaceState(0) == " 0"; }));
+}
+
 // The mouse behind the hub is the machine's own: it is there from the start.
 TEST_F(AdmissionTest, ADeviceBehindAHubIsDecidedByItsOwnId) {
     EXPECT_EQ(contentOf("/sys/bus/usb/devices/1-1/bDeviceClass"), "09");

@@ -214,6 +214,14 @@ TEST_F(GateTest, RemovalsComeFirstAndFailuresLater) {
     EXPECT_TRUE(!none.removed && none.undecided == nullptr);
     table.startAgain();
     EXPECT_EQ(table.nextTask().undecided, successor);
+    // After lost events the same service is asked again, and told of what is gone.
+    EXPECT_TRUE(table.isToBeAskedAbout(successor, info));
+    table.setDecided(successor);
+    table.setDecided(second);
+    table.decideAgain();
+    EXPECT_EQ(table.nextTask().undecided, successor);
+    table.remove("1-1");
+    EXPECT_EQ(table.nextTask().removed->deviceId, 1005);
 }
 
 // Under ThreadSanitizer: what comes and goes meets what is asked.

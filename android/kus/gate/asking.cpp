@@ -60,6 +60,7 @@ class Asker {
     }
 
     void decideOn(const DeviceTable::Pointer& device) {
+        if (!isAskedAbout(*device)) return devices_->setDecided(device);
         const auto description = describe(*device);
         if (!description) {
             devices_->postpone(device);
@@ -77,7 +78,16 @@ class Asker {
         devices_->setDecided(device);
     }
 
-    // The service closes what it refuses.
+    // What the driver has just made, before its events are followed.
+    void silenceNewInputs() {
+        for (const std::string& name : deviceNames()) {
+            const Device device(name);
+            if (device.isInput() && !devices_->has(name) && isAskedAbout(device)) {
+                setSilenced(device, true);
+            }
+        }
+    }
+
     std::optional<bool> askAndOpen(const Device& device, const DeviceDescription& description) {
         const bool wasOpen = isOpen(device, description.interfaces);
         auto allowed = ask(device, description.info);
@@ -85,10 +95,15 @@ class Asker {
             // The input question comes for what its drivers make, and a vendor-specific HID is
             // known by them: it gets its answer now.
             openFor("usbhid", device, description.interfaces);
+            silenceNewInputs();
             allowed = ask(device, description.info);
             if (!allowed) closeDevice(device, description.interfaces);
         }
         if (allowed == true) openDevice(device, description.interfaces);
+        // The service has closed what it could; one with HIDs alone may be left to its inputs.
+        if (allowed == false && !hasOnlyHids(description.info)) {
+            closeDevice(device, description.interfaces);
+        }
         return allowed;
     }
 

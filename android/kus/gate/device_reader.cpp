@@ -149,10 +149,12 @@ std::vector<std::string> deviceNames() {
     return names;
 }
 
+bool callsItselfHub(const Device& device) {
+    return device.directory.readNumber("bDeviceClass", 16, kMaxByte) == USB_CLASS_HUB;
+}
+
 bool isHub(const Device& device) {
-    if (device.directory.readNumber("bDeviceClass", 16, kMaxByte) != USB_CLASS_HUB) return false;
-    // Waits for a device that is being configured, so that all interfaces are there after it.
-    device.directory.read(kInterfaceCount);
+    if (!callsItselfHub(device)) return false;
     const auto interfaces = readInterfaces(device);
     return interfaces && std::all_of(interfaces->begin(), interfaces->end(), [](const auto& entry) {
                return entry.second.code == USB_CLASS_HUB;
@@ -165,6 +167,8 @@ bool isAskedAbout(const Device& device) {
 }
 
 std::vector<std::string> interfaceNames(const Device& device) {
+    // Waits for a device that is being configured, so that all interfaces are there after it.
+    device.directory.read(kInterfaceCount);
     std::vector<std::string> names;
     for (const std::string& entry : device.directory.entries()) {
         if (isInterfaceName(entry)) names.push_back(entry);

@@ -32,19 +32,23 @@ struct DeviceDescription {
 /** The USB devices, root hubs included, and the input devices that sysfs has now. */
 std::vector<std::string> deviceNames();
 
-/**
- * True when the device calls itself a hub, and so does each of its interfaces. May wait for the
- * kernel to configure it.
- */
+/** True when the device says so of itself; what its interfaces are is another question. */
+bool callsItselfHub(const Device& device);
+
+/** True when each of its interfaces says so, too. May wait for the kernel to configure it. */
 bool isHub(const Device& device);
 
 /**
  * Whether the service is to be asked about the device: not about hubs, and about input devices on
- * USB and Bluetooth only, as the others are the machine's own. False for one that is gone.
+ * USB and Bluetooth only, as the others are the machine's own. False for one that is gone. May wait
+ * for the kernel to configure a USB device that calls itself a hub.
  */
 bool isAskedAbout(const Device& device);
 
-/** sysfs names of a USB device's interfaces, such as "3-1:1.0". */
+/**
+ * sysfs names of a USB device's interfaces, such as "3-1:1.0". May wait for the kernel to configure
+ * it.
+ */
 std::vector<std::string> interfaceNames(const Device& device);
 
 /**

@@ -44,6 +44,12 @@ std::vector<DeviceTable::Pointer> DeviceTable::devices() {
     return devices;
 }
 
+void DeviceTable::decideAgain() {
+    const std::lock_guard guard(lock_);
+    for (auto& [name, entry] : entries_) entry.decided = false;
+    changed_.notify_one();
+}
+
 DeviceTable::Task DeviceTable::nextTask() {
     std::unique_lock guard(lock_);
     while (true) {

@@ -36,6 +36,8 @@ class DeviceTable {
     void remove(const std::string& name);
     bool has(const std::string& name);
     std::vector<Pointer> devices();
+    /** What was decided may no longer be so: the same service is asked again. */
+    void decideAgain();
 
     // For the thread that asks the service.
 

@@ -5,6 +5,8 @@
 #include <android-base/strings.h>
 #include <string.h>
 
+#include <thread>
+
 #include "gate/kernel_events.h"
 #include "gate/opening.h"
 #include "gate/silencing.h"
@@ -23,13 +25,17 @@ class Follower {
     Follower(DeviceTable* devices, bool closed) : devices_(devices), closed_(closed) {}
 
     [[noreturn]] void run() {
-        if (closed_) closeHids();
+        if (closed_) {
+            closeBuses();
+            closeHids();
+        }
         findDevices();
         while (true) {
             if (const auto event = events_.receive()) {
                 handle(*event);
             } else {
-                LOG(WARNING) << "kernel events were lost: looking at all devices";
+                LOG(WARNING) << "kernel events were lost: asking about all devices again";
+                devices_->decideAgain();
                 findDevices();
             }
         }
@@ -41,29 +47,29 @@ class Follower {
         for (const DeviceTable::Pointer& device : devices_->devices()) {
             if (device->directory.isGone()) devices_->remove(device->name);
         }
-        if (closed_) {
-            for (const std::string& name : deviceNames()) keepClosed(Device(name));
+        if (closed_) closeBuses();
+        for (const std::string& name : deviceNames()) {
+            openIfHub(name);
+            add(name);
         }
-        for (const std::string& name : deviceNames()) add(name);
     }
 
     void handle(const KernelEvent& event) {
         const bool added = event.action == "add";
         const bool usb = event.subsystem == "usb" && event.devtype == "usb_device";
         const bool input = event.subsystem == "input" && base::StartsWith(event.name, "input");
+        if (closed_ && usb && added && Device(event.name).isRootHub()) closeBuses();
         // A USB device is bound when it is configured and its interfaces have their drivers, or
         // stay without while it is closed.
         if ((usb && event.action == "bind") || (input && added)) add(event.name);
         if ((usb || input) && event.action == "remove") devices_->remove(event.name);
-        if (!closed_ || !added) return;
-        if (usb && Device(event.name).isRootHub()) keepClosed(Device(event.name));
-        if (event.devtype == "usb_interface") handleNewInterface(ownerOf(event.name));
+        if (event.devtype == "usb_interface" && added) handleNewInterface(ownerOf(event.name));
     }
 
     // Interfaces come again, without a new device, after a change of its configuration or its
     // authorization; those of a root hub after its controller has left the host role.
     void handleNewInterface(const std::string& owner) {
-        keepClosed(Device(owner));
+        openIfHub(owner);
         if (!devices_->has(owner)) return;
         devices_->remove(owner);
         add(owner);
@@ -71,9 +77,31 @@ class Follower {
 
     void add(const std::string& name) {
         const auto device = std::make_shared<const Device>(name);
-        if (!isAskedAbout(*device)) return;
+        if (device->isRootHub() || device->directory.isGone()) return;
+        if (device->isInput() && !isAskedAbout(*device)) return;
         if (closed_ && device->isInput() && !devices_->has(name)) setSilenced(*device, true);
         devices_->add(device);
+    }
+
+    // All buses first, so that nothing gets a driver behind one while another is looked at.
+    void closeBuses() {
+        std::vector<std::string> opened;
+        for (const std::string& name : deviceNames()) {
+            const Device device(name);
+            if (!device.isRootHub() || isBusClosed(device)) continue;
+            closeBus(device);
+            opened.push_back(name);
+        }
+        for (const std::string& name : opened) closeDevicesOn(name.substr(strlen("usb")));
+    }
+
+    void closeDevicesOn(const std::string& bus) {
+        for (const std::string& name : deviceNames()) {
+            const Device device(name);
+            if (!base::StartsWith(name, bus + "-") || isHub(device)) continue;
+            closeDevice(device, interfaceNames(device));
+            devices_->remove(name);
+        }
     }
 
     void closeHids() {
@@ -86,23 +114,14 @@ class Follower {
         }
     }
 
-    // Root hubs close what is behind them, and hubs are opened for it to be seen.
-    void keepClosed(const Device& device) {
-        if (device.isRootHub() && !isBusClosed(device)) {
-            closeBus(device);
-            closeDevicesOn(device);
-        }
-        if (!device.isInput() && isHub(device)) openFor("hub", device, interfaceNames(device));
-    }
-
-    void closeDevicesOn(const Device& rootHub) {
-        const std::string prefix = rootHub.name.substr(strlen("usb")) + "-";
-        for (const std::string& name : deviceNames()) {
+    // For what is behind it to be seen. On a thread of its own: the kernel asks the hub, and waits
+    // for what it says.
+    void openIfHub(const std::string& name) {
+        if (!closed_ || !callsItselfHub(Device(name))) return;
+        std::thread([name] {
             const Device device(name);
-            if (!base::StartsWith(name, prefix) || isHub(device)) continue;
-            closeDevice(device, interfaceNames(device));
-            devices_->remove(name);
-        }
+            if (isHub(device)) openFor("hub", device, interfaceNames(device));
+        }).detach();
     }
 
     KernelEvents events_;

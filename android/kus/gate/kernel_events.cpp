@@ -4,6 +4,7 @@
 #include <android-base/logging.h>
 #include <cutils/uevent.h>
 #include <errno.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -11,7 +12,8 @@
 namespace android::kus {
 namespace {
 
-constexpr int kReceiveBufferBytes = 1024 * 1024;
+// Below any kernel's net.core.rmem_max: more takes a capability, and fails without.
+constexpr int kReceiveBufferBytes = 128 * 1024;
 // What the kernel gives one event at most (UEVENT_BUFFER_SIZE and the header line before it).
 constexpr size_t kMaxEventBytes = 4096;
 
@@ -44,8 +46,19 @@ std::optional<KernelEvent> KernelEvents::receive() {
         const ssize_t size =
             uevent_kernel_multicast_recv(socket_.get(), buffer.data(), buffer.size());
         if (size > 0) return parseKernelEvent(std::string_view(buffer.data(), size));
-        if (size == -1 && errno == ENOBUFS) return std::nullopt;
+        if (size == -1 && errno == ENOBUFS) {
+            dropWhatIsQueued();
+            return std::nullopt;
+        }
         if (size == -1 && errno != EIO) PLOG(FATAL) << "cannot receive kernel events";
+    }
+}
+
+// After an overrun the kernel drops every event until the queue is empty, without a further error.
+void KernelEvents::dropWhatIsQueued() {
+    char piece;
+    while (recv(socket_.get(), &piece, sizeof(piece), MSG_DONTWAIT) != -1 || errno != EAGAIN) {
+        continue;
     }
 }
 

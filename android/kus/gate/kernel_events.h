@@ -34,6 +34,8 @@ class KernelEvents {
     std::optional<KernelEvent> receive();
 
   private:
+    void dropWhatIsQueued();
+
     base::unique_fd socket_;
 };
 
