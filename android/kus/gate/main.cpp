@@ -2,7 +2,8 @@
 
 // The platform's part towards the daemon: asks it about every USB and input device that is
 // attached, tells it what is removed, and keeps refused input devices silent. With --closed no
-// interface of a USB device has a driver before the device is allowed.
+// interface of a USB device has a driver before the device is allowed, but for those of hubs and of
+// devices with nothing but HID interfaces.
 #include <android-base/logging.h>
 #include <binder/ProcessState.h>
 #include <stdlib.h>
