@@ -48,7 +48,12 @@ void setRulesInDoubt(bool inDoubt) {
 }
 
 void awaitRulesThatStay(std::shared_lock<std::shared_mutex>* lock) {
-    rulesStay.wait_until(*lock, doubtEnds, [] { return !rulesInDoubt; });
+    while (rulesInDoubt) {
+        // A copy: the wait gives the lock up, and another doubt may begin meanwhile.
+        const auto end = doubtEnds;
+        if (std::chrono::steady_clock::now() >= end) return;
+        rulesStay.wait_until(*lock, end);
+    }
 }
 
 void addVidPid(int32_t vid, int32_t pid) {
