@@ -31,8 +31,6 @@ double median(std::vector<double> values) {
     return *middle;
 }
 
-bool targetMissed = false;
-
 }  // namespace
 
 void compare(benchmark::State& state, const std::vector<Baseline>& baselines,
@@ -59,14 +57,11 @@ void compare(benchmark::State& state, const std::vector<Baseline>& baselines,
         results.push_back(base::StringPrintf("%.2f x %s", ratio, name));
         if (!target) continue;
         const bool missed = ratio > *target;
-        targetMissed |= missed;
         results.back() +=
-            base::StringPrintf(" (target %.2f: %s)", *target, missed ? "MISSED" : "met");
+            base::StringPrintf(" (target %.2f: %s)", *target, missed ? kMissed : "met");
     }
     state.SetLabel(base::Join(results, ", "));
 }
-
-bool isTargetMissed() { return targetMissed; }
 
 void timeOnly(benchmark::State& state, const std::function<void()>& run,
               const std::function<void()>& putBack) {

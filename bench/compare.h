@@ -27,8 +27,8 @@ struct Baseline {
 void compare(benchmark::State& state, const std::vector<Baseline>& baselines,
              const std::function<void()>& run);
 
-/** Whether a compare() missed a target. */
-bool isTargetMissed();
+/** In the label of a benchmark that missed a target. */
+inline constexpr char kMissed[] = "MISSED";
 
 /** Times an action without what has to be put back between two runs. Uses manual time too. */
 void timeOnly(benchmark::State& state, const std::function<void()>& run,
