@@ -14,6 +14,7 @@
 
 #include "kusctl.h"
 #include "util/Util.h"
+#include "util/rule_tables.h"
 
 namespace android::kus {
 namespace {
@@ -76,6 +77,12 @@ DeviceInfo findRecorded(const char* id) {
     return *found;
 }
 
+bool isSameFile(const std::string& a, const std::string& b) {
+    struct stat first, second;
+    return stat(a.c_str(), &first) == 0 && stat(b.c_str(), &second) == 0 &&
+           first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
 Request parseArguments(int argc, char** argv) {
     Request request;
     Subject& subject = request.subject;
@@ -86,15 +93,18 @@ Request parseArguments(int argc, char** argv) {
                                          {"rules", required_argument, nullptr, kRules},
                                          {"output", required_argument, nullptr, kOutput}};
     int ways = 0;
+    bool byInput = false;
     for (int found; (found = nextOption(argc, argv, options)) != -1;) {
         ways += found == kVendor || found == kClass || found == kInput;
         if (found == kVendor) subject.vendor = parseId("vendor", optarg);
         if (found == kProduct) subject.product = parseId("product", optarg);
         if (found == kClass) subject.classCode = onlyOne(parseUsbClasses(optarg));
+        byInput |= found == kInput;
         if (found == kInput) subject.classCode = onlyOne(parseInputSources(optarg));
         if (found == kRules) request.rules = optarg;
         if (found == kOutput) request.output = optarg;
     }
+    if (isSameFile(request.output, request.rules)) request.output.clear();
     const char* id = optind < argc ? argv[optind++] : nullptr;
     expectNoArguments(argc, argv);
     if (ways + (id != nullptr) != 1) wrongUse("give one of --vendor, --class, --input and ID");
@@ -109,6 +119,9 @@ Request parseArguments(int argc, char** argv) {
     }
     if (subject.classCode && Util::getClassName(*subject.classCode) == " ") {
         wrongUse("no rule can name a class that has no name: name devices by vendor and product");
+    }
+    if (byInput && inputSourceNames.count(*subject.classCode) == 0) {
+        wrongUse("no rule can name an input source by the code of a USB class: give --class");
     }
     return request;
 }
@@ -136,6 +149,7 @@ void replaceFile(const std::string& path, const std::string& text) {
     base::unique_fd fd(
         open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     const bool written = fd >= 0 && base::WriteStringToFd(text, fd.get()) &&
+                         fchown(fd.get(), st.st_uid, st.st_gid) == 0 &&
                          fchmod(fd.get(), st.st_mode & 07777) == 0 && fsync(fd.get()) == 0 &&
                          rename(beside.c_str(), target.c_str()) == 0;
     if (written) return;
