@@ -103,7 +103,7 @@ bool printRuleChanges(Rules* before, Rules* after, const std::string& oldPath,
 
 struct DeviceLine {
     Device device;
-    /** The device's JSON object as it stands in the line. */
+    /** The line's JSON object. */
     std::string_view json;
     /** With the escapes of JSON: see unescaped. */
     std::string_view name;
