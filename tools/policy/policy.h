@@ -36,6 +36,10 @@ struct Device {
 std::optional<int32_t> usbClassCode(const std::string& text);
 std::optional<int32_t> inputSourceCode(const std::string& text);
 
+/** The bits of the sources without one of which nobody can operate the device. */
+int32_t keyboardSources();
+int32_t pointerSources();
+
 /** Names of the device's USB classes or input sources, each once; a number for one without. */
 std::vector<std::string> classNames(const Device& device);
 
