@@ -122,7 +122,7 @@ INSTANTIATE_TEST_SUITE_P(
                 "give --vendor, --product and --class, or --input, or --devices"},
         Mistake{{"check", "--vendor", "046d"},
                 "kusctl check",
-                "vendor '046d' is no number from 0 to 65535 (0x... when hexadecimal)"},
+                "vendor '046d' is hexadecimal: write 0x046d"},
         Mistake{{"check", "--product", "0x10000"},
                 "kusctl check",
                 "product '0x10000' is no number from 0 to 65535 (0x... when hexadecimal)"},
