@@ -73,7 +73,9 @@ class DeviceListTest : public testing::Test {
 constexpr char kMouse[] =
     R"({"vendor": 60001,"product": 5,"kind": "input","classes": ["AINPUT_SOURCE_MOUSE"],)"
     R"("name": "\"A\" \u00e9","seen": {"at": [1e3, null]}})";
-constexpr char kSpeaker[] = R"({"classes":["USB_CLASS_AUDIO","0x03"],"product":6,"vendor":60001})";
+constexpr char kSpeaker[] =
+    R"({"classes":["USB_CLASS_AUDIO", 3],"product":6,"vendor":60001,"name":null,"event":7,)"
+    R"("device":"tablet-17"})";
 
 struct Line {
     std::string text;
@@ -82,7 +84,7 @@ struct Line {
 
 TEST_F(DeviceListTest, ReportsLinesThatAreNoDevice) {
     const Line lines[] = {
-        {kMouse, nullptr},
+        {std::string("\xEF\xBB\xBF") + kMouse, nullptr},
         {"", nullptr},
         {kSpeaker, nullptr},
         {std::string(R"({"event": "added","device": )") + kMouse + "}", nullptr},
@@ -133,15 +135,16 @@ TEST_F(DeviceListTest, ReportsLinesThatAreNoDevice) {
                 checkProblems}));
 }
 
-TEST_F(DeviceListTest, AnswersProgramsWithTheDeviceAsItCame) {
-    folder.write("devices", std::string("  ") + kMouse + "\r\n{\"device\":" + kSpeaker + "}\n");
+TEST_F(DeviceListTest, AnswersProgramsWithTheLineAsItCame) {
+    const std::string speaker = std::string("{\"host\":\"h7\",\"device\":") + kSpeaker + "}";
+    folder.write("devices", std::string("  ") + kMouse + "\r\n" + speaker + "\n");
     EXPECT_EQ(
         folder.run({"check", "--rules", "new.xml", "--json", "--devices", "devices"}),
         (Result{0,
                 std::string("{\"allowed\": true,\"device\": ") + kMouse +
                     ",\"reason\": \"Whitelisted: Match by ClassName, CLASS : "
                     "AINPUT_SOURCE_MOUSE \"}\n{\"allowed\": false,\"device\": " +
-                    kSpeaker + ",\"reason\": \"No matching rule found to Whitelist the device\"}\n",
+                    speaker + ",\"reason\": \"No matching rule found to Whitelist the device\"}\n",
                 ""}));
 }
 

@@ -214,12 +214,17 @@ TEST(EditFileTest, KeepsModeAndLink) {
     const std::string file = folder.path() + "/a.xml", link = folder.path() + "/link.xml";
     ASSERT_EQ(chmod(file.c_str(), 0640), 0);
     ASSERT_EQ(symlink("a.xml", link.c_str()), 0);
-    EXPECT_EQ(folder.run({"block", "--rules", "link.xml", "--input", "mouse"}).status, 0);
+    const Arguments command = {"block", "--rules",  "link.xml", "--input",
+                               "mouse", "--output", "a.xml"};
+    struct stat before;
+    ASSERT_EQ(stat(file.c_str(), &before), 0);
+    EXPECT_EQ(folder.run(command).status, 0);
     struct stat st;
     ASSERT_EQ(lstat(link.c_str(), &st), 0);
     EXPECT_TRUE(S_ISLNK(st.st_mode));
     ASSERT_EQ(stat(file.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0640u);
+    EXPECT_NE(st.st_ino, before.st_ino) << "written in place";
     EXPECT_NE(read(file), kRules);
     EXPECT_NE(access((file + ".new").c_str(), F_OK), 0);
 }

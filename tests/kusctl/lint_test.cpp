@@ -177,7 +177,7 @@ INSTANTIATE_TEST_SUITE_P(
               "not: vendors 50 (line 3), 200 (line 4) and 250 (line 4), whose ids are greater, are "
               "listed without products; list the products of vendors 50, 200 and 250, too"}},
         File{"RefusesInput",
-             whitelist("<class>USB_CLASS_PRINTER</class>"),
+             whitelist("<class>USB_CLASS_PRINTER</class><class>AINPUT_SOURCE_JOYSTICK</class>"),
              0,
              {" accepted: SUCCESS",
               "1: warning: every keyboard, mouse and touch screen is refused; name them by 'vid' "
@@ -266,6 +266,11 @@ INSTANTIATE_TEST_SUITE_P(
             0,
             {" accepted: SUCCESS",
              "3: warning: element 'foo' after a 'pid' is taken as one; close the 'vid' before it"}},
+        File{"LeadingZero",
+             whitelist("<vid vendorid=\"0951\"><pid>00</pid></vid>"),
+             0,
+             {" accepted: SUCCESS",
+              "2: warning: '0951' is read as decimal 951; 0951 in hexadecimal is 2385"}},
         File{
             "VendorAbove16Bits",
             whitelist("<vid vendorid=\"65536\"/>"),

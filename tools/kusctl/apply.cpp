@@ -151,14 +151,11 @@ void printVendors(Rules* rules, const std::string& path) {
 }
 
 /** The allowed device that would be the last of those with one of these sources; else null. */
-const Prospect* lastOneLost(const std::vector<Prospect>& prospects,
-                            const std::vector<const char*>& sources) {
-    int32_t mask = 0;
-    for (const char* source : sources) mask |= inputSourceCode(source).value_or(0);
+const Prospect* lastOneLost(const std::vector<Prospect>& prospects, int32_t sources) {
     const Prospect* lost = nullptr;
     for (const Prospect& prospect : prospects) {
         const DeviceInfo& device = prospect.device;
-        if (device.deviceType == 0 || (device.deviceClass & mask) == 0) continue;
+        if (device.deviceType == 0 || (device.deviceClass & sources) == 0) continue;
         if (prospect.allowed) return nullptr;
         if (prospect.wasAllowed()) lost = &prospect;
     }
@@ -167,9 +164,8 @@ const Prospect* lastOneLost(const std::vector<Prospect>& prospects,
 
 /** False where they would leave nobody the means to undo them by hand. */
 bool leaveInputDevices(const std::vector<Prospect>& prospects) {
-    const std::pair<const char*, std::vector<const char*>> kinds[] = {
-        {"keyboard", {"keyboard"}},
-        {"pointer", {"mouse", "mouse_relative", "trackball", "touchpad", "touchscreen", "stylus"}}};
+    const std::pair<const char*, int32_t> kinds[] = {{"keyboard", keyboardSources()},
+                                                     {"pointer", pointerSources()}};
     bool left = true;
     for (const auto& [kind, sources] : kinds) {
         const Prospect* lost = lastOneLost(prospects, sources);

@@ -30,7 +30,8 @@ daemon has to run. Exit status: 0 allowed, 1 refused or failed, 2 wrong use.
   --json         prints an object instead of text
 
 With --devices it prints a line for each device, in their order: answer, VENDOR:PRODUCT, name and
-reason, with tabs between them; in JSON an object with "allowed", "device" as it came, and "reason".
+reason, with tabs between them; in JSON an object with "allowed", "device", the line's object as it
+came, and "reason".
 A line that is no device is reported with its number and left out. The exit status is then 0 when
 every line was a device, allowed or not.
 

@@ -107,6 +107,9 @@ int runCommand(const Command& command, int argc, char** argv) {
 int32_t parseId(const std::string& what, const std::string& text) {
     uint32_t id;
     if (!base::ParseUint(text, &id, kMaxId)) {
+        if (base::ParseUint("0x" + text, &id, kMaxId)) {
+            wrongUse(what + " '" + text + "' is hexadecimal: write 0x" + text);
+        }
         wrongUse(what + " '" + text + "' is no number from 0 to 65535 (0x... when hexadecimal)");
     }
     return id;

@@ -15,6 +15,7 @@ namespace {
 
 using std::string_view;
 
+constexpr char kByteOrderMark[] = "\xEF\xBB\xBF";
 constexpr size_t kLongestLine = 1 << 20;
 constexpr size_t kMostClasses = 255;
 constexpr uint64_t kLinesBetweenLooks = 4096;
@@ -77,9 +78,13 @@ class JsonWalker {
         return at_ == end_;
     }
 
-    bool take(char c) {
+    bool isAt(char c) {
         skipBlanks();
-        if (at_ == end_ || *at_ != c) return false;
+        return at_ != end_ && *at_ == c;
+    }
+
+    bool take(char c) {
+        if (!isAt(c)) return false;
         ++at_;
         return true;
     }
@@ -103,6 +108,15 @@ class JsonWalker {
         if (error != std::errc()) return false;
         at_ = end;
         return at_ == end_ || !isInNumber(*at_);  // or it is 1.5 or 1e5
+    }
+
+    bool integerText(string_view* text) {
+        skipBlanks();
+        const char* begin = at_;
+        int32_t number;
+        if (!integer(&number)) return false;
+        *text = {begin, static_cast<size_t>(at_ - begin)};
+        return true;
     }
 
     /** Calls `element` at each one, which has to take it. */
@@ -190,10 +204,8 @@ class LineParser {
         json_.skipBlanks();
         const char* begin = json_.position();
         const bool whole = json_.object([&](string_view key) { return parseMember(key); });
-        // The device of an event comes first, and ends before the event does.
-        if (result_->json.empty()) {
-            result_->json = {begin, static_cast<size_t>(json_.position() - begin)};
-        }
+        // The device of an event ends before the event does, which is what stays.
+        result_->json = {begin, static_cast<size_t>(json_.position() - begin)};
         return whole;
     }
 
@@ -201,10 +213,10 @@ class LineParser {
         Device& device = result_->device;
         if (key == "vendor") return vendor_ = expect(json_.integer(&device.vendorId), "vendor");
         if (key == "product") return product_ = expect(json_.integer(&device.productId), "product");
-        if (key == "name") return expect(json_.string(&result_->name), "name");
+        if (key == "name" && !json_.isAt('n')) return expect(json_.string(&result_->name), "name");
         if (key == "kind") return expect(json_.string(&kind_), "kind");
-        if (key == "event") return expect(json_.string(&event_), "event");
-        if (key == "device" && !nested_) {
+        if (key == "event" && json_.isAt('"')) return expect(json_.string(&event_), "event");
+        if (key == "device" && !nested_ && json_.isAt('{')) {
             nested_ = true;
             return parseDevice();
         }
@@ -212,7 +224,7 @@ class LineParser {
         names_.clear();
         return classes_ = expect(json_.array([&] {
                    string_view name;
-                   if (!json_.string(&name)) return false;
+                   if (!json_.string(&name) && !json_.integerText(&name)) return false;
                    names_.push_back(name);
                    return true;
                }),
@@ -293,6 +305,9 @@ DeviceCounts forEachDevice(const std::string& path, bool showProgress,
     bool whole;
     for (uint64_t number = 1; lines.next(&line, &whole); ++number) {
         progress.at(number);
+        if (number == 1 && line.substr(0, strlen(kByteOrderMark)) == kByteOrderMark) {
+            line.remove_prefix(strlen(kByteOrderMark));
+        }
         if (line.find_first_not_of(" \t\r") == string_view::npos) continue;
         LineParser parser(line, &device);
         const std::string problem = whole ? parser.parse() : "longer than 1 MiB";

@@ -191,6 +191,7 @@ Json::Value toJson(const Difference& difference) {
     } else {
         value["count"] = Json::UInt64(difference.count);
         value["name"] = difference.name;
+        value["kind"] = device.deviceType == 0 ? "usb" : "input";
     }
     if (device.vendorId != kUnknownId) value["vendor"] = device.vendorId;
     if (device.productId != kUnknownId) value["product"] = device.productId;
@@ -214,6 +215,8 @@ void printAsJson(const Report& report, bool byDevices) {
         value["devices"] = Json::UInt64(report.counts.devices);
         value["nowAllowed"] = Json::UInt64(report.allowed);
         value["nowRefused"] = Json::UInt64(report.refused);
+        value["furtherAllowed"] = Json::UInt64(report.furtherAllowed);
+        value["furtherRefused"] = Json::UInt64(report.furtherRefused);
         value["noDevices"] = Json::UInt64(report.counts.others);
     }
     puts(jsonText(value).c_str());

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/file.h>
 #include <android-base/parseint.h>
-#include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -11,9 +10,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <optional>
 
 #include "kusctl.h"
 #include "util/Util.h"
+#include "util/rule_tables.h"
 
 namespace android::kus {
 namespace {
@@ -52,9 +53,7 @@ struct Request {
     /** Empty for the rules file itself. */
     std::string output;
     Subject subject;
-    /** As far as it is known. */
-    Device device;
-    bool isRecorded = false;
+    std::optional<Device> recorded;
 };
 
 int32_t onlyOne(const std::vector<int32_t>& codes) {
@@ -78,20 +77,10 @@ DeviceInfo findRecorded(const char* id) {
     return *found;
 }
 
-/** A device of which nothing is known but what the rule is about. */
-Device sampleOf(const Subject& subject) {
-    Device device;
-    device.vendorId = subject.vendor;
-    device.productId = subject.product;
-    if (!subject.classCode) {
-        device.interfaceClassList = {-1};
-    } else if (*subject.classCode <= 0xFF) {
-        device.interfaceClassList = {*subject.classCode};
-    } else {
-        device.deviceType = 1;
-        device.deviceClass = *subject.classCode;
-    }
-    return device;
+bool isSameFile(const std::string& a, const std::string& b) {
+    struct stat first, second;
+    return stat(a.c_str(), &first) == 0 && stat(b.c_str(), &second) == 0 &&
+           first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
 Request parseArguments(int argc, char** argv) {
@@ -104,15 +93,18 @@ Request parseArguments(int argc, char** argv) {
                                          {"rules", required_argument, nullptr, kRules},
                                          {"output", required_argument, nullptr, kOutput}};
     int ways = 0;
+    bool byInput = false;
     for (int found; (found = nextOption(argc, argv, options)) != -1;) {
         ways += found == kVendor || found == kClass || found == kInput;
         if (found == kVendor) subject.vendor = parseId("vendor", optarg);
         if (found == kProduct) subject.product = parseId("product", optarg);
         if (found == kClass) subject.classCode = onlyOne(parseUsbClasses(optarg));
+        byInput |= found == kInput;
         if (found == kInput) subject.classCode = onlyOne(parseInputSources(optarg));
         if (found == kRules) request.rules = optarg;
         if (found == kOutput) request.output = optarg;
     }
+    if (isSameFile(request.output, request.rules)) request.output.clear();
     const char* id = optind < argc ? argv[optind++] : nullptr;
     expectNoArguments(argc, argv);
     if (ways + (id != nullptr) != 1) wrongUse("give one of --vendor, --class, --input and ID");
@@ -123,48 +115,15 @@ Request parseArguments(int argc, char** argv) {
         const DeviceInfo device = findRecorded(id);
         subject.vendor = device.vendorId;
         subject.product = device.productId;
-        request.device = toDevice(device);
-        request.isRecorded = true;
-    } else {
-        request.device = sampleOf(subject);
+        request.recorded = toDevice(device);
     }
     if (subject.classCode && Util::getClassName(*subject.classCode) == " ") {
         wrongUse("no rule can name a class that has no name: name devices by vendor and product");
     }
-    return request;
-}
-
-std::string linesText(const std::vector<int>& lines) {
-    std::vector<std::string> texts;
-    for (const int line : lines) texts.push_back(std::to_string(line));
-    return (lines.size() == 1 ? "line " : "lines ") + base::Join(texts, ", ");
-}
-
-/** Ends the program where other rules decide on the device all the same. */
-void expectDecision(Rules* rules, const Request& request, bool allow) {
-    const Answer answer = rules->decide(request.device);
-    if (answer.allowed == allow) return;
-    const bool byClass = answer.reason.find("Match by ClassName") != std::string::npos;
-    std::string text = byClass ? "a class rule" : answer.lines.empty() ? "the rules" : "a rule";
-    text += allow ? " would still refuse it" : " would still allow it";
-    if (!answer.lines.empty()) text += ": " + linesText(answer.lines);
-    for (const Warning& warning : answer.warnings) text += "; " + withCure(warning);
-    fail(request.rules + ": " + text);
-}
-
-/** Of ids alone nobody can tell which class rules match. */
-void noteClassRules(Rules* rules, const Request& request, bool allow) {
-    const bool added = allow == (rules->mode() == "whitelist");
-    if (added || request.subject.classCode || request.isRecorded) return;
-    std::vector<int> lines;
-    for (const Device& device : rules->samples()) {
-        if (device.vendorId != kUnknownId) continue;
-        for (const int line : rules->decide(device).lines) lines.push_back(line);
+    if (byInput && inputSourceNames.count(*subject.classCode) == 0) {
+        wrongUse("no rule can name an input source by the code of a USB class: give --class");
     }
-    if (lines.empty()) return;
-    std::sort(lines.begin(), lines.end());
-    note(std::string("class rules would still ") + (allow ? "refuse" : "allow") +
-         " a device of theirs, by whatever vendor: " + linesText(lines));
+    return request;
 }
 
 void printNewWarnings(const std::string& path, const std::string& before,
@@ -190,6 +149,7 @@ void replaceFile(const std::string& path, const std::string& text) {
     base::unique_fd fd(
         open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     const bool written = fd >= 0 && base::WriteStringToFd(text, fd.get()) &&
+                         fchown(fd.get(), st.st_uid, st.st_gid) == 0 &&
                          fchmod(fd.get(), st.st_mode & 07777) == 0 && fsync(fd.get()) == 0 &&
                          rename(beside.c_str(), target.c_str()) == 0;
     if (written) return;
@@ -219,8 +179,9 @@ int edit(int argc, char** argv, bool allow) {
     const Edit edited = editRules(text, allow, request.subject);
     if (!edited.problem.empty()) fail(request.rules + ": " + edited.problem);
     Rules after = loadRules(request.rules, edited.text);
-    expectDecision(&after, request, allow);
-    noteClassRules(&after, request, allow);
+    const EditReview review = reviewEdit(&after, allow, request.subject, request.recorded);
+    if (!review.problem.empty()) fail(request.rules + ": " + review.problem);
+    if (!review.note.empty()) note(review.note);
 
     if (request.output == "-") {
         fputs(edited.text.c_str(), stdout);

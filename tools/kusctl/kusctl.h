@@ -91,8 +91,6 @@ std::string nameOf(const DeviceInfo& device);
 std::string readRulesFile(const std::string& path, std::string* text);
 /** Parses in a child process, because some texts end the process that reads them. */
 Verdict judgeText(const std::string& text);
-/** The message, and what to do about it. */
-std::string withCure(const Warning& warning);
 /** Ends the program where the device would not take the rules. */
 Rules loadRules(const std::string& path);
 Rules loadRules(const std::string& path, const std::string& text);
@@ -105,7 +103,7 @@ bool printRuleChanges(Rules* before, Rules* after, const std::string& oldPath,
 
 struct DeviceLine {
     Device device;
-    /** The device's JSON object as it stands in the line. */
+    /** The line's JSON object. */
     std::string_view json;
     /** With the escapes of JSON: see unescaped. */
     std::string_view name;

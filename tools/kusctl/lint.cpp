@@ -27,7 +27,8 @@ Kinds of warnings: after-comment, allows-nothing, blanks, crash, duplicate, enco
 ignored, never-matches, no-input, restricted-class, taken-as-product, unknown-class, whole-vendor.
 Of notes: restricted-interfaces.
 
-Exit status: 0 when every file is accepted; 1 when one is not; 2 wrong use.
+Exit status: 0 when every file is accepted; 1 when one is not, or with --strict has a warning; 2
+wrong use.
 )";
 
 enum Option { kStrict = 1, kFormat, kJson };
@@ -210,10 +211,6 @@ int run(int argc, char** argv) {
 }
 
 }  // namespace
-
-std::string withCure(const Warning& warning) {
-    return warning.cure.empty() ? warning.message : warning.message + "; " + warning.cure;
-}
 
 const Command kLintCommand = {"lint", "check rules files before they reach a device", kHelp, run};
 

@@ -18,7 +18,8 @@ void printHelp() {
     puts(
         "usage: kusctl COMMAND [ARGUMENT]...\n"
         "\n"
-        "Shows which USB and input devices the device's policy allows, and checks the rules.\n");
+        "Shows which USB and input devices the device's policy allows; checks, edits\n"
+        "and applies the rules.\n");
     for (const Command* command : kCommands) printf("  %-9s %s\n", command->name, command->summary);
     puts(
         "\n"

@@ -24,7 +24,6 @@ using tinyxml2::XMLElement;
 using tinyxml2::XMLNode;
 
 constexpr uint32_t kMaxUsbId = 0xFFFF;
-constexpr size_t kMostVendorsNamed = 5;
 
 std::string quoted(const std::string& text) { return "'" + text + "'"; }
 
@@ -269,8 +268,9 @@ void RulesReview::reviewWhitelist(const XMLElement& root) {
     int line = 0;
     std::string usbClass;
     for (const auto& [name, firstLine] : classes_) {
-        if (inputSourceNames.count(Util::convert(name)) != 0) {
-            input = true;
+        const int32_t code = Util::convert(name);
+        if (inputSourceNames.count(code) != 0) {
+            input |= (code & (keyboardSources() | pointerSources())) != 0;
         } else if (line == 0 || firstLine < line) {
             line = firstLine;
             usbClass = name;
@@ -353,6 +353,13 @@ std::optional<int32_t> RulesReview::reviewId(const XMLElement& element, const ch
              "ids go up to 65535");
         return {};
     }
+    uint32_t hexadecimal;
+    if (value[0] == '0' && base::ParseUint(std::string("0x") + value, &hexadecimal, kMaxUsbId) &&
+        hexadecimal != number) {
+        warn(element, "hexadecimal",
+             quoted(value) + " is read as decimal " + std::to_string(number) + "; " + value +
+                 " in hexadecimal is " + std::to_string(hexadecimal));
+    }
     if (number > kMaxUsbId) {
         warn(element, "never-matches", id + " is above 65535: no device has it");
     }
@@ -377,10 +384,6 @@ void RulesReview::warn(const XMLNode& node, const std::string& kind, const std::
 std::string vendorList(const std::map<int32_t, int>& vendors, bool lines) {
     std::vector<std::string> names;
     for (const auto& [vendor, line] : vendors) {
-        if (names.size() == kMostVendorsNamed) {
-            names.push_back(std::to_string(vendors.size() - names.size()) + " more");
-            break;
-        }
         names.push_back(std::to_string(vendor) + (lines ? inLine(line) : ""));
     }
     if (names.size() == 1) return "vendor " + names[0];
@@ -400,6 +403,10 @@ Warning wholeVendorWarning(const std::map<int32_t, int>& listed,
                 (one ? ", whose id is greater, is" : ", whose ids are greater, are") +
                 " listed without products",
             "list the products of " + vendorList(whole, false) + ", too"};
+}
+
+std::string withCure(const Warning& warning) {
+    return warning.cure.empty() ? warning.message : warning.message + "; " + warning.cure;
 }
 
 std::vector<Warning> reviewRules(const std::string& text) {

@@ -55,6 +55,12 @@ std::vector<int32_t> codesToName(const Device& device) {
     return codes;
 }
 
+int32_t sourceBits(std::initializer_list<const char*> names) {
+    int32_t bits = 0;
+    for (const char* name : names) bits |= inputSourceCode(name).value_or(0);
+    return bits;
+}
+
 bool isLeftToInput(const Device& device) {
     return device.deviceType == 0 && hasOnlyHidInterfaces(device) && !device.vendorHid;
 }
@@ -67,6 +73,13 @@ std::optional<int32_t> usbClassCode(const std::string& text) {
 
 std::optional<int32_t> inputSourceCode(const std::string& text) {
     return codeOf(kInputSourcePrefix, text, INT32_MAX);
+}
+
+int32_t keyboardSources() { return sourceBits({"keyboard"}); }
+
+int32_t pointerSources() {
+    return sourceBits(
+        {"mouse", "mouse_relative", "trackball", "touchpad", "touchscreen", "stylus"});
 }
 
 std::vector<std::string> classNames(const Device& device) {
