@@ -186,8 +186,9 @@ TEST(FindTest, PrintsRulesToPaste) {
     EXPECT_EQ(
         find({"abcd:000f"}).out,
         "<vid vendorid=\"43981\"><pid>15</pid></vid>     <!-- abcd:000f Mouse Makers: Pad -->\n");
-    EXPECT_EQ(find({"interface"}),
-              (Result{1, "", "kusctl find: no vendor or product has 'interface' in its name\n"}));
+    EXPECT_EQ(
+        find({"interface"}),
+        (Result{1, "", "kusctl find: no vendor or product has 'interface' in its name or ids\n"}));
 }
 
 }  // namespace

@@ -207,13 +207,16 @@ int run(int argc, char** argv) {
 
 }  // namespace
 
-Rules loadRules(const std::string& path) {
+std::string rulesText(const std::string& path) {
     std::string text;
     if (const std::string reason = readRulesFile(path, &text); !reason.empty()) {
-        fail(path + ": " + reason);
+        const char* hint = path == configFilePath ? " (--rules names another file)" : "";
+        fail(path + ": " + reason + hint);
     }
-    return loadRules(path, text);
+    return text;
 }
+
+Rules loadRules(const std::string& path) { return loadRules(path, rulesText(path)); }
 
 Rules loadRules(const std::string& path, const std::string& text) {
     const Verdict verdict = judgeText(text);

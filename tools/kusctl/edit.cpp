@@ -171,10 +171,7 @@ int apply(const std::string& text) {
 
 int edit(int argc, char** argv, bool allow) {
     const Request request = parseArguments(argc, argv);
-    std::string text;
-    if (const std::string reason = readRulesFile(request.rules, &text); !reason.empty()) {
-        fail(request.rules + ": " + reason);
-    }
+    const std::string text = rulesText(request.rules);
     Rules before = loadRules(request.rules, text);
     const Edit edited = editRules(text, allow, request.subject);
     if (!edited.problem.empty()) fail(request.rules + ": " + edited.problem);

@@ -89,6 +89,8 @@ std::string nameOf(const DeviceInfo& device);
 
 /** Returns why a path cannot be read as a rules file, or an empty text. */
 std::string readRulesFile(const std::string& path, std::string* text);
+/** The text of a rules file; ends the program where there is none. */
+std::string rulesText(const std::string& path);
 /** Parses in a child process, because some texts end the process that reads them. */
 Verdict judgeText(const std::string& text);
 /** Ends the program where the device would not take the rules. */

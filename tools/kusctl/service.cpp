@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
+#include <unistd.h>
 
 #include "kusctl.h"
 
@@ -8,6 +9,7 @@ namespace android::kus {
 namespace {
 
 const String16 kServiceName("kusbservice");
+constexpr char kBinderDriver[] = "/dev/binder";
 
 [[noreturn]] void failAsAbsent(const std::string& what, const std::string& programs) {
     fail(what + ". It may be restarting: try again in a moment. To start it: 'start " + programs +
@@ -17,6 +19,9 @@ const String16 kServiceName("kusbservice");
 }  // namespace
 
 sp<IKUsbService> connectToService() {
+    if (access(kBinderDriver, F_OK) != 0) {
+        fail(std::string("there is no ") + kBinderDriver + ": this asks the service, on a device");
+    }
     // Asked first, because defaultServiceManager() waits for a service manager without end.
     if (ProcessState::self()->getContextObject(nullptr) == nullptr) {
         failAsAbsent("no service manager is running", "servicemanager kusd");

@@ -16,8 +16,8 @@ constexpr char kHelp[] = R"(usage: kusctl find [--ids FILE] WORD...
 
 Searches the public list of USB ids for vendors and products in whose names every WORD stands, and
 prints the rule for each, ready to be put into a rules file. A word may be a part of a name, an id
-in hexadecimal ("046d"), or both ids ("046d:c31c"). Exit status: 0 found, 1 not found or failed,
-2 wrong use.
+("046d", "0x046d" or in decimal "1133"), or both ids ("046d:c31c"). Exit status: 0 found, 1 not found
+or failed, 2 wrong use.
 
   --ids FILE  the list (/usr/share/misc/usb.ids, of Debian's package usb.ids)
 
@@ -83,6 +83,14 @@ std::string hexadecimal(int32_t id) {
     return digits;
 }
 
+/** As lsusb writes an id, as rules do, and as options take it: whatever is looked for. */
+std::string spellings(int32_t vendor, int32_t product) {
+    const std::string hex = hexadecimal(vendor), decimal = std::to_string(vendor);
+    if (product == kUnknownId) return hex + " " + decimal + " 0x" + hex + " ";
+    return hex + ":" + hexadecimal(product) + " " + decimal + ":" + std::to_string(product) +
+           " 0x" + hex + ":0x" + hexadecimal(product) + " ";
+}
+
 void printRule(int32_t vendor, int32_t product, const Name& name) {
     std::string rule = "<vid vendorid=\"" + std::to_string(vendor) + "\"";
     std::string text = hexadecimal(vendor);
@@ -101,14 +109,13 @@ bool printMatches(const Names& names, const std::vector<std::string>& words) {
     for (const auto& [ids, name] : names) {
         const auto [vendor, product] = ids;
         // What the vendor's own entry stands for is not told again for each of its products.
-        const std::string own = hexadecimal(vendor) + " " + name.vendor;
+        const std::string own = spellings(vendor, kUnknownId) + name.vendor;
         const bool whole = containsAll(own, words);
-        const bool match =
-            product == kUnknownId
-                ? whole
-                : !whole && containsAll(hexadecimal(vendor) + ":" + hexadecimal(product) + " " +
-                                            name.vendor + " " + name.product,
-                                        words);
+        const bool match = product == kUnknownId
+                               ? whole
+                               : !whole && containsAll(spellings(vendor, product) + name.vendor +
+                                                           " " + name.product,
+                                                       words);
         if (match) printRule(vendor, product, name);
         found |= match;
     }
@@ -130,7 +137,7 @@ int run(int argc, char** argv) {
     const Names names = parseList(text);
     if (names.empty()) fail(path + ": no list of USB ids");
     if (!printMatches(names, words))
-        fail("no vendor or product has '" + base::Join(words, ' ') + "' in its name");
+        fail("no vendor or product has '" + base::Join(words, ' ') + "' in its name or ids");
     return kYes;
 }
 
