@@ -47,6 +47,7 @@ std::string member(const char* name, const Value& value) {
 
 std::string toJson(const Warning& warning) {
     return "{" + member("line", warning.line) + "," + member("kind", warning.kind) + "," +
+           member("level", warning.isNote ? "note" : "warning") + "," +
            member("message", warning.message) + "," + member("cure", warning.cure) + "}";
 }
 

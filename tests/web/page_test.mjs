@@ -63,7 +63,8 @@ const devices = () => times(DEVICES_PER_FILE, (_, i) => (
 const comparable = (text) => text.replace(/\uFFFD+/g, '\uFFFD');
 const finding = ({ verdict, status, line, warnings }) => ({
   verdict, status: comparable(status), line,
-  warnings: warnings.map(({ kind, line: at, message }) => ({ kind, line: at, message: comparable(message) })),
+  warnings: warnings.map((warning) => (
+    { ...warning, message: comparable(warning.message), cure: comparable(warning.cure) })),
 });
 
 /** What the page's engine says of requests: {rules as latin-1 text, devices}. */
@@ -243,6 +244,11 @@ await test('The way of a user', () => withPage({}, async (page) => {
   await page.getByRole('button', { name: /^Allow Kingston.*100 G3/ }).first().click();
   await page.getByRole('tab', { name: 'Bench' }).click();
   await expectAnswer(page, 'Memory stick', 'allowed');
+
+  // A note is none of the warnings
+  await page.locator('#finding-count').getByText('1 note', { exact: true }).waitFor();
+  await page.locator('#spoken').getByText('SUCCESS, 1 note').waitFor({ state: 'attached' });
+  await page.locator('.cm-lint-marker-info').waitFor();
 
   // Devices of other programs, and one's own
   for (const [text, name, answer] of [[LSUSB, 'USB Keyboard (keyboard)', 'refused'], [LISTED, 'dock', 'refused']]) {
