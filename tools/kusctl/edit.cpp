@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/file.h>
 #include <android-base/parseint.h>
-#include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -11,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <optional>
 
 #include "kusctl.h"
 #include "util/Util.h"
@@ -52,9 +52,7 @@ struct Request {
     /** Empty for the rules file itself. */
     std::string output;
     Subject subject;
-    /** As far as it is known. */
-    Device device;
-    bool isRecorded = false;
+    std::optional<Device> recorded;
 };
 
 int32_t onlyOne(const std::vector<int32_t>& codes) {
@@ -76,22 +74,6 @@ DeviceInfo findRecorded(const char* id) {
         fail("no device " + std::to_string(number) + " is recorded: see 'kusctl list'");
     }
     return *found;
-}
-
-/** A device of which nothing is known but what the rule is about. */
-Device sampleOf(const Subject& subject) {
-    Device device;
-    device.vendorId = subject.vendor;
-    device.productId = subject.product;
-    if (!subject.classCode) {
-        device.interfaceClassList = {-1};
-    } else if (*subject.classCode <= 0xFF) {
-        device.interfaceClassList = {*subject.classCode};
-    } else {
-        device.deviceType = 1;
-        device.deviceClass = *subject.classCode;
-    }
-    return device;
 }
 
 Request parseArguments(int argc, char** argv) {
@@ -123,48 +105,12 @@ Request parseArguments(int argc, char** argv) {
         const DeviceInfo device = findRecorded(id);
         subject.vendor = device.vendorId;
         subject.product = device.productId;
-        request.device = toDevice(device);
-        request.isRecorded = true;
-    } else {
-        request.device = sampleOf(subject);
+        request.recorded = toDevice(device);
     }
     if (subject.classCode && Util::getClassName(*subject.classCode) == " ") {
         wrongUse("no rule can name a class that has no name: name devices by vendor and product");
     }
     return request;
-}
-
-std::string linesText(const std::vector<int>& lines) {
-    std::vector<std::string> texts;
-    for (const int line : lines) texts.push_back(std::to_string(line));
-    return (lines.size() == 1 ? "line " : "lines ") + base::Join(texts, ", ");
-}
-
-/** Ends the program where other rules decide on the device all the same. */
-void expectDecision(Rules* rules, const Request& request, bool allow) {
-    const Answer answer = rules->decide(request.device);
-    if (answer.allowed == allow) return;
-    const bool byClass = answer.reason.find("Match by ClassName") != std::string::npos;
-    std::string text = byClass ? "a class rule" : answer.lines.empty() ? "the rules" : "a rule";
-    text += allow ? " would still refuse it" : " would still allow it";
-    if (!answer.lines.empty()) text += ": " + linesText(answer.lines);
-    for (const Warning& warning : answer.warnings) text += "; " + withCure(warning);
-    fail(request.rules + ": " + text);
-}
-
-/** Of ids alone nobody can tell which class rules match. */
-void noteClassRules(Rules* rules, const Request& request, bool allow) {
-    const bool added = allow == (rules->mode() == "whitelist");
-    if (added || request.subject.classCode || request.isRecorded) return;
-    std::vector<int> lines;
-    for (const Device& device : rules->samples()) {
-        if (device.vendorId != kUnknownId) continue;
-        for (const int line : rules->decide(device).lines) lines.push_back(line);
-    }
-    if (lines.empty()) return;
-    std::sort(lines.begin(), lines.end());
-    note(std::string("class rules would still ") + (allow ? "refuse" : "allow") +
-         " a device of theirs, by whatever vendor: " + linesText(lines));
 }
 
 void printNewWarnings(const std::string& path, const std::string& before,
@@ -219,8 +165,9 @@ int edit(int argc, char** argv, bool allow) {
     const Edit edited = editRules(text, allow, request.subject);
     if (!edited.problem.empty()) fail(request.rules + ": " + edited.problem);
     Rules after = loadRules(request.rules, edited.text);
-    expectDecision(&after, request, allow);
-    noteClassRules(&after, request, allow);
+    const EditReview review = reviewEdit(&after, allow, request.subject, request.recorded);
+    if (!review.problem.empty()) fail(request.rules + ": " + review.problem);
+    if (!review.note.empty()) note(review.note);
 
     if (request.output == "-") {
         fputs(edited.text.c_str(), stdout);

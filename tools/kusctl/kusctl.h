@@ -91,8 +91,6 @@ std::string nameOf(const DeviceInfo& device);
 std::string readRulesFile(const std::string& path, std::string* text);
 /** Parses in a child process, because some texts end the process that reads them. */
 Verdict judgeText(const std::string& text);
-/** The message, and what to do about it. */
-std::string withCure(const Warning& warning);
 /** Ends the program where the device would not take the rules. */
 Rules loadRules(const std::string& path);
 Rules loadRules(const std::string& path, const std::string& text);

@@ -211,10 +211,6 @@ int run(int argc, char** argv) {
 
 }  // namespace
 
-std::string withCure(const Warning& warning) {
-    return warning.cure.empty() ? warning.message : warning.message + "; " + warning.cure;
-}
-
 const Command kLintCommand = {"lint", "check rules files before they reach a device", kHelp, run};
 
 }  // namespace android::kus

@@ -268,6 +268,52 @@ void Editor::erase(const std::vector<const XMLElement*>& elements) {
     }
 }
 
+/** A device of which nothing is known but what the rule is about. */
+Device sampleOf(const Subject& subject) {
+    Device device;
+    device.vendorId = subject.vendor;
+    device.productId = subject.product;
+    if (!subject.classCode) {
+        device.interfaceClassList = {-1};
+    } else if (*subject.classCode <= 0xFF) {
+        device.interfaceClassList = {*subject.classCode};
+    } else {
+        device.deviceType = 1;
+        device.deviceClass = *subject.classCode;
+    }
+    return device;
+}
+
+std::string linesText(const std::vector<int>& lines) {
+    std::vector<std::string> texts;
+    for (const int line : lines) texts.push_back(std::to_string(line));
+    return (lines.size() == 1 ? "line " : "lines ") + base::Join(texts, ", ");
+}
+
+/** Of other rules that decide on the device all the same; empty where none do. */
+std::string contradiction(Rules* rules, bool allow, const Device& device) {
+    const Answer answer = rules->decide(device);
+    if (answer.allowed == allow) return "";
+    const bool byClass = answer.reason.find("Match by ClassName") != std::string::npos;
+    std::string text = byClass ? "a class rule" : answer.lines.empty() ? "the rules" : "a rule";
+    text += allow ? " would still refuse it" : " would still allow it";
+    if (!answer.lines.empty()) text += ": " + linesText(answer.lines);
+    for (const Warning& warning : answer.warnings) text += "; " + withCure(warning);
+    return text;
+}
+
+std::string classRulesText(Rules* rules, bool allow) {
+    std::vector<int> lines;
+    for (const Device& device : rules->samples()) {
+        if (device.vendorId != kUnknownId) continue;
+        for (const int line : rules->decide(device).lines) lines.push_back(line);
+    }
+    if (lines.empty()) return "";
+    std::sort(lines.begin(), lines.end());
+    return std::string("class rules would still ") + (allow ? "refuse" : "allow") +
+           " a device of theirs, by whatever vendor: " + linesText(lines);
+}
+
 }  // namespace
 
 Edit editRules(const std::string& text, bool allow, const Subject& subject) {
@@ -281,6 +327,18 @@ Edit editRules(const std::string& text, bool allow, const Subject& subject) {
     const std::string problem =
         allow == (mode == "whitelist") ? editor.add(subject) : editor.remove(subject);
     return {problem.empty() ? editor.text : text, problem};
+}
+
+EditReview reviewEdit(Rules* edited, bool allow, const Subject& subject,
+                      const std::optional<Device>& recorded) {
+    EditReview review;
+    review.problem = contradiction(edited, allow, recorded ? *recorded : sampleOf(subject));
+    const bool added = allow == (edited->mode() == "whitelist");
+    const bool byIdsAlone = !subject.classCode && !recorded;
+    if (review.problem.empty() && !added && byIdsAlone) {
+        review.note = classRulesText(edited, allow);
+    }
+    return review;
 }
 
 }  // namespace android::kus

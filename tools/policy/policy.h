@@ -65,6 +65,9 @@ struct Warning {
     bool isNote = false;
 };
 
+/** The message, and what to do about it. */
+std::string withCure(const Warning& warning);
+
 /** The kind of a warning that names what ends the daemon. */
 inline constexpr char kCrashKind[] = "crash";
 
@@ -180,8 +183,20 @@ struct Edit {
  * The smallest change of a rules file by which its rules allow (or block) the subject: in a
  * whitelist allowing adds a rule and blocking takes rules away, in a blacklist the other way round.
  * Comments, order and indentation stay. `text` is one that the parser has accepted. What other
- * rules make of the subject is for changesBetween to tell.
+ * rules make of the subject is for reviewEdit and changesBetween to tell.
  */
 Edit editRules(const std::string& text, bool allow, const Subject& subject);
+
+/** What an edit does not achieve; empty texts where there is nothing to tell. */
+struct EditReview {
+    /** The rules that decide on the subject all the same: the edit is to be dropped. */
+    std::string problem;
+    /** Of ids alone nobody can tell which class rules match. */
+    std::string note;
+};
+
+/** `recorded` is the device itself, where more of it is known than what the rule is about. */
+EditReview reviewEdit(Rules* edited, bool allow, const Subject& subject,
+                      const std::optional<Device>& recorded = {});
 
 }  // namespace android::kus

@@ -402,6 +402,10 @@ Warning wholeVendorWarning(const std::map<int32_t, int>& listed,
             "list the products of " + vendorList(whole, false) + ", too"};
 }
 
+std::string withCure(const Warning& warning) {
+    return warning.cure.empty() ? warning.message : warning.message + "; " + warning.cure;
+}
+
 std::vector<Warning> reviewRules(const std::string& text) {
     std::vector<Warning> warnings;
     XMLDocument document(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE);
