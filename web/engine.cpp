@@ -68,6 +68,14 @@ std::string toJson(const std::vector<Item>& items) {
     return json.empty() ? "[]" : json + "]";
 }
 
+Subject subjectOf(int code, int vendor, int product) {
+    Subject subject;
+    if (code >= 0) subject.classCode = code;
+    subject.vendor = vendor;
+    subject.product = product;
+    return subject;
+}
+
 const char* give(std::string json) {
     result = std::move(json);
     return result.c_str();
@@ -115,12 +123,14 @@ EXPORT const char* decide(bool input, int vendor, int product, int32_t* codes, s
 
 /** `code` is that of a class, or -1 where a vendor is meant, or a product of it. */
 EXPORT const char* edit(bool allow, int code, int vendor, int product) {
-    Subject subject;
-    if (code >= 0) subject.classCode = code;
-    subject.vendor = vendor;
-    subject.product = product;
-    const Edit edited = editRules(text, allow, subject);
+    const Edit edited = editRules(text, allow, subjectOf(code, vendor, product));
     return give("{" + member("text", edited.text) + "," + member("problem", edited.problem) + "}");
+}
+
+/** What such an edit has not achieved, once judge() has taken its text. */
+EXPORT const char* contradictions(bool allow, int code, int vendor, int product) {
+    const EditReview review = reviewEdit(&rules, allow, subjectOf(code, vendor, product));
+    return give("{" + member("problem", review.problem) + "," + member("note", review.note) + "}");
 }
 
 /** The names that a class element may use, and those that it may not. */

@@ -285,6 +285,10 @@ await test('From a name to a rule', () => withPage({}, async (page) => {
     ['<usbconfig mode="blacklist"/>', '04b8', 'Block', `<usbconfig mode="blacklist">\n  ${epson}\n</usbconfig>`, 'changed'],
     [`<usbconfig mode="blacklist">\n${epson}\n</usbconfig>`, '1208', 'Allow', '<usbconfig mode="blacklist">\n</usbconfig>', 'changed'],
     [`<usbconfig mode="whitelist">\n${epson}\n</usbconfig>`, '04b8:0202', 'Allow', null, 'already'],
+    ['<usbconfig mode="whitelist">\n<vid vendorid="1155"><pid>22336</pid></vid>\n<vid vendorid="9999"/>\n</usbconfig>',
+      '0483:5730', 'Block', null, 'a rule would still allow it: lines 2, 3; every product of vendor 1155'],
+    ['<usbconfig mode="whitelist">\n<class>USB_CLASS_MASS_STORAGE</class>\n</usbconfig>',
+      '0951:1666', 'Block', null, 'Nothing is changed, but class rules would still allow'],
     ['<other/>', '04b8', 'Allow', null, 'accepted'],
   ]) {
     await replaceText(page, text);

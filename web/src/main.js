@@ -249,8 +249,14 @@ async function edit(allow, subjects) {
     const head = change.from + change.insert.length;
     editor.change({ changes: change, selection: { anchor: change.from, head } });
   }
-  toast(edited.problem || (change ? 'The rules are changed. Ctrl+Z in the editor takes it back.'
-    : 'The rules say so already.'));
+  if (edited.problem) {
+    toast(`Nothing is changed: ${edited.problem}`);
+  } else if (edited.note) {
+    toast(`${change ? 'The rules are' : 'Nothing is'} changed, but ${edited.note}`);
+  } else {
+    toast(change ? 'The rules are changed. Ctrl+Z in the editor takes it back.'
+      : 'The rules say so already.');
+  }
 }
 
 function drawFound() {
