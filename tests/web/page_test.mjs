@@ -184,7 +184,7 @@ async function expectAccessible(page) {
   assert.deepEqual(violations.map(({ id: rule, nodes }) => [rule, nodes.map(({ html }) => html)]), []);
 }
 
-const LSUSB = `
+const LSUSB = `[me@desk ~]$ lsusb -v
 Bus 001 Device 004: ID 046d:c31c Logitech, Inc. Keyboard K120
 Device Descriptor:
   bDeviceClass            0
@@ -199,8 +199,10 @@ Device Descriptor:
       bInterfaceProtocol      1 Keyboard
 Bus 001 Device 005: ID 04b8:0005 Seiko Epson Corp. Printer
 `;
-const LISTED = `{"event":"added","device":{"kind":"usb","name":"dock","vendor":6127,"product":12,"classes":["audio","0x42"]}}
+const LISTED = `$ kusctl watch --json
+{"event":"added","device":{"kind":"usb","name":"dock","vendor":6127,"product":12,"classes":["audio","0x42"]}}
 {"event":"service-died"}
+{"vendor":5000000000,"product":1,"classes":["audio"]}
 {"kind":"usb","name":"cut`;
 
 await test('The way of a user', () => withPage({}, async (page) => {
@@ -260,7 +262,7 @@ await test('The way of a user', () => withPage({}, async (page) => {
     await expectAnswer(page, name, answer);
   }
   await expectAnswer(page, 'USB Keyboard', 'input path');
-  await page.locator('#announce').getByText('line 3: no JSON').waitFor();
+  await page.locator('#announce').getByText("line 4: 'vendor' is no number of 32 bits line 5: no JSON").waitFor();
   await page.click('#own');
   await page.getByLabel('Name', { exact: true }).fill('amplifier');
   await page.getByLabel('Vendor', { exact: true }).fill('0x10000');
