@@ -115,10 +115,13 @@ EXPORT const char* decide(bool input, int vendor, int product, int32_t* codes, s
     }
     free(codes);
     const Answer answer = rules.decide(device);
+    std::vector<std::string> warnings;
+    for (const Warning& warning : answer.warnings) warnings.push_back(withCure(warning));
     return give("{" + member("allowed", answer.allowed) + "," +
                 member("leftToInput", answer.leftToInput) + "," + member("reason", answer.reason) +
-                "," + member("lines", answer.lines) + "," + member("remedies", answer.remedies) +
-                "," + member("log", rules.trace(device)) + "}");
+                "," + member("lines", answer.lines) + "," + member("warnings", warnings) + "," +
+                member("remedies", answer.remedies) + "," + member("log", rules.trace(device)) +
+                "}");
 }
 
 /** `code` is that of a class, or -1 where a vendor is meant, or a product of it. */

@@ -137,8 +137,8 @@ await test('Answers are those of kusctl', () => withPage({}, async (page) => {
     const { kind, vendor, product, classes } = first;
     const one = spawnSync(kusctl, ['check', '--rules', path, '--json', '--verbose', '--vendor', vendor,
       '--product', product, kind === 'usb' ? '--class' : '--input', classes.join()].map(String));
-    const { allowed, wouldBeAllowedBy } = JSON.parse(one.stdout);
-    assert.deepEqual([answer.allowed, answer.remedies], [allowed, wouldBeAllowedBy], text);
+    const { allowed, warnings, wouldBeAllowedBy } = JSON.parse(one.stdout);
+    assert.deepEqual([answer.allowed, answer.warnings, answer.remedies], [allowed, warnings, wouldBeAllowedBy], text);
     assert.equal(answer.log.map((line) => `${line}\n`).join(''), one.stderr.toString(), text);
   });
   assert.ok(Math.min(counts.true, counts.false) > 1000, JSON.stringify(counts));
@@ -301,6 +301,11 @@ await test('From a name to a rule', () => withPage({}, async (page) => {
     await page.locator('#announce').getByText(told).waitFor();
     assert.equal(await editorText(page), expected ?? text);
   }
+
+  // A rule that matches more than it names says so with the answer, too
+  await replaceText(page, '<usbconfig mode="whitelist"><vid vendorid="1155"><pid>1</pid></vid><vid vendorid="9999"/></usbconfig>');
+  await page.keyboard.press('Control+b');
+  await row(page, 'Serial adapter').getByText('Warning: every product of vendor 1155 matches').waitFor();
 }));
 
 await test('A file that would end the daemon shows just that', () => withPage({}, async (page) => {
