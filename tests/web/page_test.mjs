@@ -281,6 +281,40 @@ await test('The way of a user', () => withPage({}, async (page) => {
   assert.equal(await page.locator('#file-dirty').isVisible(), false);
 }));
 
+await test('Where a page can write to disk', () => withPage({}, async (page) => {
+  await page.evaluate(() => {
+    window.saved = [];
+    const handle = (name) => ({
+      name,
+      getFile: async () => new File(['<usbconfig mode="default"/>'], name),
+      createWritable: async () => {
+        let text = '';
+        return { write: async (bytes) => { text += new TextDecoder().decode(bytes); },
+          close: async () => { window.saved.push([name, text]); } };
+      },
+    });
+    const cancel = async () => { throw new DOMException('', 'AbortError'); };
+    const pickers = [cancel, async ({ suggestedName }) => handle(`new-${suggestedName}`)];
+    window.showSaveFilePicker = (options) => pickers.shift()(options);
+    window.showOpenFilePicker = async () => [handle('opened.xml')];
+  });
+  const saved = (count) => page.waitForFunction((wanted) => window.saved.length === wanted, count);
+  await page.keyboard.press('Control+s');
+  assert.equal(await page.locator('#file-name').textContent(), 'usb_device_config.xml');
+  await page.keyboard.press('Control+s');
+  await saved(1);
+  await page.keyboard.press('Control+o');
+  await page.locator('#file-name').getByText('opened.xml').waitFor();
+  await replaceText(page, '<usbconfig mode="blacklist"/>');
+  await page.locator('#file-dirty').waitFor();
+  await page.keyboard.press('Control+s');
+  await saved(2);
+  await page.locator('#file-dirty').waitFor({ state: 'hidden' });
+  const [[name], second] = await page.evaluate(() => window.saved);
+  assert.deepEqual([name, second],
+    ['new-usb_device_config.xml', ['opened.xml', '<usbconfig mode="blacklist"/>']]);
+}));
+
 await test('From a name to a rule', () => withPage({}, async (page) => {
   const epson = '<vid vendorid="1208"/>';
   for (const [text, query, button, expected, told] of [
