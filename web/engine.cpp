@@ -47,6 +47,7 @@ std::string member(const char* name, const Value& value) {
 
 std::string toJson(const Warning& warning) {
     return "{" + member("line", warning.line) + "," + member("kind", warning.kind) + "," +
+           member("level", warning.isNote ? "note" : "warning") + "," +
            member("message", warning.message) + "," + member("cure", warning.cure) + "}";
 }
 
@@ -65,6 +66,14 @@ std::string toJson(const std::vector<Item>& items) {
     std::string json;
     for (const Item& item : items) json += (json.empty() ? "[" : ",") + toJson(item);
     return json.empty() ? "[]" : json + "]";
+}
+
+Subject subjectOf(int code, int vendor, int product) {
+    Subject subject;
+    if (code >= 0) subject.classCode = code;
+    subject.vendor = vendor;
+    subject.product = product;
+    return subject;
 }
 
 const char* give(std::string json) {
@@ -106,20 +115,25 @@ EXPORT const char* decide(bool input, int vendor, int product, int32_t* codes, s
     }
     free(codes);
     const Answer answer = rules.decide(device);
+    std::vector<std::string> warnings;
+    for (const Warning& warning : answer.warnings) warnings.push_back(withCure(warning));
     return give("{" + member("allowed", answer.allowed) + "," +
                 member("leftToInput", answer.leftToInput) + "," + member("reason", answer.reason) +
-                "," + member("lines", answer.lines) + "," + member("remedies", answer.remedies) +
-                "," + member("log", rules.trace(device)) + "}");
+                "," + member("lines", answer.lines) + "," + member("warnings", warnings) + "," +
+                member("remedies", answer.remedies) + "," + member("log", rules.trace(device)) +
+                "}");
 }
 
 /** `code` is that of a class, or -1 where a vendor is meant, or a product of it. */
 EXPORT const char* edit(bool allow, int code, int vendor, int product) {
-    Subject subject;
-    if (code >= 0) subject.classCode = code;
-    subject.vendor = vendor;
-    subject.product = product;
-    const Edit edited = editRules(text, allow, subject);
+    const Edit edited = editRules(text, allow, subjectOf(code, vendor, product));
     return give("{" + member("text", edited.text) + "," + member("problem", edited.problem) + "}");
+}
+
+/** What such an edit has not achieved, once judge() has taken its text. */
+EXPORT const char* contradictions(bool allow, int code, int vendor, int product) {
+    const EditReview review = reviewEdit(&rules, allow, subjectOf(code, vendor, product));
+    return give("{" + member("problem", review.problem) + "," + member("note", review.note) + "}");
 }
 
 /** The names that a class element may use, and those that it may not. */

@@ -63,7 +63,8 @@ const devices = () => times(DEVICES_PER_FILE, (_, i) => (
 const comparable = (text) => text.replace(/\uFFFD+/g, '\uFFFD');
 const finding = ({ verdict, status, line, warnings }) => ({
   verdict, status: comparable(status), line,
-  warnings: warnings.map(({ kind, line: at, message }) => ({ kind, line: at, message: comparable(message) })),
+  warnings: warnings.map((warning) => (
+    { ...warning, message: comparable(warning.message), cure: comparable(warning.cure) })),
 });
 
 /** What the page's engine says of requests: {rules as latin-1 text, devices}. */
@@ -136,8 +137,8 @@ await test('Answers are those of kusctl', () => withPage({}, async (page) => {
     const { kind, vendor, product, classes } = first;
     const one = spawnSync(kusctl, ['check', '--rules', path, '--json', '--verbose', '--vendor', vendor,
       '--product', product, kind === 'usb' ? '--class' : '--input', classes.join()].map(String));
-    const { allowed, wouldBeAllowedBy } = JSON.parse(one.stdout);
-    assert.deepEqual([answer.allowed, answer.remedies], [allowed, wouldBeAllowedBy], text);
+    const { allowed, warnings, wouldBeAllowedBy } = JSON.parse(one.stdout);
+    assert.deepEqual([answer.allowed, answer.warnings, answer.remedies], [allowed, warnings, wouldBeAllowedBy], text);
     assert.equal(answer.log.map((line) => `${line}\n`).join(''), one.stderr.toString(), text);
   });
   assert.ok(Math.min(counts.true, counts.false) > 1000, JSON.stringify(counts));
@@ -183,7 +184,7 @@ async function expectAccessible(page) {
   assert.deepEqual(violations.map(({ id: rule, nodes }) => [rule, nodes.map(({ html }) => html)]), []);
 }
 
-const LSUSB = `
+const LSUSB = `[me@desk ~]$ lsusb -v
 Bus 001 Device 004: ID 046d:c31c Logitech, Inc. Keyboard K120
 Device Descriptor:
   bDeviceClass            0
@@ -198,8 +199,10 @@ Device Descriptor:
       bInterfaceProtocol      1 Keyboard
 Bus 001 Device 005: ID 04b8:0005 Seiko Epson Corp. Printer
 `;
-const LISTED = `{"event":"added","device":{"kind":"usb","name":"dock","vendor":6127,"product":12,"classes":["audio","0x42"]}}
+const LISTED = `$ kusctl watch --json
+{"event":"added","device":{"kind":"usb","name":"dock","vendor":6127,"product":12,"classes":["audio","0x42"]}}
 {"event":"service-died"}
+{"vendor":5000000000,"product":1,"classes":["audio"]}
 {"kind":"usb","name":"cut`;
 
 await test('The way of a user', () => withPage({}, async (page) => {
@@ -244,6 +247,11 @@ await test('The way of a user', () => withPage({}, async (page) => {
   await page.getByRole('tab', { name: 'Bench' }).click();
   await expectAnswer(page, 'Memory stick', 'allowed');
 
+  // A note is none of the warnings
+  await page.locator('#finding-count').getByText('1 note', { exact: true }).waitFor();
+  await page.locator('#spoken').getByText('SUCCESS, 1 note').waitFor({ state: 'attached' });
+  await page.locator('.cm-lint-marker-info').waitFor();
+
   // Devices of other programs, and one's own
   for (const [text, name, answer] of [[LSUSB, 'USB Keyboard (keyboard)', 'refused'], [LISTED, 'dock', 'refused']]) {
     await page.click('#paste');
@@ -254,7 +262,7 @@ await test('The way of a user', () => withPage({}, async (page) => {
     await expectAnswer(page, name, answer);
   }
   await expectAnswer(page, 'USB Keyboard', 'input path');
-  await page.locator('#announce').getByText('line 3: no JSON').waitFor();
+  await page.locator('#announce').getByText("line 4: 'vendor' is no number of 32 bits line 5: no JSON").waitFor();
   await page.click('#own');
   await page.getByLabel('Name', { exact: true }).fill('amplifier');
   await page.getByLabel('Vendor', { exact: true }).fill('0x10000');
@@ -273,12 +281,50 @@ await test('The way of a user', () => withPage({}, async (page) => {
   assert.equal(await page.locator('#file-dirty').isVisible(), false);
 }));
 
+await test('Where a page can write to disk', () => withPage({}, async (page) => {
+  await page.evaluate(() => {
+    window.saved = [];
+    const handle = (name) => ({
+      name,
+      getFile: async () => new File(['<usbconfig mode="default"/>'], name),
+      createWritable: async () => {
+        let text = '';
+        return { write: async (bytes) => { text += new TextDecoder().decode(bytes); },
+          close: async () => { window.saved.push([name, text]); } };
+      },
+    });
+    const cancel = async () => { throw new DOMException('', 'AbortError'); };
+    const pickers = [cancel, async ({ suggestedName }) => handle(`new-${suggestedName}`)];
+    window.showSaveFilePicker = (options) => pickers.shift()(options);
+    window.showOpenFilePicker = async () => [handle('opened.xml')];
+  });
+  const saved = (count) => page.waitForFunction((wanted) => window.saved.length === wanted, count);
+  await page.keyboard.press('Control+s');
+  assert.equal(await page.locator('#file-name').textContent(), 'usb_device_config.xml');
+  await page.keyboard.press('Control+s');
+  await saved(1);
+  await page.keyboard.press('Control+o');
+  await page.locator('#file-name').getByText('opened.xml').waitFor();
+  await replaceText(page, '<usbconfig mode="blacklist"/>');
+  await page.locator('#file-dirty').waitFor();
+  await page.keyboard.press('Control+s');
+  await saved(2);
+  await page.locator('#file-dirty').waitFor({ state: 'hidden' });
+  const [[name], second] = await page.evaluate(() => window.saved);
+  assert.deepEqual([name, second],
+    ['new-usb_device_config.xml', ['opened.xml', '<usbconfig mode="blacklist"/>']]);
+}));
+
 await test('From a name to a rule', () => withPage({}, async (page) => {
   const epson = '<vid vendorid="1208"/>';
   for (const [text, query, button, expected, told] of [
     ['<usbconfig mode="blacklist"/>', '04b8', 'Block', `<usbconfig mode="blacklist">\n  ${epson}\n</usbconfig>`, 'changed'],
     [`<usbconfig mode="blacklist">\n${epson}\n</usbconfig>`, '1208', 'Allow', '<usbconfig mode="blacklist">\n</usbconfig>', 'changed'],
     [`<usbconfig mode="whitelist">\n${epson}\n</usbconfig>`, '04b8:0202', 'Allow', null, 'already'],
+    ['<usbconfig mode="whitelist">\n<vid vendorid="1155"><pid>22336</pid></vid>\n<vid vendorid="9999"/>\n</usbconfig>',
+      '0483:5730', 'Block', null, 'a rule would still allow it: lines 2, 3; every product of vendor 1155'],
+    ['<usbconfig mode="whitelist">\n<class>USB_CLASS_MASS_STORAGE</class>\n</usbconfig>',
+      '0951:1666', 'Block', null, 'Nothing is changed, but class rules would still allow'],
     ['<other/>', '04b8', 'Allow', null, 'accepted'],
   ]) {
     await replaceText(page, text);
@@ -289,6 +335,11 @@ await test('From a name to a rule', () => withPage({}, async (page) => {
     await page.locator('#announce').getByText(told).waitFor();
     assert.equal(await editorText(page), expected ?? text);
   }
+
+  // A rule that matches more than it names says so with the answer, too
+  await replaceText(page, '<usbconfig mode="whitelist"><vid vendorid="1155"><pid>1</pid></vid><vid vendorid="9999"/></usbconfig>');
+  await page.keyboard.press('Control+b');
+  await row(page, 'Serial adapter').getByText('Warning: every product of vendor 1155 matches').waitFor();
 }));
 
 await test('A file that would end the daemon shows just that', () => withPage({}, async (page) => {

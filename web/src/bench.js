@@ -48,6 +48,7 @@ class Row {
     this.page = page;
     this.chips = { base: element('span', { role: 'img' }), now: element('span') };
     this.reason = element('span', { className: 'reason' });
+    this.warnings = element('span', { className: 'warned' });
     this.vendor = element('span');
     this.more = element('button', { className: 'more', type: 'button', 'aria-expanded': 'false' },
       element('span', { className: 'headline' },
@@ -55,7 +56,7 @@ class Row {
         element('span', { className: 'device-ids', title: decimalIdsText(device) }, idsText(device)),
         element('span', { className: 'facts' }, ' · ', classesText(device, page.namesByCode),
           device.vendorHid ? ' (vendor-specific)' : '', this.vendor)),
-      this.reason);
+      this.reason, this.warnings);
     this.remove = element('button',
       { className: 'remove', type: 'button', 'aria-label': `Remove ${device.name}`, title: 'Remove' },
       '×');
@@ -88,6 +89,7 @@ class Row {
     const vendor = this.page.vendorName(this.device.vendor);
     this.vendor.textContent = vendor ? ` · ${vendor}` : '';
     this.#answer = now.answer(this.device);
+    this.warnings.textContent = (this.#answer?.warnings ?? []).map((text) => `Warning: ${text}`).join('\n');
     this.#drawActions();
     this.#drawDetails();
   }

@@ -59,7 +59,7 @@ function fromRecord(record, names) {
   const { kind = 'usb', vendor, product, classes } = record;
   if (kind !== 'usb' && kind !== 'input') throw new Error("'kind' is neither usb nor input");
   for (const [name, id] of [['vendor', vendor], ['product', product]]) {
-    if (!Number.isInteger(id)) throw new Error(`'${name}' is no number`);
+    if (id !== (id | 0)) throw new Error(`'${name}' is no number of 32 bits`);
   }
   if (!Array.isArray(classes) || classes.length === 0) throw new Error("'classes' is no list of some");
   const codes = classes.map((entry) => codeOf(String(entry), kind, names));
@@ -130,7 +130,9 @@ function fromLsusb(block) {
  * what could not be read. `names` holds class names and their codes.
  */
 export function parseDevices(text, names) {
-  if (/^\s*[[{]/.test(text)) return fromJson(text, names);
+  const isLsusb = /^Bus \d+ Device \d+: ID /m.test(text);
+  // Not at the beginning alone: what is copied from a terminal may begin with the prompt.
+  if (!isLsusb && /^\s*[[{]/m.test(text)) return fromJson(text, names);
   const blocks = text.split(/^(?=Bus \d+ Device \d+: ID )/m).filter((block) => block.trim());
   const found = { devices: [], problems: [] };
   for (const block of blocks) {

@@ -63,7 +63,8 @@ export class Engine {
 
   /**
    * A text of rules that allows (or blocks) the subjects, as `kusctl allow` and `block` make it:
-   * {text, problem}. A subject has the code of a class or -1, a vendor, and a product or -1.
+   * {text, problem, note}. Where there is a problem it is the text as it was; the note tells what
+   * else may decide. A subject has the code of a class or -1, a vendor, and a product or -1.
    */
   edit(text, allow, subjects) {
     return this.#ask({ request: 'edit', text, allow, subjects });

@@ -181,6 +181,13 @@ const VERDICTS = {
   failed: ['?', 'Not checked'],
 };
 
+/** "1 error, 2 warnings", or an empty text. */
+function tallyOf(findings) {
+  return [['error', 'error'], ['warning', 'warning'], ['info', 'note']]
+    .map(([level, word]) => [findings.filter(({ severity }) => severity === level).length, word])
+    .filter(([count]) => count > 0).map(([count, word]) => plural(count, word)).join(', ');
+}
+
 function drawReport({ verdict, status, line, warnings }) {
   const [mark, what] = VERDICTS[verdict];
   const strip = byId('verdict');
@@ -194,20 +201,22 @@ function drawReport({ verdict, status, line, warnings }) {
   link.hidden = !lineText;
   link.textContent = lineText;
   link.onclick = () => editor.goTo(line);
-  const spoken = [what, status, lineText, plural(warnings.length, 'warning')].filter(Boolean).join(', ');
-  if (byId('spoken').textContent !== spoken) byId('spoken').textContent = spoken;
 
-  const findings = warnings.map((warning) => ({ ...warning, severity: 'warning' }));
+  const findings = warnings.map((warning) => (warning.level === 'note'
+    ? { ...warning, severity: 'info', message: `Note: ${warning.message}` }
+    : { ...warning, severity: 'warning' }));
   if (verdict !== 'accepted') {
     findings.unshift({ line, severity: 'error', message: `${what}: ${status}`, cure: '' });
   }
   editor.show(findings);
   drawFindings(findings);
+  const spoken = [what, status, lineText, tallyOf(findings) || 'no findings'].filter(Boolean).join(', ');
+  if (byId('spoken').textContent !== spoken) byId('spoken').textContent = spoken;
 }
 
 let drawnFindings = '';
 function drawFindings(findings) {
-  byId('finding-count').textContent = findings.length;
+  byId('finding-count').textContent = tallyOf(findings) || 'none';
   const listed = findings.slice(0, MOST_FINDINGS);
   const key = JSON.stringify([listed, findings.length]);
   if (key === drawnFindings) return;
@@ -240,8 +249,14 @@ async function edit(allow, subjects) {
     const head = change.from + change.insert.length;
     editor.change({ changes: change, selection: { anchor: change.from, head } });
   }
-  toast(edited.problem || (change ? 'The rules are changed. Ctrl+Z in the editor takes it back.'
-    : 'The rules say so already.'));
+  if (edited.problem) {
+    toast(`Nothing is changed: ${edited.problem}`);
+  } else if (edited.note) {
+    toast(`${change ? 'The rules are' : 'Nothing is'} changed, but ${edited.note}`);
+  } else {
+    toast(change ? 'The rules are changed. Ctrl+Z in the editor takes it back.'
+      : 'The rules say so already.');
+  }
 }
 
 function drawFound() {

@@ -55,8 +55,9 @@ class Instance {
       kind === 'input', vendor, product, codes, classes.length, vendorHid));
   }
 
-  edit(allow, { code, vendor, product }) {
-    return this.#json(this.#calls.edit(allow, code, vendor, product));
+  /** edit or contradictions. */
+  askOfEdit(question, allow, { code, vendor, product }) {
+    return this.#json(this.#calls[question](allow, code, vendor, product));
   }
 }
 
@@ -70,6 +71,12 @@ function judge(rules) {
     instance.setRules(rules);
     return instance.ask('crash');
   }
+}
+
+function takeForEdit(text) {
+  const rules = new TextEncoder().encode(text);
+  instance.setRules(rules);
+  if (judge(rules).verdict !== 'accepted') throw new Error('Rules are added to a file that is accepted.');
 }
 
 const requests = {
@@ -86,16 +93,16 @@ const requests = {
   },
 
   edit({ text, allow, subjects }) {
-    const encoder = new TextEncoder();
-    let edited = { text, problem: '' };
+    takeForEdit(text);
+    const result = { text, problem: '', note: '' };
     for (const subject of subjects) {
-      const rules = encoder.encode(edited.text);
-      instance.setRules(rules);
-      if (judge(rules).verdict !== 'accepted') throw new Error('Rules are added to a file that is accepted.');
-      edited = instance.edit(allow, subject);
-      if (edited.problem) break;
+      const edited = instance.askOfEdit('edit', allow, subject);
+      if (edited.problem) return { text, problem: edited.problem, note: '' };
+      takeForEdit(edited.text);
+      Object.assign(result, { text: edited.text }, instance.askOfEdit('contradictions', allow, subject));
+      if (result.problem) return { ...result, text };
     }
-    return edited;
+    return result;
   },
 };
 
