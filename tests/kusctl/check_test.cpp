@@ -176,7 +176,7 @@ TEST(CheckDeviceRulesTest, DecidesByTheDevicesOwnFile) {
     EXPECT_EQ(runKusctl("/", arguments),
               (Result{1, "",
                       "kusctl check: /data/system/usbdeviceconfig/usb_device_config.xml: No such "
-                      "file or directory\n"}));
+                      "file or directory (--rules names another file)\n"}));
 
     std::filesystem::create_directories("/data/system/usbdeviceconfig");
     ASSERT_TRUE(android::base::WriteStringToFile(

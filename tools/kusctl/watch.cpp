@@ -312,11 +312,12 @@ int run(int argc, char** argv) {
     const Options options = parseArguments(argc, argv);
     const bool printing = options.program.empty();
 
+    const sp<IKUsbService> service = connectToService();
     Events events;
     int binder;
     ProcessState::self()->setThreadPoolMaxThreadCount(0);
     IPCThreadState::self()->setupPolling(&binder);
-    if (!events.registerAt(connectToService())) fail("the service has just died: try again");
+    if (!events.registerAt(service)) fail("the service has just died: try again");
     note("registered");
     Runner runner(options.program);
     for (bool last = false;;) {
