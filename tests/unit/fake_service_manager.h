@@ -29,4 +29,11 @@ class FakeServiceManager : public IServiceManager {
     sp<IBinder> added;
 };
 
+/** Set once: the binder library takes no second one. */
+inline sp<FakeServiceManager> serviceManager() {
+    static sp<FakeServiceManager> manager;
+    if (manager == nullptr) setDefaultServiceManager(manager = new FakeServiceManager());
+    return manager;
+}
+
 }  // namespace android::kus

@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "gate_test.h"
+
 #include <linux/input.h>
 
 #include <filesystem>
 #include <thread>
 
-#include "gate/device_table.h"
 #include "gate/input_sources.h"
 #include "gate/kernel_events.h"
 #include "gate/opening.h"
-#include "kus_test.h"
-#include "usb_tree.h"
 
 namespace android::kus {
 namespace {
@@ -18,36 +17,6 @@ using testing::ElementsAre;
 namespace fs = std::filesystem;
 
 const std::string kDevices = "/sys/bus/usb/devices/";
-
-class GateTest : public KusTest {
-  protected:
-    /** A device with interfaces of these classes, their directories in its own as in sysfs. */
-    static void attach(const std::string& name, const std::string& deviceClass,
-                       const std::vector<std::string>& interfaceClasses, int devnum = 5) {
-        addEntry(name, "busnum=1, devnum=" + std::to_string(devnum) + ", bDeviceClass=" +
-                           deviceClass + ", idVendor=0951, idProduct=1666, product=stick, " +
-                           "uevent=, bNumInterfaces= " + std::to_string(interfaceClasses.size()));
-        for (size_t i = 0; i < interfaceClasses.size(); ++i) {
-            const std::string interface = interfaceOf(name, i);
-            writeFile(interface + "/bInterfaceNumber", "0" + std::to_string(i) + "\n");
-            writeFile(interface + "/bInterfaceClass", interfaceClasses[i] + "\n");
-            writeFile(interface + "/authorized", "1\n");
-        }
-    }
-
-    static std::string interfaceOf(const std::string& name, int number) {
-        return kDevices + name + "/" + name + ":1." + std::to_string(number);
-    }
-
-    static void detach(const std::string& name) {
-        fs::remove_all(fs::canonical(kDevices + name));
-        fs::remove(kDevices + name);
-    }
-
-    static DeviceTable::Pointer device(const std::string& name) {
-        return std::make_shared<const Device>(name);
-    }
-};
 
 TEST_F(GateTest, AnEventIsItsFields) {
     using namespace std::string_view_literals;
@@ -183,7 +152,7 @@ TEST_F(GateTest, AnAnswerDoesNotOpenTheNextDeviceOfTheName) {
     closeDevice(Device("1-1"), interfaces);
     openDevice(first, interfaces);
     EXPECT_TRUE(first.directory.isGone());
-    EXPECT_EQ(readFile(interfaceOf("1-1", 0) + "/authorized"), "0\n");
+    EXPECT_EQ(readFile(sysfsPath("1-1", "1-1:1.0/authorized")), "0\n");
     EXPECT_THAT(takeLog(), testing::IsEmpty());
 }
 

@@ -14,13 +14,6 @@ namespace {
 using testing::KilledBySignal;
 using testing::PrintToString;
 
-/** Set once: the binder library takes no second one. */
-sp<FakeServiceManager> serviceManager() {
-    static sp<FakeServiceManager> manager;
-    if (manager == nullptr) setDefaultServiceManager(manager = new FakeServiceManager());
-    return manager;
-}
-
 class Registration : public ServiceTest {
   protected:
     const sp<FakeServiceManager> manager_ = serviceManager();
