@@ -49,8 +49,6 @@ the old rules are in place, 2 wrong use, 3 the rules were written, but the daemo
 they were rewritten by somebody else, or there was no answer within 30 seconds.
 )";
 
-enum Option { kDryRun = 1, kForce };
-
 constexpr int kUnconfirmed = 3;
 
 constexpr char kRulesName[] = "usb_device_config.xml";
@@ -71,12 +69,7 @@ struct Arguments {
 
 Arguments parseArguments(int argc, char** argv) {
     Arguments arguments;
-    const std::vector<option> options = {{"dry-run", no_argument, nullptr, kDryRun},
-                                         {"force", no_argument, nullptr, kForce}};
-    for (int found; (found = nextOption(argc, argv, options)) != -1;) {
-        if (found == kDryRun) arguments.dryRun = true;
-        if (found == kForce) arguments.force = true;
-    }
+    parseOptions(argc, argv, {{"dry-run", &arguments.dryRun}, {"force", &arguments.force}});
     if (optind == argc) wrongUse("no rules file given");
     arguments.path = argv[optind++];
     expectNoArguments(argc, argv);

@@ -41,18 +41,6 @@ ro.config.device.kus_automation, which allows every device, is set; and whether 
 taken these rules.
 )";
 
-enum Option {
-    kRules = 1,
-    kVendor,
-    kProduct,
-    kClass,
-    kInput,
-    kDevices,
-    kVendorHid,
-    kVerbose,
-    kJson
-};
-
 struct Question {
     std::string rules = configFilePath;
     Device device;
@@ -65,49 +53,21 @@ struct Question {
 Question parseArguments(int argc, char** argv) {
     Question question;
     Device& device = question.device;
-    const std::vector<option> options = {{"rules", required_argument, nullptr, kRules},
-                                         {"vendor", required_argument, nullptr, kVendor},
-                                         {"product", required_argument, nullptr, kProduct},
-                                         {"class", required_argument, nullptr, kClass},
-                                         {"input", required_argument, nullptr, kInput},
-                                         {"devices", required_argument, nullptr, kDevices},
-                                         {"vendor-hid", no_argument, nullptr, kVendorHid},
-                                         {"verbose", no_argument, nullptr, kVerbose},
-                                         {"json", no_argument, nullptr, kJson}};
-    for (int found; (found = nextOption(argc, argv, options)) != -1;) {
-        switch (found) {
-            case kRules:
-                question.rules = optarg;
-                break;
-            case kVendor:
-                device.vendorId = parseId("vendor", optarg);
-                break;
-            case kProduct:
-                device.productId = parseId("product", optarg);
-                break;
-            case kClass:
-                device.interfaceClassList = parseUsbClasses(optarg);
-                break;
-            case kInput:
-                device.deviceType = 1;
-                for (const int32_t code : parseInputSources(optarg)) {
-                    device.deviceClass |= code;
-                }
-                break;
-            case kDevices:
-                question.devices = optarg;
-                break;
-            case kVendorHid:
-                device.vendorHid = true;
-                break;
-            case kVerbose:
-                question.verbose = true;
-                break;
-            case kJson:
-                question.json = true;
-                break;
-        }
-    }
+    parseOptions(
+        argc, argv,
+        {{"rules", &question.rules},
+         {"vendor", [&](const char* id) { device.vendorId = parseId("vendor", id); }},
+         {"product", [&](const char* id) { device.productId = parseId("product", id); }},
+         {"class", [&](const char* list) { device.interfaceClassList = parseUsbClasses(list); }},
+         {"input",
+          [&](const char* list) {
+              device.deviceType = 1;
+              for (const int32_t code : parseInputSources(list)) device.deviceClass |= code;
+          }},
+         {"devices", &question.devices},
+         {"vendor-hid", &device.vendorHid},
+         {"verbose", &question.verbose},
+         {"json", &question.json}});
     expectNoArguments(argc, argv);
     return question;
 }

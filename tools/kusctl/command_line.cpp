@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/parseint.h>
 #include <android-base/strings.h>
+#include <getopt.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "kusctl.h"
 #include "util/rule_tables.h"
@@ -14,17 +16,24 @@ namespace {
 
 const Command* running = nullptr;
 
+// What getopt_long calls each option but --help.
+constexpr int kKnown = 1;
+
 std::string programName() {
     return running == nullptr ? "kusctl" : std::string("kusctl ") + running->name;
 }
 
-/** Which option getopt_long refused, and why. `last` is the last argument that it is done with. */
+/**
+ * Which option getopt_long refused, and why. `last` is the last argument that it is done with,
+ * `options` are those that it knows, and their end.
+ */
 std::string refusal(const std::string& last, const std::vector<option>& options) {
     const std::string name = last.substr(0, last.find('='));
-    const int candidates = std::count_if(options.begin(), options.end(), [&](const option& known) {
-        return base::StartsWith(std::string("--") + known.name, name);
-    });
-    // An option's value where it got an argument that it does not take.
+    const int candidates =
+        std::count_if(options.begin(), options.end() - 1, [&](const option& known) {
+            return base::StartsWith(std::string("--") + known.name, name);
+        });
+    // kKnown where it got an argument that it does not take.
     if (optopt == 0) return last + (candidates > 1 ? " is ambiguous" : " is not known");
     if (candidates > 0 && name != last) return name + " takes no value";
     // Of a cluster of letters, which may not be done with.
@@ -62,20 +71,35 @@ std::vector<int32_t> parseCodes(const char* prefix, const std::string& list, int
 
 }  // namespace
 
-int nextOption(int argc, char** argv, const std::vector<option>& options) {
-    std::vector<option> known = options;
+Option::Option(const char* name, bool* flag) : Option(name, [flag] { *flag = true; }) {}
+
+Option::Option(const char* name, std::function<void()> take)
+    : name(name), hasValue(false), take([take](const char*) { take(); }) {}
+
+Option::Option(const char* name, std::string* value)
+    : Option(name, [value](const char* text) { *value = text; }) {}
+
+Option::Option(const char* name, std::function<void(const char*)> take)
+    : name(name), hasValue(true), take(std::move(take)) {}
+
+void parseOptions(int argc, char** argv, const std::vector<Option>& options) {
+    std::vector<option> known;
+    for (const Option& option : options) {
+        known.push_back(
+            {option.name, option.hasValue ? required_argument : no_argument, nullptr, kKnown});
+    }
     known.push_back({"help", no_argument, nullptr, 'h'});
     known.push_back({});
     opterr = 0;
-    const int found = getopt_long(argc, argv, ":h", known.data(), nullptr);
-    if (found == 'h') {
-        fputs(running->help, stdout);
-        exit(kYes);
+    for (int found, index; (found = getopt_long(argc, argv, ":h", known.data(), &index)) != -1;) {
+        if (found == 'h') {
+            fputs(running->help, stdout);
+            exit(kYes);
+        }
+        if (found == ':') wrongUse(std::string("option ") + argv[optind - 1] + " needs a value");
+        if (found == '?') wrongUse("option " + refusal(argv[optind - 1], known));
+        options[index].take(optarg);
     }
-    if (found == ':') wrongUse(std::string("option ") + argv[optind - 1] + " needs a value");
-    known.pop_back();
-    if (found == '?') wrongUse("option " + refusal(argv[optind - 1], known));
-    return found;
 }
 
 void expectNoArguments(int argc, char** argv) {
@@ -111,6 +135,14 @@ int32_t parseId(const std::string& what, const std::string& text) {
             wrongUse(what + " '" + text + "' is hexadecimal: write 0x" + text);
         }
         wrongUse(what + " '" + text + "' is no number from 0 to 65535 (0x... when hexadecimal)");
+    }
+    return id;
+}
+
+int32_t parseDeviceId(const std::string& text) {
+    int32_t id;
+    if (!base::ParseInt(text, &id)) {
+        wrongUse("'" + text + "' is no device id as 'kusctl list' shows it");
     }
     return id;
 }

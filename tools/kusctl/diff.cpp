@@ -30,8 +30,6 @@ interfaces alone counts as a vendor-specific HID, as the service records no othe
 constexpr size_t kMostKinds = 10000;
 constexpr size_t kLongestName = 100;
 
-enum Option { kDevices = 1, kJson };
-
 struct Difference {
     Change change;
     /** Of devices; 0 without a list. */
@@ -225,12 +223,7 @@ void printAsJson(const Report& report, bool byDevices) {
 int run(int argc, char** argv) {
     std::string devices;
     bool json = false;
-    const std::vector<option> options = {{"devices", required_argument, nullptr, kDevices},
-                                         {"json", no_argument, nullptr, kJson}};
-    for (int found; (found = nextOption(argc, argv, options)) != -1;) {
-        if (found == kDevices) devices = optarg;
-        if (found == kJson) json = true;
-    }
+    parseOptions(argc, argv, {{"devices", &devices}, {"json", &json}});
     if (argc - optind < 2) wrongUse("give two rules files: OLD and NEW");
     const std::string oldPath = argv[optind++], newPath = argv[optind++];
     expectNoArguments(argc, argv);

@@ -40,7 +40,7 @@ status_t copyDump(const sp<IBinder>& service, const Vector<String16>& args) {
 }
 
 int run(int argc, char** argv) {
-    nextOption(argc, argv, {});
+    parseOptions(argc, argv, {});
     Vector<String16> args;
     if (optind < argc && strcmp(argv[optind], "topology") == 0) {
         args.add(kTopologyArgument);

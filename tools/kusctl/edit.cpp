@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/file.h>
-#include <android-base/parseint.h>
 #include <android-base/unique_fd.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -46,8 +45,6 @@ Exit status: 0 done, or the rules say so already; 1 failed, or the format has no
 nothing is written; 2 wrong use; for the device's own file also that of 'kusctl apply'.
 )";
 
-enum Option { kVendor = 1, kProduct, kClass, kInput, kRules, kOutput };
-
 struct Request {
     std::string rules = configFilePath;
     /** Empty for the rules file itself. */
@@ -62,10 +59,7 @@ int32_t onlyOne(const std::vector<int32_t>& codes) {
 }
 
 DeviceInfo findRecorded(const char* id) {
-    int32_t number;
-    if (!base::ParseInt(id, &number)) {
-        wrongUse(std::string("'") + id + "' is no device id as 'kusctl list' shows it");
-    }
+    const int32_t number = parseDeviceId(id);
     std::vector<DeviceInfo> devices;
     expectOk(connectToService()->getDeviceList(&devices));
     const auto found = std::find_if(devices.begin(), devices.end(), [&](const DeviceInfo& device) {
@@ -86,24 +80,28 @@ bool isSameFile(const std::string& a, const std::string& b) {
 Request parseArguments(int argc, char** argv) {
     Request request;
     Subject& subject = request.subject;
-    const std::vector<option> options = {{"vendor", required_argument, nullptr, kVendor},
-                                         {"product", required_argument, nullptr, kProduct},
-                                         {"class", required_argument, nullptr, kClass},
-                                         {"input", required_argument, nullptr, kInput},
-                                         {"rules", required_argument, nullptr, kRules},
-                                         {"output", required_argument, nullptr, kOutput}};
     int ways = 0;
     bool byInput = false;
-    for (int found; (found = nextOption(argc, argv, options)) != -1;) {
-        ways += found == kVendor || found == kClass || found == kInput;
-        if (found == kVendor) subject.vendor = parseId("vendor", optarg);
-        if (found == kProduct) subject.product = parseId("product", optarg);
-        if (found == kClass) subject.classCode = onlyOne(parseUsbClasses(optarg));
-        byInput |= found == kInput;
-        if (found == kInput) subject.classCode = onlyOne(parseInputSources(optarg));
-        if (found == kRules) request.rules = optarg;
-        if (found == kOutput) request.output = optarg;
-    }
+    parseOptions(argc, argv,
+                 {{"vendor",
+                   [&](const char* id) {
+                       ++ways;
+                       subject.vendor = parseId("vendor", id);
+                   }},
+                  {"product", [&](const char* id) { subject.product = parseId("product", id); }},
+                  {"class",
+                   [&](const char* name) {
+                       ++ways;
+                       subject.classCode = onlyOne(parseUsbClasses(name));
+                   }},
+                  {"input",
+                   [&](const char* name) {
+                       ++ways;
+                       byInput = true;
+                       subject.classCode = onlyOne(parseInputSources(name));
+                   }},
+                  {"rules", &request.rules},
+                  {"output", &request.output}});
     if (isSameFile(request.output, request.rules)) request.output.clear();
     const char* id = optind < argc ? argv[optind++] : nullptr;
     expectNoArguments(argc, argv);

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <android-base/parseint.h>
 #include <android-base/strings.h>
 
 #include <map>
@@ -23,8 +22,6 @@ the file in place.
                    A whitelist, which blocks those that it does not name, names them anyway
   --only ID        names this device alone, by its id in 'kusctl list'; may be repeated
 )";
-
-enum Option { kMode = 1, kIncludeInput, kOnly };
 
 /** Vendor id to product id to the comments on the devices of that kind. */
 using Vendors = std::map<int32_t, std::map<int32_t, std::set<std::string>>>;
@@ -70,18 +67,10 @@ struct Options {
 
 Options parseArguments(int argc, char** argv) {
     Options options;
-    const std::vector<option> known = {{"mode", required_argument, nullptr, kMode},
-                                       {"include-input", no_argument, nullptr, kIncludeInput},
-                                       {"only", required_argument, nullptr, kOnly}};
-    for (int found, id; (found = nextOption(argc, argv, known)) != -1;) {
-        if (found == kMode) options.mode = optarg;
-        if (found == kIncludeInput) options.includeInput = true;
-        if (found != kOnly) continue;
-        if (!base::ParseInt(optarg, &id)) {
-            wrongUse(std::string("'") + optarg + "' is no device id as 'kusctl list' shows it");
-        }
-        options.only.insert(id);
-    }
+    parseOptions(argc, argv,
+                 {{"mode", &options.mode},
+                  {"include-input", &options.includeInput},
+                  {"only", [&](const char* id) { options.only.insert(parseDeviceId(id)); }}});
     expectNoArguments(argc, argv);
     if (options.mode != "whitelist" && options.mode != "blacklist") {
         wrongUse("'" + options.mode + "' is no mode: give whitelist or blacklist");

@@ -3,7 +3,6 @@
 
 #include <android/kus/DeviceInfo.h>
 #include <android/kus/IKUsbService.h>
-#include <getopt.h>
 #include <json/json.h>
 
 #include <functional>
@@ -35,15 +34,29 @@ extern const Command kAllowCommand, kApplyCommand, kBlockCommand, kCheckCommand,
 
 /** Runs the command with its name as argv[0], and returns the exit status. */
 int runCommand(const Command& command, int argc, char** argv);
+struct Option {
+    /** One without a value, and what it does: sets a flag, or something else. */
+    Option(const char* name, bool* flag);
+    Option(const char* name, std::function<void()> take);
+    /** One with a value, and where it goes. */
+    Option(const char* name, std::string* value);
+    Option(const char* name, std::function<void(const char* value)> take);
+
+    const char* name;
+    bool hasValue;
+    std::function<void(const char* value)> take;
+};
+
 /**
- * getopt_long for the running command: answers --help, and ends the program on a wrong option. The
- * options' `val` is what it returns; -1 at the end.
+ * Takes the running command's options, in their order; optind is then the first other argument.
+ * Answers --help, and ends the program on a wrong option.
  */
-int nextOption(int argc, char** argv, const std::vector<option>& options);
+void parseOptions(int argc, char** argv, const std::vector<Option>& options);
 /** Ends the program on arguments beyond the options. */
 void expectNoArguments(int argc, char** argv);
-/** Of a vendor or a product. Ends the program on another text, as the two below. */
+/** Of a vendor or a product. Ends the program on another text, as the three below. */
 int32_t parseId(const std::string& what, const std::string& text);
+int32_t parseDeviceId(const std::string& text);
 /** The codes in a list of names and numbers. */
 std::vector<int32_t> parseUsbClasses(const std::string& list);
 std::vector<int32_t> parseInputSources(const std::string& list);

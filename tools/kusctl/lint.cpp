@@ -31,8 +31,6 @@ Exit status: 0 when every file is accepted; 1 when one is not, or with --strict 
 wrong use.
 )";
 
-enum Option { kStrict = 1, kFormat, kJson };
-
 struct FileReport {
     std::string file;
     /** "accepted", "refused", "crash" or "unreadable". */
@@ -192,14 +190,10 @@ const Format& findFormat(const std::string& name) {
 int run(int argc, char** argv) {
     bool strict = false;
     const Format* format = &kFormats[0];
-    const std::vector<option> options = {{"strict", no_argument, nullptr, kStrict},
-                                         {"format", required_argument, nullptr, kFormat},
-                                         {"json", no_argument, nullptr, kJson}};
-    for (int found; (found = nextOption(argc, argv, options)) != -1;) {
-        if (found == kStrict) strict = true;
-        if (found == kFormat) format = &findFormat(optarg);
-        if (found == kJson) format = &findFormat("json");
-    }
+    parseOptions(argc, argv,
+                 {{"strict", &strict},
+                  {"format", [&](const char* name) { format = &findFormat(name); }},
+                  {"json", [&] { format = &findFormat("json"); }}});
     if (optind == argc) wrongUse("no rules file given");
 
     std::vector<FileReport> reports;

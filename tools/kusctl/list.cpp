@@ -79,7 +79,7 @@ void printTable(const std::vector<DeviceInfo>& devices) {
 
 int run(int argc, char** argv) {
     bool json = false;
-    while (nextOption(argc, argv, {{"json", no_argument, nullptr, 'j'}}) != -1) json = true;
+    parseOptions(argc, argv, {{"json", &json}});
     expectNoArguments(argc, argv);
 
     std::vector<DeviceInfo> devices;

@@ -15,7 +15,7 @@ failures are in its log.
 )";
 
 int run(int argc, char** argv) {
-    nextOption(argc, argv, {});
+    parseOptions(argc, argv, {});
     int32_t waitMs = 0;
     if (optind < argc) {
         const char* value = argv[optind++];

@@ -63,7 +63,7 @@ void expectGoodBackup(const Verdict& rules) {
 }
 
 int run(int argc, char** argv) {
-    nextOption(argc, argv, {});
+    parseOptions(argc, argv, {});
     expectNoArguments(argc, argv);
     keepFirstError();
     while (true) {

@@ -124,7 +124,7 @@ bool printMatches(const Names& names, const std::vector<std::string>& words) {
 
 int run(int argc, char** argv) {
     std::string path = kListPath;
-    while (nextOption(argc, argv, {{"ids", required_argument, nullptr, 'i'}}) != -1) path = optarg;
+    parseOptions(argc, argv, {{"ids", &path}});
     if (optind == argc) wrongUse("no word of a vendor's or product's name given");
     std::vector<std::string> words;
     for (int i = optind; i < argc; ++i) words.push_back(lowerCase(argv[i]));

@@ -43,8 +43,6 @@ Input devices come and go without a notice. A device that is refused because it 
 input subsystem is never recorded, but its removal is told.
 )";
 
-enum Option { kJson = 1, kExec, kOnce };
-
 // How often a service that is not there is looked for.
 constexpr timespec kRetryInterval = {0, 100'000'000};
 
@@ -272,14 +270,10 @@ struct Options {
 
 Options parseArguments(int argc, char** argv) {
     Options options;
-    const std::vector<option> known = {{"json", no_argument, nullptr, kJson},
-                                       {"exec", required_argument, nullptr, kExec},
-                                       {"once", no_argument, nullptr, kOnce}};
-    for (int found; (found = nextOption(argc, argv, known)) != -1;) {
-        if (found == kJson) options.json = true;
-        if (found == kOnce) options.once = true;
-        if (found == kExec) options.program = findProgram(optarg);
-    }
+    parseOptions(argc, argv,
+                 {{"json", &options.json},
+                  {"exec", [&](const char* name) { options.program = findProgram(name); }},
+                  {"once", &options.once}});
     expectNoArguments(argc, argv);
     if (options.json && !options.program.empty()) wrongUse("give --json or --exec, not both");
     return options;
