@@ -107,17 +107,23 @@ TEST_F(GateAsking, ANewServiceIsAskedAboutEverything) {
 }
 
 TEST_F(GateAsking, WhatFailsIsTriedAgain) {
+    // Not complete, at first.
     attach("1-1", "00", {"08"});
+    attach("1-2", "00", {"08"}, 6);
+    attach("1-3", "00", {"08"}, 7);
     const std::string number = sysfsPath("1-1", "devnum");
-    table_.add(device("1-1"));
+    for (const char* name : {"1-1", "1-2", "1-3"}) table_.add(device(name));
     writeFile(number, "");
     const auto complete = [&] {
         writeFile(number, "5");
         return true;
     };
-    run({kAlive, complete, kAlive}, {std::nullopt, true});
-    EXPECT_LOG("I connected to kusbservice", StartsWith("E no answer about 1-1: "),
-               "I allowed 1-1 0951:1666 8");
+    run({kAlive, kAlive, complete, kAlive, kAlive}, {std::nullopt, true, true, true});
+    EXPECT_THAT(service_->calls,
+                ElementsAre("asked 1006", "asked 1007", "asked 1005", "asked 1006"));
+    EXPECT_LOG("I connected to kusbservice", StartsWith("E no answer about 1-2: "),
+               "I allowed 1-3 0951:1666 8", "I allowed 1-1 0951:1666 8",
+               "I allowed 1-2 0951:1666 8");
 }
 
 // What is open was opened by an earlier answer, or by the kernel.
@@ -151,6 +157,11 @@ TEST_F(GateAsking, AnAnswerOpensAndCloses) {
         writeFile(sysfsPath("1-1", "1-1:1.0/authorized"), c.wasOpen ? "1" : "0");
         table_.add(device("1-1"));
         run({kAlive}, c.answers, /*closed=*/true);
+        // The last line, but for that about a call that failed.
+        const Texts log = takeLog();
+        if (c.answers.back()) {
+            EXPECT_THAT(log.back(), StartsWith(*c.answers.back() ? "I allowed " : "I refused "));
+        }
         EXPECT_EQ(isAuthorized("1-1"), c.isOpen ? '1' : '0');
         EXPECT_EQ(readFile("/sys/bus/usb/drivers_probe"), c.probed);
         EXPECT_EQ(readFile("/sys/bus/usb/drivers/usbhid/bind"), c.given);

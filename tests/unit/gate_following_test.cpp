@@ -85,6 +85,14 @@ class GateFollowing : public GateTest {
         return names;
     }
 
+    static void awaitHubDriverFor(const std::string& interface) {
+        const auto deadline = steady_clock::now() + std::chrono::seconds(10);
+        while (readFile("/sys/bus/usb/drivers/hub/bind") != interface) {
+            ASSERT_LT(steady_clock::now(), deadline);
+            std::this_thread::yield();
+        }
+    }
+
     DeviceTable table_;
 };
 
@@ -170,19 +178,34 @@ TEST_F(GateFollowing, OpenBusesAreClosed) {
     EXPECT_EQ(isInhibited("input4"), '1');
     // It was known, and answered.
     EXPECT_EQ(isInhibited("input2"), '0');
-    const auto deadline = steady_clock::now() + std::chrono::seconds(10);
-    while (readFile("/sys/bus/usb/drivers/hub/bind") != "1-1:1.0") {
-        ASSERT_LT(steady_clock::now(), deadline);
-        std::this_thread::yield();
-    }
+    awaitHubDriverFor("1-1:1.0");
 }
 
 // What else is open there has been allowed.
 TEST_F(GateFollowing, OnClosedBusesOnlyHidsAreClosed) {
     writeFile(sysfsPath("usb1", "interface_authorized_default"), "0");
-    run(true, {});
-    EXPECT_EQ(isAuthorized("1-2"), '1');
-    EXPECT_EQ(isAuthorized("1-3"), '0');
+    run(true, {[] {
+            EXPECT_EQ(isAuthorized("1-2"), '1');
+            EXPECT_EQ(isAuthorized("1-3"), '0');
+            addRootHub("usb2");
+            errno = ENOBUFS;
+            return "";
+        }});
+    EXPECT_EQ(readFile(sysfsPath("usb2", "interface_authorized_default"))[0], '0');
+}
+
+// Its controller has left the host role and come back.
+TEST_F(GateFollowing, ARootHubIsOpenedAgain) {
+    detach("1-1");
+    writeFile(sysfsPath("usb1", "interface_authorized_default"), "0");
+    writeFile("/sys/bus/usb/drivers/hub/bind", "");
+    run(true, {[] {
+            for (const char* attribute : {"bInterfaceNumber", "bInterfaceClass"}) {
+                writeFile(sysfsPath("usb1/1-0:1.0", attribute), "09");
+            }
+            return "add usb usb_interface 1-0:1.0";
+        }});
+    awaitHubDriverFor("1-0:1.0");
 }
 
 }  // namespace

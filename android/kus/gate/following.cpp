@@ -36,6 +36,7 @@ class Follower {
             } else {
                 LOG(WARNING) << "kernel events were lost: asking about all devices again";
                 devices_->decideAgain();
+                if (closed_) closeBuses();
                 findDevices();
             }
         }
@@ -47,7 +48,6 @@ class Follower {
         for (const DeviceTable::Pointer& device : devices_->devices()) {
             if (device->directory.isGone()) devices_->remove(device->name);
         }
-        if (closed_) closeBuses();
         for (const std::string& name : deviceNames()) {
             openIfHub(name);
             add(name);
