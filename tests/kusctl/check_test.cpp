@@ -72,7 +72,7 @@ INSTANTIATE_TEST_SUITE_P(
         Device{"UnlistedClass", usb("1921", "21863", "8,printer,7"), 1,
                std::string(kNoMatch) +
                    "would be allowed by: <class>USB_CLASS_PRINTER</class>\n"
-                   "               or by: <vid vendorid=\"1921\"><pid>21863</pid></vid>\n",
+                   "              or by: <vid vendorid=\"1921\"><pid>21863</pid></vid>\n",
                0, kNotBlocked},
         Device{"ClassWithoutName", usb("1921", "21863", "8,7,12"), 1,
                std::string(kNoMatch) +

@@ -98,26 +98,27 @@ class GateFollowing : public GateTest {
 
 TEST_F(GateFollowing, TheTableIsWhatIsAttached) {
     DeviceTable::Pointer stick;
-    run(false, {[&] {
-                    EXPECT_THAT(names(), ElementsAre("1-1", "1-2", "1-3", "input2"));
-                    stick = table_.devices()[1];
-                    attach("1-4", "00", {"08"});
-                    // Not yet configured, and none of the two subsystems.
-                    return "add usb usb_device 1-4";
-                },
-                event("bind usb usb_interface 1-4"), event("bind block usb_device 1-4"),
-                event("bind usb usb_device usb1"), event("bind usb usb_device 1-9"),
-                event("remove block disk 1-2"), event("add input - event2"),
-                [&] {
-                    EXPECT_THAT(names(), ElementsAre("1-1", "1-2", "1-3", "input2"));
-                    EXPECT_EQ(table_.devices()[1], stick);
-                    addMouse("input4");
-                    return "add input - input4";
-                },
-                event("add input - input3"), event("bind usb usb_device 1-4"),
-                event("remove usb usb_device 1-3"), event("remove input - input2"),
-                // Configured anew.
-                event("add usb usb_interface 1-2:1.0"), event("add usb usb_interface 1-3:1.0")});
+    run(false,
+        {[&] {
+             EXPECT_THAT(names(), ElementsAre("1-1", "1-2", "1-3", "input2"));
+             stick = table_.devices()[1];
+             attach("1-4", "00", {"08"});
+             // Not yet configured, and none of the two subsystems.
+             return "add usb usb_device 1-4";
+         },
+         event("bind usb usb_interface 1-4"), event("bind block usb_device 1-4"),
+         event("bind usb usb_device usb1"), event("bind usb usb_device 1-9"),
+         event("remove block disk 1-2"), event("remove leds - input2"), event("add input - event2"),
+         [&] {
+             EXPECT_THAT(names(), ElementsAre("1-1", "1-2", "1-3", "input2"));
+             EXPECT_EQ(table_.devices()[1], stick);
+             addMouse("input4");
+             return "add input - input4";
+         },
+         event("add input - input3"), event("bind usb usb_device 1-4"),
+         event("remove usb usb_device 1-3"), event("remove input - input2"),
+         // Configured anew.
+         event("add usb usb_interface 1-2:1.0"), event("add usb usb_interface 1-3:1.0")});
     EXPECT_THAT(names(), ElementsAre("1-1", "1-2", "1-4", "input4"));
     EXPECT_NE(table_.devices()[1], stick);
     EXPECT_EQ(readFile(sysfsPath("usb1", "interface_authorized_default")), "1\n");

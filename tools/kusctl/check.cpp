@@ -105,7 +105,7 @@ void printText(const Answer& answer) {
     const char* introduction = "would be allowed by:";
     for (const std::string& remedy : answer.remedies) {
         printf("%s %s\n", introduction, remedy.c_str());
-        introduction = "               or by:";
+        introduction = "              or by:";
     }
 }
 
