@@ -59,7 +59,7 @@ class Session {
 Session::Session(const std::string& input)
     : input_(reinterpret_cast<const uint8_t*>(input.data()), input.size()) {
     for (sp<FakeClient>& client : clients_) client = new FakeClient();
-    // What clients do inside a callback.
+    // What clients do inside a callback, or when they are dead and the service does not know yet.
     FakeClient* const leaving = clients_[2].get();
     FakeClient* const dying = clients_[3].get();
     clients_[1]->whenCalled = [this] {
@@ -67,6 +67,7 @@ Session::Session(const std::string& input)
         service_->getDeviceList(&devices);
     };
     leaving->whenCalled = [this, leaving] { service_->unregisterKusCallback(leaving); };
+    leaving->whenDead = leaving->whenCalled;
     dying->callStatus = DEAD_OBJECT;
     dying->whenCalled = [dying] { dying->die(); };
 }
