@@ -191,6 +191,12 @@ void FaultPoints::tryAll(const Scenario& scenario) {
     const std::vector<Call> calls = run(scenario);
     EXPECT_EQ(end_, scenario.end);
     EXPECT_FALSE(calls.empty());
+    const auto count = [&](const char* name) {
+        return std::count_if(calls.begin(), calls.end(), [&](const Call& call) {
+            return call.name == name && call.writesRules();
+        });
+    };
+    EXPECT_EQ(count("write"), count("fsync")) << "a power cut loses what is not synced";
     const int errors = countErrors(log_);
     const bool goesOn = scenario.end == -SIGKILL;
     int faults = 0;
