@@ -32,7 +32,9 @@ using Action = std::function<void()>;
 class Session {
   public:
     explicit Session(const std::string& input);
-    void run();
+    void run() {
+        for (int i = 0; i < kMostSteps && input_.remaining_bytes() > 0; ++i) step();
+    }
     void expectConsistentLists();
 
   private:
@@ -70,10 +72,6 @@ Session::Session(const std::string& input)
     leaving->whenDead = leaving->whenCalled;
     dying->callStatus = DEAD_OBJECT;
     dying->whenCalled = [dying] { dying->die(); };
-}
-
-void Session::run() {
-    for (int i = 0; i < kMostSteps && input_.remaining_bytes() > 0; ++i) step();
 }
 
 void Session::step() {
@@ -209,8 +207,7 @@ void makeMachine() {
 }  // namespace
 
 void runInput(const std::string& input) {
-    static const bool made = (makeMachine(), true);
-    (void)made;
+    [[maybe_unused]] static const bool made = (makeMachine(), true);
     configMode = "whitelist";
     isUserDebugBuild = true;
     mUsbDeviceInfoList.clear();

@@ -94,6 +94,16 @@ const Rules* find(const std::string& content, const std::vector<Rules>& candidat
     return nullptr;
 }
 
+Texts straceOnFiles(const std::string& injection) {
+    Texts strace = {"strace", "-f", "-y", "-s", "0", "-o", kTrace};
+    for (const char* path : {"", "/usb_device_config.xml", "/usb_device_config.xml.new",
+                             "/usb_device_config_backup.xml", "/status.txt"}) {
+        strace.insert(strace.end(), {"-P", std::string(configDirectory) + path});
+    }
+    if (!injection.empty()) strace.push_back("--inject=" + injection);
+    return strace;
+}
+
 /** What happens to the daemon, and what may stand in its files wherever it stops. */
 struct Scenario {
     std::vector<Rules> rules, backups;
@@ -131,7 +141,6 @@ class FaultPoints : public LocalDaemonTest {
     }
 
   private:
-    static Texts straceOnFiles(const std::string& injection);
     std::vector<Call> run(const Scenario& scenario, const Fault& fault = {});
     void tryOne(const Scenario& scenario, const Fault& fault);
 
@@ -142,16 +151,6 @@ class FaultPoints : public LocalDaemonTest {
 
     int windows_ = 0;
 };
-
-Texts FaultPoints::straceOnFiles(const std::string& injection) {
-    Texts strace = {"strace", "-f", "-y", "-s", "0", "-o", kTrace};
-    for (const char* path : {"", "/usb_device_config.xml", "/usb_device_config.xml.new",
-                             "/usb_device_config_backup.xml", "/status.txt"}) {
-        strace.insert(strace.end(), {"-P", std::string(configDirectory) + path});
-    }
-    if (!injection.empty()) strace.push_back("--inject=" + injection);
-    return strace;
-}
 
 std::vector<Call> FaultPoints::run(const Scenario& scenario, const Fault& fault) {
     Texts strace = straceOnFiles(fault.injection);
