@@ -38,8 +38,9 @@ std::string onTerminal(const char* command) {
 
 TEST_F(KusctlTest, ListsWhatIsRecordedAndWhy) {
     setRules("blacklist", "<vid vendorid=\"2385\"/>");
-    const Plugged stick("stick", kStick);
+    const Plugged stick("stick", kStick), serial("serial", kSerial);
     EXPECT_EQ(stick.decision().status, 0);
+    EXPECT_EQ(serial.decision().status, 1);
     EXPECT_THAT(shell("kusctl list --json | grep stick"),
                 AllOf(StartsWith("{\"allowed\": false,"), EndsWith("\"vendor\": 2385}"),
                       HasSubstr("\"Blacklisted: Match by VID, VID : 2385\"")));
@@ -53,9 +54,10 @@ TEST_F(KusctlTest, ListsWhatIsRecordedAndWhy) {
     for (const std::string& line : base::Split(table, "\n")) {
         EXPECT_THAT(line.substr(table.find("STATUS")),
                     AnyOf(StartsWith("STATUS   CATEGORY"), StartsWith("\033[32mallowed\033[0m  "),
-                          StartsWith("\033[31mrefused\033[0m  4 sdcard")));
+                          StartsWith("\033[31mrefused\033[0m  ")));
     }
-    EXPECT_THAT(table, HasSubstr("refused"));
+    EXPECT_THAT(table, AllOf(HasSubstr("\033[31mrefused\033[0m  4 sdcard"),
+                             HasSubstr("\033[32mallowed\033[0m  2 ttyACM0")));
     EXPECT_THAT(onTerminal("NO_COLOR= kusctl list"), Not(HasSubstr("\033")));
 }
 

@@ -51,9 +51,10 @@ TEST_F(LiveRulesTest, RulesDoNotWaitForAResetThatIsUnderWay) {
     const auto docked = [] { return shell("getprop persist.vendor.monitor.dock"); };
     shell("for p in dock reset; do setprop persist.vendor.monitor.$p ''; done");
     writeFile(kDcOnline, "1\n");
-    std::thread reset([] { service()->resetUsbDevices(10000); });
+    std::thread reset([] { service()->resetUsbDevices(15000); });
     EXPECT_TRUE(eventually([] { return shell("getprop persist.vendor.monitor.reset") == "1"; }));
-    Rules::rewrite();
+    // The first one's reset has to wait.
+    for (int i = 0; i < 2; ++i) Rules::rewrite();
     EXPECT_EQ(docked(), "") << "accepted only after the reset";
     reset.join();
     EXPECT_EQ(docked(), "1");
