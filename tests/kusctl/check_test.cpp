@@ -13,7 +13,6 @@ const std::string kWhitelist =
     "  <vid vendorid='1155'><pid>22336</pid></vid>\n"
     "</usbconfig>\n";
 const std::string kBlacklist = std::string(kWhitelist).replace(17, 5, "black");
-const std::string kDefault = "<usbconfig mode='default'/>";
 
 struct Question {
     std::string rules, device;
@@ -44,7 +43,8 @@ TEST(CheckTest, TellsTheDecisionAndWhy) {
         {kBlacklist, "--vendor 1 --product 2 --class 8", 1, "refused: Blacklisted: " + byStorage},
         {kBlacklist, "--vendor 1 --product 2 --class 7", 0,
          "allowed: No matching rule found to Blacklist the device\n"},
-        {kDefault, "--vendor 1 --product 2 --class 8", 0, "allowed: Enabled by default rule\n"},
+        {"<usbconfig mode='default'/>", "--vendor 1 --product 2 --class 8", 0,
+         "allowed: Enabled by default rule\n"},
         {kWhitelist, "--vendor 1921 --product 21863 --class 8,printer,7", 1,
          noRule + "would be allowed by: <class>USB_CLASS_PRINTER</class>\n"
                   "               or by: <vid vendorid=\"1921\"><pid>21863</pid></vid>\n"},

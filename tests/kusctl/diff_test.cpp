@@ -19,30 +19,29 @@ TEST(DiffTest, TellsWhatARuleChangeChanges) {
          0, "every device is decided on as before\n"},
         {whitelist("<class>USB_CLASS_AUDIO</class>"),
          whitelist("\n<class>AINPUT_SOURCE_MOUSE</class>"), 1,
-         "now refused: USB_CLASS_AUDIO (old.xml:2)\n"
-         "now allowed: AINPUT_SOURCE_MOUSE (new.xml:3)\n"},
+         "now refused: USB_CLASS_AUDIO (old:2)\n"
+         "now allowed: AINPUT_SOURCE_MOUSE (new:3)\n"},
         {whitelist("<vid vendorid='60001'><pid>5</pid></vid>"),
          whitelist("<vid vendorid='60001'><pid>5</pid></vid>\n<vid vendorid='60002'/>"), 1,
-         "now allowed: any other product of vendor 60001, keyboards and mice too (new.xml:2 "
-         "new.xml:3)\n"
-         "now allowed: any product of vendor 60002, keyboards and mice too (new.xml:3)\n"},
+         "now allowed: any other product of vendor 60001, keyboards and mice too (new:2 new:3)\n"
+         "now allowed: any product of vendor 60002, keyboards and mice too (new:3)\n"},
         {"<usbconfig mode='blacklist'>\n<vid vendorid='60001'><pid>5</pid></vid></usbconfig>",
          "<usbconfig mode='blacklist'>\n<vid vendorid='60001'><pid>6</pid></vid></usbconfig>", 1,
-         "now allowed: product 5 of vendor 60001 (old.xml:2)\n"
-         "now refused: product 6 of vendor 60001 (new.xml:2)\n"},
+         "now allowed: product 5 of vendor 60001 (old:2)\n"
+         "now refused: product 6 of vendor 60001 (new:2)\n"},
         {"<usbconfig mode='default'/>", whitelist("<class>USB_CLASS_AUDIO</class>"), 1,
          "now refused: any device that no rule names\n"},
     };
     for (const auto& [before, after, status, differences] : changes) {
-        EXPECT_EQ(runKusctl({{"old.xml", before}, {"new.xml", after}}, "diff old.xml new.xml"),
+        EXPECT_EQ(runKusctl({{"old", before}, {"new", after}}, "diff old new"),
                   (Result{status, differences}));
     }
 }
 
 /** With rules of which each allows what the other refuses. */
 Result runOnDevices(const std::string& list, const std::string& arguments) {
-    return runKusctl({{"old.xml", whitelist("<class>USB_CLASS_AUDIO</class>")},
-                      {"new.xml", whitelist("<class>AINPUT_SOURCE_MOUSE</class>")},
+    return runKusctl({{"old", whitelist("<class>USB_CLASS_AUDIO</class>")},
+                      {"new", whitelist("<class>AINPUT_SOURCE_MOUSE</class>")},
                       {"devices", list}},
                      arguments + " --devices devices");
 }
@@ -86,10 +85,10 @@ TEST(DeviceListTest, ReportsLinesThatAreNoDevice) {
         problems += "kusctl diff: devices: line " + std::to_string(i + 1) +
                     " is no device: " + problem + "\n";
     }
-    EXPECT_EQ(runOnDevices(list, "diff old.xml new.xml"),
+    EXPECT_EQ(runOnDevices(list, "diff old new"),
               (Result{1,
-                      "now allowed: 3 of 60001:5, \"A\" \u00e9, AINPUT_SOURCE_MOUSE (new.xml:2)\n"
-                      "now refused: 1 of 60001:6, USB_CLASS_AUDIO USB_CLASS_HID (old.xml:2)\n"
+                      "now allowed: 3 of 60001:5, \"A\" \u00e9, AINPUT_SOURCE_MOUSE (new:2)\n"
+                      "now refused: 1 of 60001:6, USB_CLASS_AUDIO USB_CLASS_HID (old:2)\n"
                       "4 devices: 3 now allowed, 1 now refused, 0 as before\n",
                       problems}));
 }
@@ -97,17 +96,30 @@ TEST(DeviceListTest, ReportsLinesThatAreNoDevice) {
 TEST(DeviceListTest, AnswersForEachLine) {
     const std::string byMouse = "Whitelisted: Match by ClassName, CLASS : AINPUT_SOURCE_MOUSE ";
     const std::string noRule = "No matching rule found to Whitelist the device";
-    EXPECT_EQ(runOnDevices(kMouse + "\n[\n" + kSpeaker, "check --rules new.xml"),
+    EXPECT_EQ(runOnDevices(kMouse + "\n[\n" + kSpeaker, "check --rules new"),
               (Result{1,
                       "allowed\t60001:5\t\"A\" \u00e9\t" + byMouse + "\n" + "refused\t60001:6\t\t" +
                           noRule + "\n",
                       "kusctl check: devices: line 2 is no device: not one JSON object\n"}));
     // For programs with the line as it came.
     const std::string speaker = R"({"host":"h7","device":)" + kSpeaker + "}";
-    EXPECT_EQ(runOnDevices("  " + kMouse + "\r\n" + speaker, "check --json --rules new.xml").out,
+    EXPECT_EQ(runOnDevices("  " + kMouse + "\r\n" + speaker, "check --json --rules new").out,
               "{\"allowed\": true,\"device\": " + kMouse + ",\"reason\": \"" + byMouse + "\"}\n" +
                   "{\"allowed\": false,\"device\": " + speaker + ",\"reason\": \"" + noRule +
                   "\"}\n");
+}
+
+TEST(DeviceListTest, TellsProgramsWhatChanges) {
+    const Result result = runOnDevices(kMouse + "\n[\n", "diff --json old new");
+    EXPECT_EQ(parseJson(result.out), parseJson(R"json({
+        "devices": 1, "nowAllowed": 1, "nowRefused": 0, "noDevices": 1, "furtherAllowed": 0,
+        "furtherRefused": 0, "changes": [{
+            "count": 1, "kind": "input", "name": "\"A\" \u00e9", "vendor": 60001, "product": 5,
+            "classes": ["AINPUT_SOURCE_MOUSE"],
+            "old": {"allowed": false, "lines": [],
+                    "reason": "No matching rule found to Whitelist the device"},
+            "new": {"allowed": true, "lines": [2], "reason":
+                    "Whitelisted: Match by ClassName, CLASS : AINPUT_SOURCE_MOUSE "}}]})json"));
 }
 
 TEST(DeviceListTest, KeepsABoundedNumberOfKinds) {
@@ -116,10 +128,10 @@ TEST(DeviceListTest, KeepsABoundedNumberOfKinds) {
         list += R"({"kind":"input","classes":["mouse"],"vendor":60001,"product":)" +
                 std::to_string(product) + "}\n";
     }
-    const Result result = runOnDevices(list + list, "diff old.xml new.xml");
+    const Result result = runOnDevices(list + list, "diff old new");
     const auto lines = android::base::Split(result.out, "\n");
     ASSERT_EQ(lines.size(), 10003u);
-    EXPECT_EQ(lines[9999], "now allowed: 2 of 60001:9999, AINPUT_SOURCE_MOUSE (new.xml:2)");
+    EXPECT_EQ(lines[9999], "now allowed: 2 of 60001:9999, AINPUT_SOURCE_MOUSE (new:2)");
     EXPECT_EQ(lines[10000], "of further kinds: 4 now allowed, 0 now refused");
     EXPECT_EQ(lines[10001], "20004 devices: 20004 now allowed, 0 now refused, 0 as before");
 }
@@ -132,17 +144,14 @@ TEST(FindTest, PrintsRulesToPaste) {
     const std::pair<std::string, std::string> finds[] = {
         {"MOUSE",
          R"(<vid vendorid="4617"><pid>2</pid></vid>       <!-- 1209:0002 Generic: Mouse -->
-<vid vendorid="43981"/>                       <!-- abcd Mouse Makers -->
-)"},
+<vid vendorid="43981"/>                       <!-- abcd Mouse Makers -->)"},
         {"box generic",
-         R"(<vid vendorid="4617"><pid>1</pid></vid>       <!-- 1209:0001 Generic: Black- -Box -->
-)"},
+         R"(<vid vendorid="4617"><pid>1</pid></vid>       <!-- 1209:0001 Generic: Black- -Box -->)"},
         {"abcd:000f",
-         R"(<vid vendorid="43981"><pid>15</pid></vid>     <!-- abcd:000f Mouse Makers: Pad -->
-)"},
+         R"(<vid vendorid="43981"><pid>15</pid></vid>     <!-- abcd:000f Mouse Makers: Pad -->)"},
     };
     for (const auto& [words, rules] : finds) {
-        EXPECT_EQ(runKusctl("find --ids ids " + words), (Result{0, rules}));
+        EXPECT_EQ(runKusctl("find --ids ids " + words), (Result{0, rules + "\n"}));
     }
     EXPECT_EQ(
         runKusctl("find --ids ids interface"),

@@ -24,9 +24,7 @@ std::string contentOf(const std::string& path) {
 }  // namespace
 
 std::ostream& operator<<(std::ostream& stream, const Result& result) {
-    return stream << "status " << result.status << "\nout:\n"
-                  << result.out << "err:\n"
-                  << result.err;
+    return stream << "status " << result.status << "\nout: " << result.out << "err: " << result.err;
 }
 
 void enterDevicesFolder(const Files& files) {

@@ -6,14 +6,11 @@
 
 namespace {
 
-using android::base::Join;
-using android::base::StartsWith;
-
 /** Of each file by itself, whose name is "a". */
 void expectOutput(const std::vector<std::pair<std::string, std::string>>& filesAndOutputs) {
     for (const auto& [rules, output] : filesAndOutputs) {
         SCOPED_TRACE(rules);
-        const int status = StartsWith(output, "a: accepted: ") ? 0 : 1;
+        const int status = android::base::StartsWith(output, "a: accepted: ") ? 0 : 1;
         EXPECT_EQ(runKusctl({{"a", rules}}, "lint a"), (Result{status, output}));
     }
 }
@@ -113,7 +110,7 @@ void expectWarnings(const std::string& verdict, const std::vector<Line>& lines) 
         rules.push_back(rule);
         if (warning != "") output += "a:" + std::to_string(i + 2) + ": warning: " + warning + "\n";
     }
-    expectOutput({{whitelist(Join(rules, '\n')), output}});
+    expectOutput({{whitelist(android::base::Join(rules, '\n')), output}});
 }
 
 TEST(LintTest, WarnsOfRulesThatDoNotSayWhatTheySeemTo) {
