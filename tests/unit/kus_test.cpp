@@ -7,17 +7,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <filesystem>
 #include <mutex>
-#include <thread>
+#include <tuple>
 
 #include "ku_service/KUsbService.h"
 #include "usbdevice/UsbDevice.h"
-#include "util/Util.h"
-#include "util/rule_tables.h"
-
-namespace fs = std::filesystem;
 
 namespace android::kus {
 
@@ -50,18 +44,17 @@ KusTest::KusTest() {
     for (const char* path : {"/data", "/sys", "/dev/__properties__"}) emptyDirectory(path);
     fs::create_directories(fs::path(configFilePath).parent_path());
 
-    configMode = "default";
+    auto state = std::tie(configMode, errorMessage, xml_parse_status, isUserDebugBuild,
+                          rulesAreLeftByCrash, UsbDevice::verbose_trace);
+    static const std::tuple<std::string, std::string, bool, bool, bool, bool> initialState = state;
+    state = initialState;
     clearRules();
-    errorMessage = "SUCCESS";
-    xml_parse_status = false;
     Util::readRules(configFilePath);
     UsbDevice::deviceid_map.clear();
     UsbDevice::delete_all_nodes();
     UsbDevice::empty_list();
-    UsbDevice::verbose_trace = false;
     mUsbDeviceInfoList.clear();
     mInputDeviceInfoList.clear();
-    isUserDebugBuild = false;
     takeLog();
 }
 
@@ -70,7 +63,7 @@ Texts takeLog() {
     return std::exchange(logLines, {});
 }
 
-Texts takeLogUntil(const std::string& text, std::chrono::milliseconds timeout) {
+Texts takeLogUntil(const std::string& text, milliseconds timeout) {
     Texts log;
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (std::chrono::steady_clock::now() < deadline) {
@@ -78,11 +71,13 @@ Texts takeLogUntil(const std::string& text, std::chrono::milliseconds timeout) {
         for (const std::string& line : log) {
             if (line.find(text) != std::string::npos) return log;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        sleep_for(milliseconds(1));
     }
     ADD_FAILURE() << "no log line has " << text;
     return log;
 }
+
+std::string takeLogText() { return base::Join(takeLog(), '\n') + "\n"; }
 
 int countOf(const std::string& start, const Texts& lines) {
     return std::count_if(lines.begin(), lines.end(),
@@ -110,7 +105,7 @@ void loadRules(const std::string& xml) {
     Util::createMapFromConfig(configFilePath);
 }
 
-void setVendors(const std::multimap<int32_t, int32_t>& vendors) {
+void setVendors(const Vendors& vendors) {
     vidPidMap.clear();
     lastWholeVendor.reset();
     for (const auto& [vid, pid] : vendors) addVidPid(vid, pid);

@@ -4,19 +4,29 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include "util/Util.h"
+#include "util/rule_tables.h"
 
 namespace android::kus {
 
-using testing::_, testing::Contains, testing::Each, testing::ElementsAre, testing::EndsWith,
-    testing::Ge, testing::HasSubstr, testing::IsEmpty, testing::Not, testing::Pair, testing::SizeIs,
-    testing::StartsWith;
+namespace fs = std::filesystem;
+using std::chrono::milliseconds, std::this_thread::sleep_for;
+using testing::_, testing::AllOf, testing::AnyOf, testing::Contains, testing::Each,
+    testing::ElementsAre, testing::EndsWith, testing::ExitedWithCode, testing::Ge,
+    testing::HasSubstr, testing::IsEmpty, testing::KilledBySignal, testing::Le, testing::Not,
+    testing::Pair, testing::PrintToString, testing::SizeIs, testing::StartsWith;
 
 using Texts = std::vector<std::string>;
+using Vendors = std::multimap<int32_t, int32_t>;
 
 /**
  * Every test starts with /data/system/usbdeviceconfig and nothing else in /data and /sys, no
@@ -31,8 +41,10 @@ class KusTest : public testing::Test {
 Texts takeLog();
 
 /** The same, once a thread has logged a line with this text; gives up in time. */
-Texts takeLogUntil(const std::string& text,
-                   std::chrono::milliseconds timeout = std::chrono::seconds(10));
+Texts takeLogUntil(const std::string& text, milliseconds timeout = std::chrono::seconds(10));
+
+/** The same as takeLog(), as one text of lines. */
+std::string takeLogText();
 
 /** Expects these log lines, texts or matchers, since the last takeLog(), and no others. */
 #define EXPECT_LOG(...) EXPECT_THAT(takeLog(), ElementsAre(__VA_ARGS__))
@@ -53,6 +65,6 @@ std::string stderrOf(const std::function<void()>& action);
 void loadRules(const std::string& xml);
 
 /** Lists these vendors and products, and no others. */
-void setVendors(const std::multimap<int32_t, int32_t>& vendors);
+void setVendors(const Vendors& vendors);
 
 }  // namespace android::kus

@@ -4,12 +4,8 @@
 #include <android/kus/BnKUsbServiceCallback.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <functional>
 #include <mutex>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "ku_service/KUsbService.h"
 #include "kus_test.h"
@@ -57,11 +53,9 @@ class FakeClient : public BnKUsbServiceCallback {
         }
     }
 
-    binder::Status onDeviceAdded(const DeviceInfo& device) override {
-        return record("added ", device);
-    }
-    binder::Status onDeviceRemoved(const DeviceInfo& device) override {
-        return record("removed ", device);
+    binder::Status onDeviceAdded(const DeviceInfo& info) override { return record("added ", info); }
+    binder::Status onDeviceRemoved(const DeviceInfo& info) override {
+        return record("removed ", info);
     }
 
     status_t linkToDeath(const sp<DeathRecipient>& recipient, void* cookie,
@@ -103,7 +97,7 @@ class FakeClient : public BnKUsbServiceCallback {
 /** A service that no one has registered, on a machine without USB devices. */
 class ServiceTest : public KusTest {
   protected:
-    ServiceTest() { std::filesystem::create_directories("/sys/bus/usb/devices"); }
+    ServiceTest() { fs::create_directories("/sys/bus/usb/devices"); }
 
     bool isAllowed(const DeviceInfo& device) {
         bool allowed = false;
@@ -152,8 +146,8 @@ inline DeviceInfo inputDevice(int32_t id, int32_t sources, int32_t vendor = 1,
 inline std::string text(const DeviceInfo& device) {
     std::ostringstream text;
     text << device.deviceName << ", id " << device.deviceId << ", class " << device.deviceClass
-         << ", interfaces " << testing::PrintToString(device.interfaceClassList) << ", "
-         << device.vendorId << ":" << device.productId << ", status " << device.status << ", type "
+         << ", interfaces " << PrintToString(device.interfaceClassList) << ", " << device.vendorId
+         << ":" << device.productId << ", status " << device.status << ", type "
          << device.deviceType << ", reason " << device.reason << ", category " << device.category
          << " " << device.categoryPath;
     return text.str();

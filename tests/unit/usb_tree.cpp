@@ -4,13 +4,11 @@
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 
-#include <filesystem>
 #include <sstream>
 
 #include "kus_test.h"
 #include "usbdevice/UsbDevice.h"
 
-namespace fs = std::filesystem;
 using android::base::StringPrintf;
 
 namespace android::kus {
