@@ -3,18 +3,10 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <filesystem>
-#include <thread>
-
 #include "kus_test.h"
-#include "util/Util.h"
 
 namespace android::kus {
 namespace {
-
-using testing::_;
-using testing::ElementsAre;
 
 constexpr char kSource[] = "/data/source";
 constexpr char kCopy[] = "/data/copy";
@@ -36,25 +28,21 @@ TEST_F(ConfigFiles, CopyEndsEveryLineWithALineFeed) {
         EXPECT_TRUE(Util::copyFileContent(kSource, kCopy));
         EXPECT_EQ(readFile(kCopy), copy);
     }
-    EXPECT_THAT(takeLog(), ElementsAre("I  USB xml src path is /data/source",
-                                       "I USB xml dest path is /data/copy", "I ", "I   a b", "I ",
-                                       "I last", kDone));
+    EXPECT_LOG("I  USB xml src path is /data/source", "I USB xml dest path is /data/copy", "I ",
+               "I   a b", "I ", "I last", kDone);
 }
 
-TEST_F(ConfigFiles, CopyOfAMissingSourceEmptiesTheDestination) {
+TEST_F(ConfigFiles, CopiesThatFail) {
     writeFile(kCopy, "rules");
     EXPECT_FALSE(Util::copyFileContent("/data/missing", kCopy));
     EXPECT_EQ(readFile(kCopy), "");
-    EXPECT_THAT(takeLog(), ElementsAre(_, _, "E USB device error is source file open", kDone));
-}
-
-TEST_F(ConfigFiles, CopyToAClosedDestinationFailsOnceALine) {
+    EXPECT_LOG(_, _, "E USB device error is source file open", kDone);
     writeFile(kSource, "one\ntwo\n");
     EXPECT_FALSE(Util::copyFileContent(kSource, "/data/none/copy"));
     const std::string error = "E ODM error in dest file open";
-    EXPECT_THAT(takeLog(), ElementsAre(_, _, error, error, kDone));
+    EXPECT_LOG(_, _, error, error, kDone);
     writeFile(kSource, "");
-    EXPECT_TRUE(Util::copyFileContent(kSource, "/data/none/copy"));
+    EXPECT_TRUE(Util::copyFileContent(kSource, "/data/none/copy")) << "nothing is missing";
 }
 
 TEST_F(ConfigFiles, WhatCannotBeWrittenWholeIsPutBack) {
@@ -74,17 +62,20 @@ TEST_F(ConfigFiles, WhatCannotBeWrittenWholeIsPutBack) {
     EXPECT_EQ(readFile(backupFilePath), "old\n");
     EXPECT_EQ(readFile(statusFilePath), "old");
     const std::string error = ": File too large, it is put back";
-    EXPECT_THAT(takeLog(), ElementsAre(_, _, "E Could not write " + (backupFilePath + error),
-                                       "I longer than the limit", kDone, _,
-                                       "E Could not write " + (statusFilePath + error)));
+    EXPECT_LOG(_, _, "E Could not write " + (backupFilePath + error), "I longer than the limit",
+               kDone, _, "E Could not write " + (statusFilePath + error));
 }
 
-TEST_F(ConfigFiles, TheBackupIsWhatWasParsed) {
+TEST_F(ConfigFiles, BackupsAndRestoresGoByWhatWasParsed) {
     writeFile(configFilePath, "parsed");
     Util::readRules(configFilePath);
     writeFile(configFilePath, "moved here meanwhile");
     EXPECT_TRUE(Util::backUpRules());
     EXPECT_EQ(readFile(backupFilePath), "parsed\n");
+    // Missing rules are no rewrite.
+    fs::remove(configFilePath);
+    EXPECT_EQ(Util::restoreRules(), Util::Restored::kWhole);
+    EXPECT_EQ(readFile(configFilePath), "parsed\n");
 }
 
 // A restore that comes first is overwritten, one that comes later sees that the file is another.
@@ -111,24 +102,15 @@ TEST_F(ConfigFiles, ARestoreNeverTakesAFileThatWasWrittenMeanwhile) {
     EXPECT_LT(restored, i);
 }
 
-TEST_F(ConfigFiles, ARestoreBringsRemovedRulesBack) {
-    writeFile(backupFilePath, "backup\n");
-    writeFile(configFilePath, "refused");
-    Util::readRules(configFilePath);
-    std::filesystem::remove(configFilePath);
-    EXPECT_EQ(Util::restoreRules(), Util::Restored::kWhole);
-    EXPECT_EQ(readFile(configFilePath), "backup\n");
-}
-
 TEST_F(ConfigFiles, StatusFileHoldsJustTheText) {
     for (const std::string text : {crashStatus, "SUCCESS"}) {
         Util::updateErrorFile(statusFilePath, text);
         EXPECT_EQ(readFile(statusFilePath), text);
         Util::updateErrorFile("/data/none/status", text);
         const std::string line = "I updateErrorFile called with error message : " + text;
-        EXPECT_THAT(takeLog(), ElementsAre(line, line));
+        EXPECT_LOG(line, line);
     }
-    EXPECT_FALSE(std::filesystem::exists("/data/none"));
+    EXPECT_FALSE(fs::exists("/data/none"));
 }
 
 }  // namespace

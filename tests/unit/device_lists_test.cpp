@@ -109,15 +109,5 @@ TEST_F(DeviceLists, ClientMayCallTheServiceFromItsCallback) {
     EXPECT_EQ(late->links(), 1u);
 }
 
-TEST_F(DeviceLists, ResetTakesItsWaitAlong) {
-    writeFile("/sys/class/power_supply/dc/online", "0");
-    takeLog();
-    EXPECT_TRUE(service_->resetUsbDevices(30).isOk());
-    EXPECT_TRUE(service_->resetUsbDevices(0).isOk());
-    EXPECT_LOG("I resetUsbDevices called",
-               "I usb_host_reset entered:", "I virtual_undock_dock_event usbPath : empty", _,
-               "I resetUsbDevices called", "I usb_host_reset entered:");
-}
-
 }  // namespace
 }  // namespace android::kus

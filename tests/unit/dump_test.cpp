@@ -44,19 +44,26 @@ TEST_F(DumpTest, LogOfRulesAndOfDevicesThatComeAndGo) {
     loadRules(R"(<usbconfig mode="blacklist">
         <class>USB_CLASS_MASS_STORAGE</class>
         <class>AINPUT_SOURCE_KEYBOARD</class>
-        <vid vendorid="9"/>
-        <vid vendorid="2385"><pid>05734</pid></vid>
+        <vid vendorid="6121"/>
+        <vid vendorid="7000"><pid>05734</pid></vid>
     </usbconfig>)");
     for (int i = 0; i < 2; ++i) service_->registerKusCallback(client_);
-    addDevice("1-1", 2, 9, 10);
+    addDevice("1-1", 2, 6121, 10);
     addInterface("1-1:1.0", 8);
-    DeviceInfo stick = usbDevice(1002, {3, 8, 6}, 9, 10);
-    stick.deviceClass = 8;
-    const DeviceInfo mouseWithKeys = inputDevice(1000007, 0x2102, 2385, 5734);
-    for (const DeviceInfo& device : {stick, mouseWithKeys}) EXPECT_FALSE(isAllowed(device));
+    addEntry("usb1", "devspec=/soc/ssusb@a800000");
+    writeFile("/sys/devices/platform/soc/a800000.ssusb/mode", "host");
+    for (const std::string supply : {"usb", "dc"}) {
+        writeFile("/sys/class/power_supply/" + supply + "/online", supply == "dc" ? "1" : "0");
+    }
+    DeviceInfo adapter = usbDevice(1002, {3, 8, 6}, 6121, 10);
+    adapter.deviceClass = 8;
+    const DeviceInfo mouseWithKeys = inputDevice(1000007, 0x2102, 7000, 5734);
+    for (const DeviceInfo& device : {adapter, mouseWithKeys}) EXPECT_FALSE(isAllowed(device));
     deviceList();
-    for (const DeviceInfo& device : {stick, mouseWithKeys}) remove(device);
-    service_->updateDeviceList(stick, 1);
+    service_->resetUsbDevices(10);
+    service_->resetUsbDevices(0);
+    for (const DeviceInfo& device : {adapter, mouseWithKeys}) remove(device);
+    service_->updateDeviceList(adapter, 1);
     service_->updateDeviceList(mouseWithKeys, -1);
     for (int i = 0; i < 3; ++i) service_->unregisterKusCallback(client_);
     expectGolden(takeLogText(), "log.txt");
