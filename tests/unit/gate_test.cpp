@@ -1,32 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <linux/input.h>
 
-#include <filesystem>
-#include <thread>
-
 #include "gate/device_table.h"
 #include "gate/input_sources.h"
 #include "gate/kernel_events.h"
 #include "gate/opening.h"
-#include "kus_test.h"
+#include "gate/silencing.h"
+#include "service_test.h"
 #include "usb_tree.h"
 
 namespace android::kus {
 namespace {
 
-using testing::ElementsAre;
-namespace fs = std::filesystem;
-
 const std::string kDevices = "/sys/bus/usb/devices/";
+const std::string kDrivers = "/sys/bus/usb/drivers/";
 
 class GateTest : public KusTest {
   protected:
     /** A device with interfaces of these classes, their directories in its own as in sysfs. */
     static void attach(const std::string& name, const std::string& deviceClass,
-                       const std::vector<std::string>& interfaceClasses, int devnum = 5) {
-        addEntry(name, "busnum=1, devnum=" + std::to_string(devnum) + ", bDeviceClass=" +
-                           deviceClass + ", idVendor=0951, idProduct=1666, product=stick, " +
-                           "uevent=, bNumInterfaces= " + std::to_string(interfaceClasses.size()));
+                       const Texts& interfaceClasses) {
+        addEntry(name, "busnum=12, devnum=15, bDeviceClass=" + deviceClass +
+                           ", idVendor=0951, idProduct=1666, product=stick, uevent=, " +
+                           "bNumInterfaces= " + std::to_string(interfaceClasses.size()));
         for (size_t i = 0; i < interfaceClasses.size(); ++i) {
             const std::string interface = interfaceOf(name, i);
             writeFile(interface + "/bInterfaceNumber", "0" + std::to_string(i) + "\n");
@@ -37,11 +33,6 @@ class GateTest : public KusTest {
 
     static std::string interfaceOf(const std::string& name, int number) {
         return kDevices + name + "/" + name + ":1." + std::to_string(number);
-    }
-
-    static void detach(const std::string& name) {
-        fs::remove_all(fs::canonical(kDevices + name));
-        fs::remove(kDevices + name);
     }
 
     static DeviceTable::Pointer device(const std::string& name) {
@@ -98,32 +89,35 @@ TEST_F(GateTest, InputSourcesAreThePlatforms) {
 }
 
 TEST_F(GateTest, AUsbDeviceIsDescribedWhenItIsComplete) {
-    attach("1-1.2", "00", {"03", "ff"});
+    attach("1-1.2", "ef", {"03", "ff"});
     const auto description = describe(Device("1-1.2"));
     ASSERT_TRUE(description);
-    EXPECT_EQ(description->info.deviceId, 1005);
-    EXPECT_EQ(description->info.vendorId, 0x0951);
-    EXPECT_EQ(description->info.deviceName, "stick");
-    EXPECT_THAT(description->info.interfaceClassList, ElementsAre(3, 255));
+    EXPECT_EQ(text(description->info),
+              "stick, id 12015, class 239, interfaces { 3, 255 }, 2385:5734, status 0, type 0, "
+              "reason , category 0 ");
     EXPECT_THAT(description->interfaces, ElementsAre("1-1.2:1.0", "1-1.2:1.1"));
     EXPECT_FALSE(hasOnlyHids(description->info));
 
-    const std::pair<std::string, std::vector<std::string>> odd[] = {
-        {"devnum", {"", "-1", "+5", "5x", "256", "99999999999999999999"}},
-        {"idVendor", {"", "-951", "0x951", "10000", "95 1"}},
-        {"bNumInterfaces", {"", "1", "3", "-2", "2 3"}},
-        {"1-1.2:1.1/bInterfaceClass", {"", "100", "-1", "hub"}},
-        {"1-1.2:1.1/bInterfaceNumber", {"", "0"}}};
-    for (const auto& [attribute, values] : odd) {
-        const std::string path = kDevices + "1-1.2/" + attribute;
-        const std::string good = readFile(path);
-        for (const std::string& value : values) {
-            writeFile(path, value);
-            EXPECT_FALSE(describe(Device("1-1.2"))) << attribute << " is " << value;
+    const std::pair<std::string, const char*> odd[] = {{"busnum", "256"},
+                                                       {"devnum", "256"},
+                                                       {"bDeviceClass", "100"},
+                                                       {"idVendor", "10000"},
+                                                       {"idProduct", "10000"},
+                                                       {"bNumInterfaces", "1"},
+                                                       {"bNumInterfaces", "3"},
+                                                       {"1-1.2:1.1/bInterfaceClass", "100"},
+                                                       {"1-1.2:1.1/bInterfaceNumber", "0"}};
+    for (const auto& [attribute, value] : odd) {
+        const std::string file = kDevices + "1-1.2/" + attribute;
+        const std::string good = readFile(file);
+        for (const char* text :
+             {value, "", "-1", "+5", "5x", "0x5", "5 1", "99999999999999999999"}) {
+            writeFile(file, text);
+            EXPECT_FALSE(describe(Device("1-1.2"))) << attribute << " is " << text;
         }
-        fs::remove(path);
+        fs::remove(file);
         EXPECT_FALSE(describe(Device("1-1.2"))) << "no " << attribute;
-        writeFile(path, good);
+        writeFile(file, good);
     }
     // A name that cannot be shown, or sent, is no reason to leave the device undecided.
     for (const char* name : {"", "\n", "\xff\xff\xff"}) {
@@ -149,21 +143,28 @@ TEST_F(GateTest, OnlyHubsAndTheMachinesOwnInputDevicesAreNotAskedAbout) {
 }
 
 TEST_F(GateTest, AnInputDeviceHasItsNumberAsItsId) {
-    const std::string base = "/sys/class/input/";
-    for (const char* name : {"input12", "input", "input-1", "input1x", "input9999999999"}) {
-        writeFile(base + name + "/id/vendor", "17ef\n");
-        writeFile(base + name + "/id/product", "6019\n");
-        writeFile(base + name + "/name", "a mouse\n");
-        writeFile(base + name + "/capabilities/key", "1f0000 0 0 0 0\n");
-        writeFile(base + name + "/capabilities/rel", "3 zz\n");
-        EXPECT_EQ(describe(Device(name)).has_value(), name == std::string("input12")) << name;
+    const std::pair<std::string, bool> names[] = {
+        {"input0", true},           {"input1000000000", true}, {"input1000000001", false},
+        {"input", false},           {"input-1", false},        {"input1x", false},
+        {"input9999999999", false}, {"input12", true}};
+    for (const auto& [name, described] : names) {
+        const std::pair<const char*, const char*> attributes[] = {
+            {"id/vendor", "17ef\n"},
+            {"id/product", "6019\n"},
+            {"name", "a mouse that is a touch screen\n"},
+            {"capabilities/key", "400 10000 0 0 0 0\n"},
+            {"capabilities/rel", "3\n"},
+            {"capabilities/abs", "1 3\n"},
+            {"properties", "2\n"}};
+        for (const auto& [attribute, value] : attributes) {
+            EXPECT_FALSE(describe(Device(name)) && attribute == std::string("id/product"));
+            writeFile("/sys/class/input/" + name + "/" + attribute, value);
+        }
+        EXPECT_EQ(describe(Device(name)).has_value(), described) << name;
     }
-    writeFile(base + "input12/capabilities/rel", "903\n");
-    const DeviceInfo info = describe(Device("input12"))->info;
-    EXPECT_EQ(info.deviceId, 1000012);
-    EXPECT_EQ(info.deviceClass, static_cast<int>(kMouseSource));
-    EXPECT_EQ(info.deviceName, "a mouse");
-    EXPECT_EQ(info.deviceType, 1);
+    EXPECT_EQ(text(describe(Device("input12"))->info),
+              "a mouse that is a touch screen, id 1000012, class 12290, interfaces {}, 6127:24601, "
+              "status 0, type 1, reason , category 0 ");
 }
 
 // Nothing but the handle tells the two apart: they have the same name and interfaces.
@@ -171,20 +172,39 @@ TEST_F(GateTest, AnAnswerDoesNotOpenTheNextDeviceOfTheName) {
     writeFile("/sys/bus/usb/drivers_probe", "");
     attach("1-1", "00", {"08"});
     const Device first("1-1");
-    const std::vector<std::string> interfaces = describe(first)->interfaces;
+    const Texts interfaces = describe(first)->interfaces;
     closeDevice(first, interfaces);
     EXPECT_FALSE(isOpen(first, interfaces));
     openDevice(first, interfaces);
     EXPECT_TRUE(isOpen(first, interfaces));
     EXPECT_EQ(readFile("/sys/bus/usb/drivers_probe"), "1-1:1.0");
 
-    detach("1-1");
-    attach("1-1", "00", {"08"}, 6);
+    fs::remove_all("/sys/devices");
+    fs::remove(kDevices + "1-1");
+    attach("1-1", "00", {"08"});
     closeDevice(Device("1-1"), interfaces);
     openDevice(first, interfaces);
     EXPECT_TRUE(first.directory.isGone());
     EXPECT_EQ(readFile(interfaceOf("1-1", 0) + "/authorized"), "0\n");
-    EXPECT_THAT(takeLog(), testing::IsEmpty());
+    EXPECT_THAT(takeLog(), IsEmpty());
+}
+
+TEST_F(GateTest, WhatTheKernelRefusesIsLoggedAndStaysClosed) {
+    attach("1-1", "00", {"03", "03"});
+    const Device device("1-1");
+    writeFile(interfaceOf("1-1", 0) + "/driver", "");
+    const Texts interfaces = describe(device)->interfaces;
+    closeDevice(device, interfaces);
+    writeFile(kDrivers + "usbhid/bind", "");
+    openFor("usbhid", device, interfaces);
+    EXPECT_EQ(readFile(kDrivers + "usbhid/bind"), "1-1:1.1") << "the other one has a driver";
+    EXPECT_THAT(takeLog(), IsEmpty());
+    openFor("hub", device, interfaces);
+    EXPECT_EQ(readFile(interfaceOf("1-1", 1) + "/authorized"), "0\n");
+    openDevice(device, {"1-1:1.0", "1-1:1.2"});
+    const std::string missing = " of 1-1: No such file or directory";
+    EXPECT_LOG("E no driver for 1-1:1.1 of 1-1: Bad file descriptor", "E cannot write 1-1:1.2/authorized" + missing,
+               "E no driver for 1-1:1.0" + missing, "E no driver for 1-1:1.2" + missing);
 }
 
 TEST_F(GateTest, RemovalsComeFirstAndFailuresLater) {
