@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <signal.h>
 #include <sys/resource.h>
-#include <unistd.h>
+
+#include <fstream>
 
 #include "kus_test.h"
 
@@ -72,34 +73,36 @@ TEST_F(ConfigFiles, BackupsAndRestoresGoByWhatWasParsed) {
     writeFile(configFilePath, "moved here meanwhile");
     EXPECT_TRUE(Util::backUpRules());
     EXPECT_EQ(readFile(backupFilePath), "parsed\n");
+    takeLog();
+    EXPECT_EQ(Util::restoreRules(), Util::Restored::kRewritten);
+    EXPECT_LOG("I The rules file was rewritten meanwhile, so it stays");
+    EXPECT_EQ(readFile(configFilePath), "moved here meanwhile");
     // Missing rules are no rewrite.
     fs::remove(configFilePath);
     EXPECT_EQ(Util::restoreRules(), Util::Restored::kWhole);
     EXPECT_EQ(readFile(configFilePath), "parsed\n");
 }
 
-// A restore that comes first is overwritten, one that comes later sees that the file is another.
-TEST_F(ConfigFiles, ARestoreNeverTakesAFileThatWasWrittenMeanwhile) {
+// Between the look at the file and its end, one who opens it waits; one who has it open is awaited.
+TEST_F(ConfigFiles, ARestoreIsNeverWrittenOverARewrite) {
     writeFile(backupFilePath, "backup\n");
-    int restored = 0, i = 0;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-    for (; std::chrono::steady_clock::now() < end; ++i) {
-        writeFile(configFilePath, "refused");
-        Util::readRules(configFilePath);
-        const auto wait = [](int spins) {
-            for (; spins > 0; --spins) getppid();
-        };
-        std::thread administrator([&] {
-            wait(i % 100 * 100);
-            writeFile(configFilePath, "good");
-        });
-        wait(i % 200 * 100);
-        restored += Util::restoreRules() == Util::Restored::kWhole;
-        administrator.join();
-        ASSERT_EQ(readFile(configFilePath), "good") << "in round " << i;
-    }
-    EXPECT_GT(restored, 0);
-    EXPECT_LT(restored, i);
+    writeFile(configFilePath, "refused");
+    Util::readRules(configFilePath);
+    std::ifstream reader(configFilePath);
+    std::thread ending([&] {
+        sleep_for(milliseconds(100));
+        reader.close();
+    });
+    std::thread administrator;
+    const auto whenHeld = [&] {
+        administrator = std::thread([] { writeFile(configFilePath, "good"); });
+        sleep_for(milliseconds(100));
+    };
+    EXPECT_EQ(Util::restoreRules(whenHeld), Util::Restored::kWhole);
+    ending.join();
+    ASSERT_TRUE(administrator.joinable());
+    administrator.join();
+    EXPECT_EQ(readFile(configFilePath), "good");
 }
 
 TEST_F(ConfigFiles, StatusFileHoldsJustTheText) {

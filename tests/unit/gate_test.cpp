@@ -203,8 +203,9 @@ TEST_F(GateTest, WhatTheKernelRefusesIsLoggedAndStaysClosed) {
     EXPECT_EQ(readFile(interfaceOf("1-1", 1) + "/authorized"), "0\n");
     openDevice(device, {"1-1:1.0", "1-1:1.2"});
     const std::string missing = " of 1-1: No such file or directory";
-    EXPECT_LOG("E no driver for 1-1:1.1 of 1-1: Bad file descriptor", "E cannot write 1-1:1.2/authorized" + missing,
-               "E no driver for 1-1:1.0" + missing, "E no driver for 1-1:1.2" + missing);
+    EXPECT_LOG("E no driver for 1-1:1.1 of 1-1: Bad file descriptor",
+               "E cannot write 1-1:1.2/authorized" + missing, "E no driver for 1-1:1.0" + missing,
+               "E no driver for 1-1:1.2" + missing);
 }
 
 TEST_F(GateTest, RemovalsComeFirstAndFailuresLater) {
