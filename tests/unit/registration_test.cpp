@@ -8,8 +8,6 @@
 namespace android::kus {
 namespace {
 
-constexpr char kRules[] = "<usbconfig mode=\"default\"/>";
-
 /** Set once: the binder library takes no second one. */
 sp<FakeServiceManager> serviceManager() {
     static sp<FakeServiceManager> manager;
@@ -23,7 +21,7 @@ class Registration : public ServiceTest {
 };
 
 TEST_F(Registration, ServiceIsPublishedWithItsRulesInForce) {
-    writeFile(configFilePath, kRules);
+    writeFile(configFilePath, "<usbconfig mode=\"default\"/>");
     KUsbService::Register();
     // The observer's thread outlives the test: it must be watching this test's directory.
     Texts log = takeLogUntil("registered successfully file observer");
@@ -66,12 +64,13 @@ TEST_F(Registration, RefusedDeathLinkOrUnlinkLeavesNoEntry) {
     EXPECT_EQ(client_->getStrongCount(), 1);
 
     client_->linkStatus = OK;
-    client_->unlinkStatus = NAME_NOT_FOUND;
     service_->registerKusCallback(client_);
+    // The last word of a client crosses the notice of its death.
+    client_->whenDead = [&] { service_->unregisterKusCallback(client_); };
     takeLog();
-    service_->unregisterKusCallback(client_);
+    client_->die();
     EXPECT_LOG(_, _, "E Failed to unlink death recipient from binder",
-               "I Size of callbacks at unregisterKusCallback0");
+               "I Size of callbacks at unregisterKusCallback0", "I Received binderDied");
     EXPECT_EQ(client_->getStrongCount(), 1);
 }
 
@@ -87,15 +86,6 @@ TEST_F(Registration, DeathRemovesOneEntryForEachRegistration) {
     isAllowed(usbDevice(1, {8}));
     EXPECT_THAT(client_->calls(), ElementsAre("added usb1"));
     EXPECT_EQ(dying->getStrongCount(), 1);
-}
-
-TEST_F(Registration, LastWordOfAClientMayCrossTheNoticeOfItsDeath) {
-    service_->registerKusCallback(client_);
-    client_->whenDead = [&] { service_->unregisterKusCallback(client_); };
-    takeLog();
-    client_->die();
-    EXPECT_LOG(_, _, "E Failed to unlink death recipient from binder",
-               "I Size of callbacks at unregisterKusCallback0", "I Received binderDied");
 }
 
 using RegistrationDeathTest = Registration;
@@ -121,22 +111,16 @@ TEST_F(RegistrationDeathTest, RefusedRulesStopNothingAndAreNotUndone) {
     EXPECT_EQ(readFile(configFilePath), rules);
 }
 
-TEST_F(RegistrationDeathTest, RefusedServiceIsFatal) {
-    writeFile(configFilePath, kRules);
-    const auto registerService = [&] {
-        manager_->status = PERMISSION_DENIED;
-        KUsbService::Register();
-    };
-    EXPECT_EXIT(registerService(), KilledBySignal(SIGABRT), "F Could not register KUS-1\n");
-    // It came after the rules.
-    EXPECT_EQ(readFile(statusFilePath), "SUCCESS");
-}
-
-TEST_F(RegistrationDeathTest, BrokenInvariantsAreFatal) {
+TEST_F(RegistrationDeathTest, RefusedServiceAndBrokenInvariantsAreFatal) {
     const auto recipient = [&] {
         return sp<IBinder::DeathRecipient>(
             new KUsbService::CallbackDeathRecipient(client_, service_.get()));
     };
+    const auto registerRefusedService = [&] {
+        manager_->status = PERMISSION_DENIED;
+        KUsbService::Register();
+    };
+    EXPECT_EXIT(registerRefusedService(), KilledBySignal(SIGABRT), "F Could not register KUS-1\n");
     EXPECT_EXIT(service_->registerKusCallback(nullptr), KilledBySignal(SIGABRT),
                 "F Check failed: callback_.get\\(\\) \n");
     EXPECT_EXIT(new KUsbService::CallbackDeathRecipient(client_, nullptr), KilledBySignal(SIGABRT),

@@ -67,6 +67,8 @@ TEST_F(RulesFile, RejectionsKeepWhatCameBeforeThem) {
         {"<vid/>", "vendorid TAG NOT PRESENT", "ATTRIBUTE value"},
         {"<vid vendorid=\"\"/>", "EMPTY VENDOR ID VALUE", "vid val"},
         {"<vid vendorid=\"0x46d\"/>", "INVALID VENDOR ID VALUE:0x46d", "vid val"},
+        {"<vid vendorid=\"1/\"/>", "INVALID VENDOR ID VALUE:1/", "vid val"},
+        {"<vid vendorid=\"1:\"/>", "INVALID VENDOR ID VALUE:1:", "vid val"},
         {pids("<pid>2</pid><pid/>"), "EMPTY PRODUCT ID VALUE", "pid val", {{1, 2}}},
         {pids("<pid>2</pid><b>+3</b>"), "INVALID PRODUCT ID VALUE:+3", "pid val", {{1, 2}}},
         {"<foo/><class>USB_CLASS_COMM</class>", "INVALID TAG:foo", "class value"},
@@ -169,13 +171,6 @@ TEST_F(RulesFile, VendorsAndTheirElements) {
     EXPECT_TRUE(Util::validateVid(1));
     loadRules(whitelist(pids("<pid>9</pid>")));
     EXPECT_FALSE(Util::validateVid(1)) << "3 is no longer listed";
-}
-
-TEST_F(RulesFile, NumbersAreDigitsOnly) {
-    for (const char* good : {"0", "007", "99999999999"}) EXPECT_TRUE(Util::isValidNumber(good));
-    for (const char* bad : {"", "1 ", "-1", "0x1", "1/", "1:", "\u0661"}) {
-        EXPECT_FALSE(Util::isValidNumber(bad)) << bad;
-    }
 }
 
 // The crash handler turns it into a restore of the last good rules.
