@@ -86,9 +86,13 @@ TEST_F(DeviceLists, EveryRegistrationIsToldAndALostNoticeIsAnError) {
     remove(usbDevice(1, {8}));
     for (const auto& client : {dead, full}) {
         EXPECT_THAT(client->calls(), ElementsAre("added usb1", "removed usb1"));
+        service_->unregisterKusCallback(client);
     }
-    EXPECT_THAT(client_->calls(),
-                ElementsAre("added usb1", "added usb1", "removed usb1", "removed usb1"));
+    EXPECT_EQ(client_->links(), 2u);
+    service_->unregisterKusCallback(client_);
+    add(usbDevice(2, {8}));
+    EXPECT_THAT(client_->calls(), ElementsAre("added usb1", "added usb1", "removed usb1",
+                                              "removed usb1", "added usb2"));
     const Texts log = takeLog();
     for (const std::string notice : {"onDeviceAdded", "onDeviceRemoved"}) {
         EXPECT_EQ(countOf("E Could not give " + notice + " to client 0x", log), 1);

@@ -58,7 +58,7 @@ TEST_F(GateTest, InputSourcesAreThePlatforms) {
         uint32_t sources;
     };
     const std::vector<size_t> arrows = {KEY_UP, KEY_DOWN, KEY_LEFT, KEY_RIGHT, KEY_SELECT};
-    const std::vector<size_t> xy = {ABS_X, ABS_Y};
+    const std::vector<size_t> xy = {ABS_X, ABS_Y}, direct = {INPUT_PROP_DIRECT};
     const std::vector<size_t> multiTouch = {ABS_MT_POSITION_X, ABS_MT_POSITION_Y};
     const Case cases[] = {
         {{}, {}, {}, {}, 0},
@@ -67,15 +67,15 @@ TEST_F(GateTest, InputSourcesAreThePlatforms) {
         {{BTN_MOUSE}, {REL_X, REL_Y}, {}, {}, kMouseSource},
         {{BTN_MOUSE}, {REL_X}, {}, {}, 0},
         {{BTN_GAMEPAD}, {}, xy, {}, kKeyboardSource | kGamepadSource | kJoystickSource},
-        {{BTN_TOUCH}, {}, xy, {INPUT_PROP_DIRECT}, kTouchscreenSource},
+        {{BTN_TOUCH}, {}, xy, direct, kTouchscreenSource},
         {{BTN_TOUCH}, {}, xy, {}, kTouchpadSource},
-        {{}, {}, multiTouch, {INPUT_PROP_DIRECT}, kTouchscreenSource},
+        {{}, {}, multiTouch, direct, kTouchscreenSource},
         {{BTN_GAMEPAD}, {}, multiTouch, {}, kKeyboardSource | kGamepadSource},
-        {{BTN_TOUCH, BTN_TOOL_PEN},
-         {},
-         xy,
-         {INPUT_PROP_DIRECT},
-         kTouchscreenSource | kStylusSource},
+        {{BTN_TOUCH, BTN_TOOL_PEN}, {}, xy, direct, kTouchscreenSource | kStylusSource},
+        {{BTN_MISC}, {}, {}, {}, kKeyboardSource | kGamepadSource},
+        {{BTN_JOYSTICK}, {}, {}, {}, kKeyboardSource | kGamepadSource},
+        {{BTN_WHEEL}, {}, {}, {}, kKeyboardSource},
+        {{BTN_DIGI}, {}, {}, {}, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(&c - cases);
@@ -246,7 +246,7 @@ TEST_F(GateTest, RemovalsComeFirstAndFailuresLater) {
 }
 
 // Under ThreadSanitizer: what comes and goes meets what is asked.
-TEST_F(GateTest, WhatIsPostponedIsLookedAtAgain) {
+TEST_F(GateTest, WhatIsPostponedIsLookedAtAgainAndLaterEachTime) {
     DeviceTable table;
     std::thread kernel([&] {
         for (int i = 0; i < 200; ++i) {
@@ -255,16 +255,18 @@ TEST_F(GateTest, WhatIsPostponedIsLookedAtAgain) {
         }
         table.add(device("1-2"));
     });
-    int looks = 0;
-    while (looks < 3) {
+    std::vector<std::chrono::steady_clock::time_point> looks;
+    while (looks.size() < 3) {
         const auto undecided = table.nextTask().undecided;
         if (undecided == nullptr) continue;
-        if (undecided->name == "1-2") ++looks;
+        if (undecided->name == "1-2") looks.push_back(std::chrono::steady_clock::now());
         table.isToBeAskedAbout(undecided, {});
         table.postpone(undecided);
     }
     kernel.join();
     EXPECT_TRUE(table.has("1-2"));
+    EXPECT_GE(looks[1] - looks[0], milliseconds(100));
+    EXPECT_GE(looks[2] - looks[1], milliseconds(200));
 }
 
 }  // namespace

@@ -80,9 +80,9 @@ TEST_F(Golden, LogOfRulesAndOfDevicesThatComeAndGo) {
     }
     DeviceInfo adapter = usbDevice(1002, {3, 8, 6}, 6121, 10);
     adapter.deviceClass = 8;
-    const DeviceInfo keyboard = usbDevice(1003, {3});
+    const DeviceInfo keyboard = usbDevice(1003, {3}), keys = inputDevice(1000006, 0x101);
     const DeviceInfo mouseWithKeys = inputDevice(1000007, 0x2102, 7000, 5734);
-    for (const DeviceInfo& device : {adapter, keyboard, mouseWithKeys}) {
+    for (const DeviceInfo& device : {adapter, keyboard, keys, mouseWithKeys}) {
         EXPECT_FALSE(isAllowed(device));
     }
     deviceList();

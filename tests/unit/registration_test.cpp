@@ -45,18 +45,6 @@ TEST_F(Registration, ServiceIsPublishedWithItsRulesInForce) {
     EXPECT_TRUE(isUserDebugBuild);
 }
 
-TEST_F(Registration, EachRegistrationIsAnEntryUntilItIsTakenBack) {
-    for (const size_t links : {1, 2}) {
-        EXPECT_TRUE(service_->registerKusCallback(client_).isOk());
-        EXPECT_EQ(client_->links(), links);
-    }
-    EXPECT_TRUE(service_->unregisterKusCallback(client_).isOk());
-    isAllowed(usbDevice(1, {8}));
-    for (int i = 0; i < 2; ++i) EXPECT_TRUE(service_->unregisterKusCallback(client_).isOk());
-    isAllowed(usbDevice(2, {8}));
-    EXPECT_THAT(client_->calls(), ElementsAre("added usb1"));
-}
-
 TEST_F(Registration, RefusedDeathLinkOrUnlinkLeavesNoEntry) {
     client_->linkStatus = NO_MEMORY;
     EXPECT_TRUE(service_->registerKusCallback(client_).isOk());

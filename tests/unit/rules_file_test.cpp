@@ -54,30 +54,5 @@ TEST_F(RulesFile, EveryClassHasOneNameInBothDirections) {
     EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(RulesFile, InputSourcesOfAMask) {
-    const struct {
-        int key, mask;
-        const char* found;
-        std::vector<int> sources;
-    } cases[] = {
-        {0x101, 0x100, "I Key found", {0x100}},
-        {0x1000010, 0x1000000, "I Key found", {0x1000000}},
-        {0x2902, 0x2900, "I Key not found", {0x100, 0x2000}},
-        {0xFF, 0, "I Key not found", {}},
-        {0x800, 0x800, "I Key not found", {}},
-        // All bits set, as a signed number.
-        {-1,
-         -256,
-         "I Key not found",
-         {0x100, 0x200, 0x400, 0x1000, 0x2000, 0x4000, 0x10000, 0x20000, 0x100000, 0x200000,
-          0x400000, 0x1000000}},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(Util::checkMultiClass(c.key), c.sources) << c.key;
-        EXPECT_LOG("I checkMultiClass key_val" + std::to_string(c.key),
-                   "I checkMultiClass--" + std::to_string(c.mask), c.found, "I ");
-    }
-}
-
 }  // namespace
 }  // namespace android::kus

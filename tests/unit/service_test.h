@@ -18,8 +18,8 @@ namespace android::kus {
  */
 class FakeClient : public BnKUsbServiceCallback {
   public:
-    /** What the next links, unlinks and calls return. */
-    status_t linkStatus = OK, unlinkStatus = OK, callStatus = OK;
+    /** What the next links and calls return. */
+    status_t linkStatus = OK, callStatus = OK;
     /** Run inside every call, where a client may call the service. */
     std::function<void()> whenCalled = [] {};
     /** Run when it is dead and nobody has been told. */
@@ -72,7 +72,6 @@ class FakeClient : public BnKUsbServiceCallback {
         EXPECT_TRUE(cookie == nullptr && flags == 0);
         const std::lock_guard lock(lock_);
         if (dead_) return DEAD_OBJECT;
-        if (unlinkStatus != OK) return unlinkStatus;
         const auto it = std::find(recipients_.begin(), recipients_.end(), recipient);
         if (it == recipients_.end()) return NAME_NOT_FOUND;
         recipients_.erase(it);
