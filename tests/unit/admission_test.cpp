@@ -2,7 +2,6 @@
 #include <cutils/properties.h>
 
 #include "service_test.h"
-#include "usb_tree.h"
 
 namespace android::kus {
 namespace {
@@ -86,13 +85,11 @@ TEST_F(Admission, MatchAllowsInWhitelistModeAndBlocksInBlacklistMode) {
         // The last two are what a rejected file can leave behind.
         for (const std::string mode : {"default", "whitelist", "blacklist", "Blacklist", ""}) {
             const std::string list = mode == "blacklist" ? "Blacklist" : "Whitelist";
-            bool expected = match.empty() == (mode == "blacklist");
-            std::string reason = match.empty() ? "No matching rule found to " + list + " the device"
-                                               : list + "ed: " + match;
-            if (mode == "default") {
-                expected = true;
-                reason = "Enabled by default rule";
-            }
+            const bool expected = mode == "default" || match.empty() == (mode == "blacklist");
+            const std::string reason = mode == "default" ? "Enabled by default rule"
+                                       : match.empty()
+                                           ? "No matching rule found to " + list + " the device"
+                                           : list + "ed: " + match;
             SCOPED_TRACE(mode + ", " + text(device));
             attach();
             configMode = mode;

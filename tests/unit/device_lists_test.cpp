@@ -2,8 +2,6 @@
 #include <cutils/properties.h>
 
 #include "service_test.h"
-#include "usb_tree.h"
-#include "usbdevice/UsbDevice.h"
 
 namespace android::kus {
 namespace {

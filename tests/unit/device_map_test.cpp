@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "kus_test.h"
-#include "usb_tree.h"
-#include "usbdevice/UsbDevice.h"
 
 namespace android::kus {
 namespace {

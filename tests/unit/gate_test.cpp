@@ -7,7 +7,6 @@
 #include "gate/opening.h"
 #include "gate/silencing.h"
 #include "service_test.h"
-#include "usb_tree.h"
 
 namespace android::kus {
 namespace {

@@ -8,8 +8,6 @@
 #include <regex>
 
 #include "service_test.h"
-#include "usb_tree.h"
-#include "usbdevice/UsbDevice.h"
 
 namespace android::kus {
 namespace {

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "usbdevice/UsbDevice.h"
 #include "util/Util.h"
 #include "util/rule_tables.h"
 
@@ -66,5 +67,28 @@ void loadRules(const std::string& xml);
 
 /** Lists these vendors and products, and no others. */
 void setVendors(const Vendors& vendors);
+
+/**
+ * Adds an entry to /sys/bus/usb/devices, a link as in sysfs, to /sys/devices/controller/`name`,
+ * with attributes such as "devnum=5, product=A thing". Every other number that a scan reads is
+ * `number`.
+ */
+void addEntry(const std::string& name, const std::string& attributes = "",
+              const std::string& number = "0");
+
+/** Adds an interface such as 1-2:1.0, and the directories below it. */
+void addInterface(const std::string& name, int interfaceClass, const Texts& directories = {});
+
+/** Adds a device such as 1-2, without interfaces. */
+void addDevice(const std::string& name, int devnum, int vendor = 0x1234, int product = 0x5678);
+
+/** Scans entries, in this order, whatever they lack, and returns what goes to standard error. */
+std::string scan(const std::string& names);
+
+/** The path of an entry's attribute or subdirectory. */
+std::string sysfsPath(const std::string& entry, const std::string& below);
+
+/** What the device-id map may hold of an interface. */
+usbinterface_custom mapRecord(const char* name, int category = 0, int vendor = 0);
 
 }  // namespace android::kus

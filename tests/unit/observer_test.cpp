@@ -13,8 +13,6 @@
 #include <shared_mutex>
 
 #include "service_test.h"
-#include "usb_tree.h"
-#include "usbdevice/UsbDevice.h"
 
 namespace android::kus {
 namespace {

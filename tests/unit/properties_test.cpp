@@ -41,19 +41,5 @@ TEST_F(Properties, Limits) {
     for (const char* name : {"a", "ro.a"}) EXPECT_EQ(get(name, ""), longest);
 }
 
-TEST_F(Properties, ReadersNeverSeeAHalfWrittenValue) {
-    property_set("a", "short");
-    std::thread writer([] {
-        for (int i = 0; i < 500; i++) property_set("a", i % 2 ? "short" : "a longer value");
-        property_set("a", "end");
-    });
-    std::string value;
-    do {
-        value = get("a", "(none)");
-        EXPECT_THAT(value, AnyOf("short", "a longer value", "end"));
-    } while (value != "end");
-    writer.join();
-}
-
 }  // namespace
 }  // namespace android::kus

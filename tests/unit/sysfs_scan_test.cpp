@@ -2,8 +2,6 @@
 #include <android-base/strings.h>
 
 #include "kus_test.h"
-#include "usb_tree.h"
-#include "usbdevice/UsbDevice.h"
 
 namespace android::kus {
 namespace {

@@ -2,6 +2,7 @@
 
 // The bytes of every call, as data/parcels.txt tells them.
 
+#include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 #include <android/kus/BnKUsbService.h>
 #include <android/kus/BnKUsbServiceCallback.h>
@@ -35,9 +36,7 @@ DeviceInfo device() {
 std::string hex(const void* data, size_t size) {
     std::string digits;
     for (size_t i = 0; i < size; ++i) {
-        char byte[3];
-        snprintf(byte, sizeof(byte), "%02x", static_cast<const uint8_t*>(data)[i]);
-        digits += byte;
+        base::StringAppendF(&digits, "%02x", static_cast<const uint8_t*>(data)[i]);
     }
     return digits;
 }
