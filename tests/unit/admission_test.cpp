@@ -7,7 +7,6 @@ namespace android::kus {
 namespace {
 
 constexpr char kInterface[] = "1-1:1.0";
-constexpr char kHidDirectory[] = "0003:046D:C31C.0001";
 
 class Admission : public ServiceTest {
   protected:
@@ -106,7 +105,7 @@ TEST_F(Admission, MatchAllowsInWhitelistModeAndBlocksInBlacklistMode) {
 }
 
 TEST_F(Admission, HidDevicesAreLeftToTheInputSubsystem) {
-    attach({std::string(kHidDirectory) + "/input"});
+    attach({"0003:046D:C31C.0001/input"});
     setVendors({{1, -1}});
     for (const char* mode : {"default", "whitelist", "blacklist"}) {
         configMode = mode;
@@ -115,7 +114,7 @@ TEST_F(Admission, HidDevicesAreLeftToTheInputSubsystem) {
     EXPECT_THAT(deviceList(), IsEmpty());
     EXPECT_TRUE(isAuthorized());
     // But for vendor-specific ones.
-    attach({kHidDirectory});
+    attach({"0003:046D:C31C.0001"});
     configMode = "whitelist";
     for (const int vendor : {1, 2}) {
         EXPECT_EQ(isAllowed(usb({3, 3}, vendor)), vendor == 1);

@@ -7,25 +7,24 @@ namespace {
 const std::string kHid = "0003:046D:C31C.0001";
 const std::string kPath = "/sys/bus/usb/devices/1-1:1.0";
 
-class DeviceMap : public KusTest {
-  protected:
-    /** "CATEGORY PATH" of 1-1:1.0 with files and directories ("net/") below it, for its class. */
-    static std::string categorise(int interfaceClass, const Texts& files) {
-        fs::remove_all(kPath);
-        for (const std::string& file : files) {
-            if (file.back() == '/') {
-                fs::create_directories(kPath + "/" + file);
-            } else {
-                writeFile(kPath + "/" + file, "");
-            }
+class DeviceMap : public KusTest {};
+
+/** "CATEGORY PATH" of 1-1:1.0 with files and directories ("net/") below it, for its class. */
+std::string categorise(int interfaceClass, const Texts& files) {
+    fs::remove_all(kPath);
+    for (const std::string& file : files) {
+        if (file.back() == '/') {
+            fs::create_directories(kPath + "/" + file);
+        } else {
+            writeFile(kPath + "/" + file, "");
         }
-        usbinterface i = {};
-        strcpy(i.name, "1-1:1.0");
-        i.bInterfaceClass = interfaceClass;
-        UsbDevice::populate_category_device(&i);
-        return std::to_string(i.category) + " " + i.category_path;
     }
-};
+    usbinterface i = {};
+    strcpy(i.name, "1-1:1.0");
+    i.bInterfaceClass = interfaceClass;
+    UsbDevice::populate_category_device(&i);
+    return std::to_string(i.category) + " " + i.category_path;
+}
 
 TEST_F(DeviceMap, RebuildKeepsTheInterfacesThatHaveADevice) {
     addEntry("usb1");

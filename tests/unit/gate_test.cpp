@@ -28,14 +28,13 @@ TEST_F(GateTest, AnEventIsItsFields) {
 }
 
 TEST_F(GateTest, InputSourcesAreThePlatforms) {
-    struct Case {
-        std::vector<size_t> keys, relative, absolute, properties;
-        uint32_t sources;
-    };
     const std::vector<size_t> arrows = {KEY_UP, KEY_DOWN, KEY_LEFT, KEY_RIGHT, KEY_SELECT};
     const std::vector<size_t> xy = {ABS_X, ABS_Y}, direct = {INPUT_PROP_DIRECT};
     const std::vector<size_t> multiTouch = {ABS_MT_POSITION_X, ABS_MT_POSITION_Y};
-    const Case cases[] = {
+    const struct {
+        std::vector<size_t> keys, relative, absolute, properties;
+        uint32_t sources;
+    } cases[] = {
         {{}, {}, {}, {}, 0},
         {{KEY_A}, {}, {}, {}, kKeyboardSource},
         {arrows, {}, {}, {}, kKeyboardSource | kDpadSource},
@@ -52,7 +51,7 @@ TEST_F(GateTest, InputSourcesAreThePlatforms) {
         {{BTN_WHEEL}, {}, {}, {}, kKeyboardSource},
         {{BTN_DIGI}, {}, {}, {}, 0},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
         InputCapabilities capabilities;
         for (size_t bit : c.keys) capabilities.keys.set(bit);

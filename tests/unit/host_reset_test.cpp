@@ -37,9 +37,9 @@ int64_t reset(int value) {
 
 class HostReset : public KusTest {
   protected:
-    /** An adapter whose first bus digit is 1, with this devspec on the root hub of bus 1. */
-    void attachDisplayLink(const std::string& devspec, const char* interfaceName = "1-1:1.0") {
-        UsbDevice::deviceid_map = {{1001, {}}, {1002, mapRecord(interfaceName, 0, 0x17E9)}};
+    /** An adapter on bus 12, which is looked up under its first digit, with this devspec there. */
+    void attachDisplayLink(const std::string& devspec) {
+        UsbDevice::deviceid_map = {{1001, {}}, {1002, mapRecord("12-1:1.0", 0, 0x17E9)}};
         writeFile(sysfsPath("usb1", "devspec"), devspec);
     }
 };
@@ -158,14 +158,13 @@ TEST_F(HostReset, RealUndockDuringTheWaitDocksAtOnce) {
 
 TEST_F(HostReset, ControllerOfADisplayLinkAdapter) {
     EXPECT_EQ(UsbDevice::get_displaylink_soc_path(), "empty");
-    // Bus 12 is looked up under its first digit.
-    attachDisplayLink("/soc/hsusb@c200000\n", "12-1:1.0");
-    EXPECT_EQ(UsbDevice::get_displaylink_soc_path(), kHsusb);
-    for (const auto& [devspec, path] :
-         {std::pair("/soc/ssusb@a800000/dwc3@a800000", kSsusb.c_str()),
-          {"", ""},
-          {"/soc", "empty"},
-          {"/soc/ssusb", "empty"}}) {
+    const std::pair<const char*, std::string> cases[] = {
+        {"/soc/hsusb@c200000\n", kHsusb},
+        {"/soc/ssusb@a800000/dwc3@a800000", kSsusb},
+        {"", ""},
+        {"/soc", "empty"},
+        {"/soc/ssusb", "empty"}};
+    for (const auto& [devspec, path] : cases) {
         attachDisplayLink(devspec);
         EXPECT_EQ(UsbDevice::get_displaylink_soc_path(), path) << devspec;
     }

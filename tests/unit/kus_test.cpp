@@ -52,8 +52,8 @@ KusTest::KusTest() {
     fs::create_directories(fs::path(configFilePath).parent_path());
 
     auto state = std::tie(configMode, errorMessage, xml_parse_status, isUserDebugBuild,
-                          rulesAreLeftByCrash, UsbDevice::verbose_trace);
-    static const std::tuple<std::string, std::string, bool, bool, bool, bool> initialState = state;
+                          UsbDevice::verbose_trace);
+    static const std::tuple<std::string, std::string, bool, bool, bool> initialState = state;
     state = initialState;
     clearRules();
     Util::readRules(configFilePath);

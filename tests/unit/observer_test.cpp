@@ -222,8 +222,6 @@ TEST_F(ObserverTest, EightThreadsCallEverythingWhileRulesAreRewritten) {
 
     const DeviceInfo stick = usbDevice(1001, {8}), keyboard = inputDevice(1003, 0x101);
     const base::unique_fd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
-    Vector<String16> topology;
-    topology.add(String16("test"));
     std::atomic<bool> ended = false;
     std::vector<std::thread> threads;
     const auto repeat = [&](const std::function<void()>& call) {
@@ -233,8 +231,14 @@ TEST_F(ObserverTest, EightThreadsCallEverythingWhileRulesAreRewritten) {
     };
     repeat([&] { EXPECT_FALSE(isAllowed(stick)); });
     repeat([&] { EXPECT_TRUE(isAllowed(usbDevice(1002, {1}))); });
-    repeat([&] { isAllowed(keyboard), remove(keyboard); });
-    repeat([&] { deviceList(), remove(stick); });
+    repeat([&] {
+        isAllowed(keyboard);
+        remove(keyboard);
+    });
+    repeat([&] {
+        deviceList();
+        remove(stick);
+    });
     repeat([&] {
         service_->registerKusCallback(client_);
         service_->unregisterKusCallback(client_);
@@ -246,8 +250,8 @@ TEST_F(ObserverTest, EightThreadsCallEverythingWhileRulesAreRewritten) {
     });
     repeat([&, wait = -1]() mutable { service_->resetUsbDevices(wait = -wait); });
     repeat([&] {
-        service_->dump(nowhere, {});
-        service_->dump(nowhere, topology);
+        dump(nowhere.get());
+        dump(nowhere.get(), {"test"});
     });
     for (int i = 0; i < 80; ++i) {
         writeFile(configFilePath, rewrites[i % std::size(rewrites)]);

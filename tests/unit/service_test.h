@@ -108,6 +108,12 @@ class ServiceTest : public KusTest {
         EXPECT_TRUE(service_->updateDeviceList(device, 0).isOk());
     }
 
+    void dump(int fd, const Texts& arguments = {}) {
+        Vector<String16> texts;
+        for (const std::string& argument : arguments) texts.add(String16(argument.c_str()));
+        EXPECT_EQ(service_->dump(fd, texts), OK);
+    }
+
     std::vector<DeviceInfo> deviceList() {
         std::vector<DeviceInfo> devices;
         EXPECT_TRUE(service_->getDeviceList(&devices).isOk());

@@ -49,11 +49,12 @@ TEST_F(Startup, TasksWriteTheDefaultRules) {
 }
 
 TEST_F(Startup, TasksLeaveWhatIsThereAndCreateNoDirectory) {
-    const std::pair<std::string, const char*> cases[] = {
-        {configFilePath, "I Directory exist, creating file"},
-        {std::string(configFilePath) + "/a directory", "I Directory exist, creating file"},
-        {configDirectory, "I no Directory exist"},
-        {"/data/system/other", "I no Directory exist"}};
+    const std::string creates = "I Directory exist, creating file", no = "I no Directory exist";
+    const std::pair<std::string, std::string> cases[] = {
+        {configFilePath, creates},
+        {std::string(configFilePath) + "/a directory", creates},
+        {configDirectory, no},
+        {"/data/system/other", no}};
     for (const auto& [path, log] : cases) {
         fs::remove_all(configDirectory);
         writeFile(path, "mine");

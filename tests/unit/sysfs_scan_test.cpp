@@ -124,29 +124,25 @@ TEST_F(SysfsScan, RecordsHoldTheAttributes) {
 }
 
 TEST_F(SysfsScan, LongNamesAreCut) {
-    const std::string digits(252, '0'), fits = "1-1" + digits.substr(1), device = fits + "0";
-    addEntry(fits, "bConfigurationValue=2");
-    addEntry(device, "bConfigurationValue=2");
-    std::string warnings;
-    for (const std::string& name : {"usb" + digits, "1-1:1." + digits}) {
+    const std::string digits(252, '0'), fits = "1-1" + digits.substr(1), tooLong = fits + "0";
+    // The path of a driver link has to fit 4096 bytes with its terminator.
+    const std::string device(4068, '1'), bus = "usb" + std::string(4062, '1');
+    for (const std::string& name : {fits, tooLong}) addEntry(name, "bConfigurationValue=2");
+    std::string names, warnings;
+    for (const std::string& name : {"usb" + digits, bus, "1-1:1." + digits}) {
+        names += " " + name;
         warnings += "warning: '" + name + "' truncated to '" + name.substr(0, 254) + "'\n";
     }
-    // The path of a driver link has to fit 4096 bytes with its terminator.
-    const std::string farTooLong(4068, '1'), bus = "usb" + std::string(4062, '1');
     testing::internal::CaptureStdout();
-    scan(fits + " " + device + " usb" + digits + " 1-1:1." + digits);
+    scan(fits + " " + tooLong + " " + device + names);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), warnings);
+    EXPECT_EQ(namesIn(UsbDevice::device_list),
+              " " + fits + " " + fits + " " + device.substr(0, 254));
     Numbers configurations;
-    for (const usbdevice& d : UsbDevice::device_list) {
-        EXPECT_EQ(d.name, fits);
+    for (const usbdevice& d : UsbDevice::device_list)
         configurations.push_back(d.bConfigurationValue);
-    }
-    EXPECT_THAT(configurations, ElementsAre(0, 2)) << "is read of a device whose name is cut";
-
-    testing::internal::CaptureStdout();
-    scan(farTooLong + " " + bus);
-    testing::internal::GetCapturedStdout();
-    EXPECT_LOG("E Can not read driver link for " + farTooLong + ": " + farTooLong + "4096",
+    EXPECT_THAT(configurations, ElementsAre(0, 2, 0)) << "is read of a device whose name is cut";
+    EXPECT_LOG("E Can not read driver link for " + device + ": " + device + "4096",
                "E Cannot read driver link for " + bus + ": " + bus + "4096");
 }
 

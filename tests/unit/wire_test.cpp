@@ -4,14 +4,12 @@
 
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
-#include <android/kus/BnKUsbService.h>
-#include <android/kus/BnKUsbServiceCallback.h>
 #include <android/kus/BpKUsbService.h>
 #include <android/kus/BpKUsbServiceCallback.h>
 
 #include <regex>
 
-#include "kus_test.h"
+#include "service_test.h"
 
 namespace android::kus {
 namespace {
@@ -19,13 +17,9 @@ namespace {
 using binder::Status;
 
 DeviceInfo device() {
-    DeviceInfo device;
+    DeviceInfo device = usbDevice(1001, {8, 255}, 0x0951, 0x1666);
     device.deviceName = "m\u00e9mo";
-    device.deviceId = 1001;
     device.deviceClass = 0xef;
-    device.interfaceClassList = {8, 255};
-    device.vendorId = 0x0951;
-    device.productId = 0x1666;
     device.status = 1;
     device.reason = "ok";
     device.category = 4;
@@ -84,32 +78,16 @@ class Wire : public BBinder {
     const sp<IBinder> callee_;
 };
 
-class Service : public BnKUsbService {
+/** The service, which resets nothing but returns what it is told to. */
+class Service : public KUsbService {
   public:
-    using Client = sp<IKUsbServiceCallback>;
-    Status registerKusCallback(const Client&) override { return result; }
-    Status unregisterKusCallback(const Client&) override { return result; }
-    Status getDeviceList(std::vector<DeviceInfo>* devices) override {
-        *devices = {device(), device()};
-        return result;
-    }
-    Status updateDeviceList(const DeviceInfo&, int32_t) override { return result; }
-    Status isDeviceAllowed(const DeviceInfo&, bool* allowed) override {
-        *allowed = true;
-        return result;
-    }
     Status resetUsbDevices(int32_t) override { return result; }
 
     Status result;
 };
 
-class Callback : public BnKUsbServiceCallback {
-    Status onDeviceAdded(const DeviceInfo&) override { return Status::ok(); }
-    Status onDeviceRemoved(const DeviceInfo&) override { return Status::ok(); }
-};
-
 // That each side reads what the other one writes is tested over the driver.
-class WireTest : public testing::Test {
+class WireTest : public ServiceTest {
   protected:
     void expectPassed(const Status& status, uint32_t code, const std::string& request,
                       const std::string& reply) {
@@ -120,29 +98,28 @@ class WireTest : public testing::Test {
         EXPECT_EQ(wire_->reply, parcel({"no exception"}) + reply) << "of call " << code;
     }
 
-    const sp<Service> service_ = new Service;
-    const sp<Callback> callback_ = new Callback;
-    const sp<Wire> wire_ = new Wire(service_);
-    const sp<IKUsbService> client_ = new BpKUsbService(wire_);
+    const sp<Service> callee_ = new Service;
+    const sp<Wire> wire_ = new Wire(callee_);
+    const sp<IKUsbService> proxy_ = new BpKUsbService(wire_);
 };
 
 TEST_F(WireTest, CallsOfTheService) {
-    const std::string client = localObject(callback_.get());
+    const std::string client = localObject(client_.get());
     std::vector<DeviceInfo> devices;
     bool allowed = false;
-    expectPassed(client_->registerKusCallback(callback_), 1, client, "");
-    expectPassed(client_->unregisterKusCallback(callback_), 2, client, "");
-    expectPassed(client_->getDeviceList(&devices), 3, "", parcel({"2", "device", "device"}));
-    expectPassed(client_->updateDeviceList(device(), 2), 4, parcel({"device", "2"}), "");
-    expectPassed(client_->isDeviceAllowed(device(), &allowed), 5, parcel({"device"}),
-                 parcel({"1"}));
-    expectPassed(client_->resetUsbDevices(-2), 6, parcel({"-2"}), "");
+    for (const int id : {1, 2}) mUsbDeviceInfoList[id] = std::make_unique<DeviceInfo>(device());
+    expectPassed(proxy_->registerKusCallback(client_), 1, client, "");
+    expectPassed(proxy_->unregisterKusCallback(client_), 2, client, "");
+    expectPassed(proxy_->getDeviceList(&devices), 3, "", parcel({"2", "device", "device"}));
+    expectPassed(proxy_->updateDeviceList(device(), 2), 4, parcel({"device", "2"}), "");
+    expectPassed(proxy_->isDeviceAllowed(device(), &allowed), 5, parcel({"device"}), parcel({"1"}));
+    expectPassed(proxy_->resetUsbDevices(-2), 6, parcel({"-2"}), "");
     EXPECT_EQ(devices.size(), 2u);
     EXPECT_TRUE(allowed);
 }
 
 TEST_F(WireTest, CallsOfTheCallback) {
-    const sp<Wire> wire = new Wire(callback_);
+    const sp<Wire> wire = new Wire(client_);
     const sp<IKUsbServiceCallback> caller = new BpKUsbServiceCallback(wire);
     for (const uint32_t code : {1, 2}) {
         const Status status =
@@ -156,17 +133,17 @@ TEST_F(WireTest, CallsOfTheCallback) {
 }
 
 TEST_F(WireTest, Exceptions) {
-    service_->result = Status::fromExceptionCode(Status::EX_ILLEGAL_STATE, "no");
-    EXPECT_EQ(client_->resetUsbDevices(0).toString8(), service_->result.toString8());
+    callee_->result = Status::fromExceptionCode(Status::EX_ILLEGAL_STATE, "no");
+    EXPECT_EQ(proxy_->resetUsbDevices(0).toString8(), callee_->result.toString8());
     EXPECT_EQ(wire_->reply, parcel({"illegal state"}));
-    EXPECT_EQ(client_->registerKusCallback(nullptr).exceptionCode(), Status::EX_NULL_POINTER);
+    EXPECT_EQ(proxy_->registerKusCallback(nullptr).exceptionCode(), Status::EX_NULL_POINTER);
     EXPECT_EQ(wire_->request, parcel({"IKUsbService", "null object"}));
     EXPECT_EQ(wire_->reply, parcel({"null pointer"}));
 }
 
 TEST_F(WireTest, NamesAndDescriptors) {
     Parcel none, reply, descriptor;
-    EXPECT_EQ(callback_->transact(0x5f4e5446 /* _NTF */, none, &reply), OK);
+    EXPECT_EQ(client_->transact(0x5f4e5446 /* _NTF */, none, &reply), OK);
     EXPECT_EQ(hex(reply), parcel({"IKUsbServiceCallback"}).substr(24)) << "without three words";
     descriptor.writeFileDescriptor(5);
     EXPECT_EQ(hex(descriptor), parcel({"descriptor 5"}));
