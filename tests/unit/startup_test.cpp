@@ -73,6 +73,7 @@ TEST_F(Startup, AnyOtherArgumentStartsTheDaemon) {
     EXPECT_NE(status_, 0);
     EXPECT_EQ(log_[1], "I  parsing register createmap called");
     EXPECT_THAT(log_, Contains("I Segmentation faultsignum6"));
+    EXPECT_THAT(log_, Not(Contains(HasSubstr("sysfs path")))) << "no controller was off";
     EXPECT_EQ(readFile(statusFilePath), crashStatus);
 }
 
