@@ -100,7 +100,7 @@ void check() {
 }
 
 /** An edit of accepted rules gives accepted ones, touches no other device, and is done once. */
-void edit(const std::string& text, bool allow, const Subject& subject, const Device& device) {
+void edit(const std::string& text, bool allow, const Subject& subject, const DeviceFacts& device) {
     const Edit edited = editRules(text, allow, subject);
     if (!edited.problem.empty()) {
         CHECK_EQ(edited.text, text);
@@ -127,15 +127,11 @@ void edit(const std::string& text, bool allow, const Subject& subject, const Dev
 }
 
 void edit(const std::string& text) {
-    Device product, printer;
-    product.vendorId = 1155;
-    product.productId = 22336;
-    product.interfaceClassList = {-1};
-    printer.interfaceClassList = {7};
+    const Subject product = {{}, 1155, 22336}, vendor = {{}, 1155}, printer = {7};
     for (const bool allow : {true, false}) {
-        edit(text, allow, {{}, 1155, 22336}, product);
-        edit(text, allow, {{}, 1155, kUnknownId}, product);
-        edit(text, allow, {7, kUnknownId, kUnknownId}, printer);
+        edit(text, allow, product, sampleOf(product));
+        edit(text, allow, vendor, sampleOf(product));
+        edit(text, allow, printer, sampleOf(printer));
     }
 }
 

@@ -107,7 +107,7 @@ struct Prospect {
 std::vector<Prospect> prospectsOf(const std::vector<DeviceInfo>& devices, Rules* rules) {
     std::vector<Prospect> prospects;
     for (const DeviceInfo& device : devices) {
-        const Answer answer = rules->decide(toDevice(device));
+        const Answer answer = rules->decide(factsOf(device));
         prospects.push_back({device, answer.allowed, answer.reason});
     }
     return prospects;

@@ -43,7 +43,7 @@ taken these rules.
 
 struct Question {
     std::string rules = configFilePath;
-    Device device;
+    DeviceFacts device;
     /** Path of a list to decide on instead of the device, or empty. */
     std::string devices;
     bool verbose = false;
@@ -52,7 +52,7 @@ struct Question {
 
 Question parseArguments(int argc, char** argv) {
     Question question;
-    Device& device = question.device;
+    DeviceFacts& device = question.device;
     parseOptions(
         argc, argv,
         {{"rules", &question.rules},
@@ -73,7 +73,7 @@ Question parseArguments(int argc, char** argv) {
 }
 
 void expectComplete(const Question& question) {
-    const Device& device = question.device;
+    const DeviceFacts& device = question.device;
     const bool vendor = device.vendorId != kUnknownId, product = device.productId != kUnknownId;
     if (!question.devices.empty()) {
         if (vendor || product || device.deviceType != 0 || !device.interfaceClassList.empty() ||

@@ -210,7 +210,7 @@ class LineParser {
     }
 
     bool parseMember(string_view key) {
-        Device& device = result_->device;
+        DeviceFacts& device = result_->device;
         if (key == "vendor") return vendor_ = expect(json_.integer(&device.vendorId), "vendor");
         if (key == "product") return product_ = expect(json_.integer(&device.productId), "product");
         if (key == "name" && !json_.isAt('n')) return expect(json_.string(&result_->name), "name");
@@ -237,7 +237,7 @@ class LineParser {
     }
 
     std::string resolve() {
-        Device& device = result_->device;
+        DeviceFacts& device = result_->device;
         if (kind_ != "" && kind_ != "usb" && kind_ != "input") {
             return "a \"kind\" that is neither \"usb\" nor \"input\"";
         }

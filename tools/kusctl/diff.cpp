@@ -47,7 +47,7 @@ struct Report {
 };
 
 /** What a decision looks at, in the order of the ids. */
-std::string kindOf(const Device& device) {
+std::string kindOf(const DeviceFacts& device) {
     std::string key;
     const auto append = [&](int32_t number) {
         for (const int shift : {24, 16, 8, 0}) key += static_cast<char>(number >> shift);
@@ -65,7 +65,7 @@ std::string withName(const std::string& text, const std::string& name) {
 }
 
 /** What a sample stands for: see changesBetween. */
-std::string describeSample(const Device& device, const Rules& before, const Rules& after) {
+std::string describeSample(const DeviceFacts& device, const Rules& before, const Rules& after) {
     const std::string vendor = std::to_string(device.vendorId);
     const std::string vendorName = usbName(device.vendorId, kUnknownId);
     if (device.productId != kUnknownId) {
@@ -80,7 +80,7 @@ std::string describeSample(const Device& device, const Rules& before, const Rule
         return (others ? "any other product of vendor " : "any product of vendor ") +
                withName(vendor, vendorName) + ", keyboards and mice too";
     }
-    if (device.deviceType == 0 && device.interfaceClassList[0] < 0) {
+    if (device.deviceType == 0 && device.interfaceClassList[0] == kUnnamedClass) {
         return "any device that no rule names";
     }
     return classNames(device)[0];
@@ -127,7 +127,7 @@ Report compareDevices(Rules* before, Rules* after, const std::string& path) {
 }
 
 std::string describeDevice(const Difference& difference) {
-    const Device& device = difference.change.device;
+    const DeviceFacts& device = difference.change.device;
     const std::string name =
         difference.name.empty() ? usbName(device.vendorId, device.productId) : difference.name;
     return std::to_string(difference.count) + " of " + std::to_string(device.vendorId) + ":" +
@@ -182,7 +182,7 @@ Json::Value toJson(const Answer& answer) {
 }
 
 Json::Value toJson(const Difference& difference) {
-    const Device& device = difference.change.device;
+    const DeviceFacts& device = difference.change.device;
     Json::Value value;
     if (difference.count == 0) {
         value["what"] = difference.name;
@@ -194,7 +194,7 @@ Json::Value toJson(const Difference& difference) {
     if (device.vendorId != kUnknownId) value["vendor"] = device.vendorId;
     if (device.productId != kUnknownId) value["product"] = device.productId;
     value["classes"] = Json::arrayValue;
-    const bool sampleOfNone = device.interfaceClassList == std::vector<int32_t>{-1};
+    const bool sampleOfNone = device.interfaceClassList == std::vector<int32_t>{kUnnamedClass};
     if (!sampleOfNone) {
         for (const std::string& name : classNames(device)) value["classes"].append(name);
     }

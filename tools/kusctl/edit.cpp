@@ -50,7 +50,7 @@ struct Request {
     /** Empty for the rules file itself. */
     std::string output;
     Subject subject;
-    std::optional<Device> recorded;
+    std::optional<DeviceFacts> recorded;
 };
 
 int32_t onlyOne(const std::vector<int32_t>& codes) {
@@ -113,7 +113,7 @@ Request parseArguments(int argc, char** argv) {
         const DeviceInfo device = findRecorded(id);
         subject.vendor = device.vendorId;
         subject.product = device.productId;
-        request.recorded = toDevice(device);
+        request.recorded = factsOf(device);
     }
     if (subject.classCode && Util::getClassName(*subject.classCode) == " ") {
         wrongUse("no rule can name a class that has no name: name devices by vendor and product");

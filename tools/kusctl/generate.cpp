@@ -27,7 +27,7 @@ the file in place.
 using Vendors = std::map<int32_t, std::map<int32_t, std::set<std::string>>>;
 
 std::string describe(const DeviceInfo& device) {
-    return nameOf(device) + ": " + base::Join(classNames(toDevice(device)), ", ") +
+    return nameOf(device) + ": " + base::Join(classNames(factsOf(device)), ", ") +
            (device.status != 0 ? ", allowed" : ", refused");
 }
 

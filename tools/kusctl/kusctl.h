@@ -81,7 +81,7 @@ std::string commentText(const std::string& text);
 /** Control characters and bytes that are no UTF-8 as \n, \t, \r or \xNN. */
 std::string printable(const std::string& text);
 /** What a decision looks at in the service's record. */
-Device toDevice(const DeviceInfo& device);
+DeviceFacts factsOf(const DeviceInfo& device);
 /** "allowed" or "refused", in colour on a terminal. */
 std::string verdictText(bool allowed);
 /** What a device is, without what the service adds to its record. */
@@ -117,7 +117,7 @@ bool printRuleChanges(Rules* before, Rules* after, const std::string& oldPath,
 // Devices as 'list' and 'watch' print them in JSON, one a line: device_lines.cpp
 
 struct DeviceLine {
-    Device device;
+    DeviceFacts device;
     /** The line's JSON object. */
     std::string_view json;
     /** With the escapes of JSON: see unescaped. */

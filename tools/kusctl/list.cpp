@@ -39,7 +39,7 @@ Row toRow(const DeviceInfo& device) {
             device.deviceType == 0 ? "usb" : "input",
             printable(nameOf(device)),
             std::to_string(device.vendorId) + ":" + std::to_string(device.productId),
-            base::Join(classNames(toDevice(device)), ','),
+            base::Join(classNames(factsOf(device)), ','),
             device.status != 0 ? "allowed" : "refused",
             categoryText(device),
             printable(device.reason)};

@@ -82,10 +82,8 @@ std::string commentText(const std::string& text) {
     return result;
 }
 
-Device toDevice(const DeviceInfo& device) {
-    Device result;
-    result.deviceId = device.deviceId;
-    result.deviceName = device.deviceName;
+DeviceFacts factsOf(const DeviceInfo& device) {
+    DeviceFacts result;
     result.deviceClass = device.deviceClass;
     result.interfaceClassList = device.interfaceClassList;
     result.vendorId = device.vendorId;
@@ -110,7 +108,7 @@ Json::Value identityToJson(const DeviceInfo& device) {
     value["vendor"] = device.vendorId;
     value["product"] = device.productId;
     value["classes"] = Json::arrayValue;
-    for (const std::string& name : classNames(toDevice(device))) value["classes"].append(name);
+    for (const std::string& name : classNames(factsOf(device))) value["classes"].append(name);
     return value;
 }
 

@@ -76,7 +76,7 @@ std::string toText(const Event& event) {
         std::to_string(device.deviceId) + "  " + std::to_string(device.vendorId) + ":" +
         std::to_string(device.productId) + "  " + printable(device.deviceName);
     if (!event.added()) return "removed  " + identity;
-    return "added    " + identity + "  " + base::Join(classNames(toDevice(device)), ',') + "  " +
+    return "added    " + identity + "  " + base::Join(classNames(factsOf(device)), ',') + "  " +
            verdictText(device.status != 0) + ": " + printable(device.reason);
 }
 

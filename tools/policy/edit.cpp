@@ -121,17 +121,15 @@ std::string Editor::addClass(int32_t code) {
     for (const XMLElement* rule : rules) {
         if (Util::convert(rule->GetText()) == static_cast<uint32_t>(code)) return "";
     }
-    const std::string added = "<class>" + Util::getClassName(code) + "</class>";
     if (rules.empty()) {
-        insertFirst(*root_, added);
+        insertFirst(*root_, ruleFor({code}));
     } else {
-        insertAfter(*rules.back(), added);
+        insertAfter(*rules.back(), ruleFor({code}));
     }
     return "";
 }
 
 std::string Editor::addVendor(const Subject& subject) {
-    const std::string product = "<pid>" + std::to_string(subject.product) + "</pid>";
     const XMLElement* withProducts = nullptr;
     for (const XMLElement* rule : rulesFor(subject.vendor)) {
         const XMLElement* listed = rule->FirstChildElement("pid");
@@ -142,16 +140,16 @@ std::string Editor::addVendor(const Subject& subject) {
         withProducts = rule;
     }
     if (withProducts != nullptr && subject.product != kUnknownId) {
-        insertAfter(*withProducts->LastChildElement(), product);
+        insertAfter(*withProducts->LastChildElement(),
+                    "<pid>" + std::to_string(subject.product) + "</pid>");
         return "";
     }
-    std::string added = "<vid vendorid=\"" + std::to_string(subject.vendor) + "\"";
-    added += subject.product == kUnknownId ? "/>" : ">" + product + "</vid>";
     if (root_->FirstChildElement() == nullptr) {
-        insertFirst(*root_, added);
+        insertFirst(*root_, ruleFor(subject));
     } else {
         const std::vector<const XMLElement*> vendors = rulesNamed("vid");
-        insertAfter(vendors.empty() ? *root_->LastChildElement() : *vendors.back(), added);
+        insertAfter(vendors.empty() ? *root_->LastChildElement() : *vendors.back(),
+                    ruleFor(subject));
     }
     return "";
 }
@@ -268,22 +266,6 @@ void Editor::erase(const std::vector<const XMLElement*>& elements) {
     }
 }
 
-/** A device of which nothing is known but what the rule is about. */
-Device sampleOf(const Subject& subject) {
-    Device device;
-    device.vendorId = subject.vendor;
-    device.productId = subject.product;
-    if (!subject.classCode) {
-        device.interfaceClassList = {-1};
-    } else if (*subject.classCode <= 0xFF) {
-        device.interfaceClassList = {*subject.classCode};
-    } else {
-        device.deviceType = 1;
-        device.deviceClass = *subject.classCode;
-    }
-    return device;
-}
-
 std::string linesText(const std::vector<int>& lines) {
     std::vector<std::string> texts;
     for (const int line : lines) texts.push_back(std::to_string(line));
@@ -291,7 +273,7 @@ std::string linesText(const std::vector<int>& lines) {
 }
 
 /** Of other rules that decide on the device all the same; empty where none do. */
-std::string contradiction(Rules* rules, bool allow, const Device& device) {
+std::string contradiction(Rules* rules, bool allow, const DeviceFacts& device) {
     const Answer answer = rules->decide(device);
     if (answer.allowed == allow) return "";
     const bool byClass = answer.reason.find("Match by ClassName") != std::string::npos;
@@ -304,7 +286,7 @@ std::string contradiction(Rules* rules, bool allow, const Device& device) {
 
 std::string classRulesText(Rules* rules, bool allow) {
     std::vector<int> lines;
-    for (const Device& device : rules->samples()) {
+    for (const DeviceFacts& device : rules->samples()) {
         if (device.vendorId != kUnknownId) continue;
         for (const int line : rules->decide(device).lines) lines.push_back(line);
     }
@@ -330,7 +312,7 @@ Edit editRules(const std::string& text, bool allow, const Subject& subject) {
 }
 
 EditReview reviewEdit(Rules* edited, bool allow, const Subject& subject,
-                      const std::optional<Device>& recorded) {
+                      const std::optional<DeviceFacts>& recorded) {
     EditReview review;
     review.problem = contradiction(edited, allow, recorded ? *recorded : sampleOf(subject));
     const bool added = allow == (edited->mode() == "whitelist");

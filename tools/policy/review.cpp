@@ -23,8 +23,6 @@ using tinyxml2::XMLDocument;
 using tinyxml2::XMLElement;
 using tinyxml2::XMLNode;
 
-constexpr uint32_t kMaxUsbId = 0xFFFF;
-
 std::string quoted(const std::string& text) { return "'" + text + "'"; }
 
 std::string inLine(int line) { return " (line " + std::to_string(line) + ")"; }
@@ -354,7 +352,8 @@ std::optional<int32_t> RulesReview::reviewId(const XMLElement& element, const ch
         return {};
     }
     uint32_t hexadecimal;
-    if (value[0] == '0' && base::ParseUint(std::string("0x") + value, &hexadecimal, kMaxUsbId) &&
+    if (value[0] == '0' &&
+        base::ParseUint(std::string("0x") + value, &hexadecimal, uint32_t{kMaxUsbId}) &&
         hexadecimal != number) {
         warn(element, "hexadecimal",
              quoted(value) + " is read as decimal " + std::to_string(number) + "; " + value +
@@ -371,7 +370,7 @@ void RulesReview::reviewNoNumber(const XMLElement& element, const std::string& v
     const std::string digits = value.substr(base::StartsWithIgnoreCase(value, "0x") ? 2 : 0);
     uint32_t id;
     // C libraries disagree on a prefix without digits.
-    if (digits.empty() || !base::ParseUint("0x" + digits, &id, kMaxUsbId)) return;
+    if (digits.empty() || !base::ParseUint("0x" + digits, &id, uint32_t{kMaxUsbId})) return;
     warn(element, "hexadecimal", quoted(value) + " is hexadecimal", "write " + std::to_string(id));
 }
 

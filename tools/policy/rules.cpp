@@ -19,10 +19,6 @@ namespace {
 
 using tinyxml2::XMLElement;
 
-constexpr char kUsbClassPrefix[] = "USB_CLASS_";
-constexpr char kInputSourcePrefix[] = "AINPUT_SOURCE_";
-constexpr int32_t kMaxUsbClass = 0xFF;
-
 std::string upperCase(std::string text) {
     for (char& c : text) c = c == '-' ? '_' : toupper(static_cast<unsigned char>(c));
     return text;
@@ -39,13 +35,13 @@ std::optional<int32_t> codeOf(const std::string& prefix, const std::string& text
     return number;
 }
 
-std::vector<int32_t> codesOf(const Device& device) {
+std::vector<int32_t> codesOf(const DeviceFacts& device) {
     return device.deviceType == 0 ? device.interfaceClassList
                                   : Util::checkMultiClass(device.deviceClass);
 }
 
 /** The codes that class rules have to name for the device to match; empty when they never can. */
-std::vector<int32_t> codesToName(const Device& device) {
+std::vector<int32_t> codesToName(const DeviceFacts& device) {
     std::vector<int32_t> codes;
     for (const int32_t code : codesOf(device)) {
         if (Util::validateRestrictedClass(code)) continue;
@@ -61,11 +57,32 @@ int32_t sourceBits(std::initializer_list<const char*> names) {
     return bits;
 }
 
-bool isLeftToInput(const Device& device) {
+bool isLeftToInput(const DeviceFacts& device) {
     return device.deviceType == 0 && hasOnlyHidInterfaces(device) && !device.vendorHid;
 }
 
 }  // namespace
+
+std::string ruleFor(const Subject& subject) {
+    if (subject.classCode) return "<class>" + Util::getClassName(*subject.classCode) + "</class>";
+    const std::string vendor = "<vid vendorid=\"" + std::to_string(subject.vendor) + "\"";
+    if (subject.product == kUnknownId) return vendor + "/>";
+    return vendor + "><pid>" + std::to_string(subject.product) + "</pid></vid>";
+}
+
+DeviceFacts sampleOf(const Subject& subject) {
+    DeviceFacts device;
+    device.vendorId = subject.vendor;
+    device.productId = subject.product;
+    const int32_t code = subject.classCode.value_or(kUnnamedClass);
+    if (code <= kMaxUsbClass) {
+        device.interfaceClassList = {code};
+    } else {
+        device.deviceType = 1;
+        device.deviceClass = code;
+    }
+    return device;
+}
 
 std::optional<int32_t> usbClassCode(const std::string& text) {
     return codeOf(kUsbClassPrefix, text, kMaxUsbClass);
@@ -82,7 +99,7 @@ int32_t pointerSources() {
         {"mouse", "mouse_relative", "trackball", "touchpad", "touchscreen", "stylus"});
 }
 
-std::vector<std::string> classNames(const Device& device) {
+std::vector<std::string> classNames(const DeviceFacts& device) {
     std::vector<std::string> names;
     for (const int32_t code : codesOf(device)) {
         std::string name = Util::getClassName(code);
@@ -146,7 +163,7 @@ Verdict Rules::parse(const std::string& text) {
     return verdict;
 }
 
-bool Rules::allows(const Device& device, std::string* reason) {
+bool Rules::allows(const DeviceFacts& device, std::string* reason) {
     if (isLeftToInput(device)) {
         reason->clear();
         return false;
@@ -156,7 +173,7 @@ bool Rules::allows(const Device& device, std::string* reason) {
     return evaluateRules(device, Util::getMode(), reason);
 }
 
-Answer Rules::decide(const Device& device) {
+Answer Rules::decide(const DeviceFacts& device) {
     Answer answer = {};
     answer.leftToInput = isLeftToInput(device);
     if (answer.leftToInput) return answer;
@@ -167,7 +184,7 @@ Answer Rules::decide(const Device& device) {
     return answer;
 }
 
-std::vector<std::string> Rules::trace(const Device& device) {
+std::vector<std::string> Rules::trace(const DeviceFacts& device) {
     std::vector<std::string> lines;
     // Not for longer than this call: what is logged later must not find it.
     static std::vector<std::string>* trace;
@@ -217,7 +234,7 @@ void Rules::indexLines(const std::string& text) {
     }
 }
 
-std::vector<int> Rules::linesOf(const Device& device, const std::string& reason) const {
+std::vector<int> Rules::linesOf(const DeviceFacts& device, const std::string& reason) const {
     const auto matched = [&](const char* how) { return reason.find(how) != std::string::npos; };
     std::vector<int> lines;
     if (matched("Match by ClassName")) {
@@ -241,7 +258,7 @@ std::vector<int> Rules::linesOf(const Device& device, const std::string& reason)
 }
 
 // See Util::validateVid.
-std::vector<Warning> Rules::warningsOn(const Device& device, const std::string& reason) const {
+std::vector<Warning> Rules::warningsOn(const DeviceFacts& device, const std::string& reason) const {
     if (reason.find("Match by VID,") == std::string::npos) return {};
     const auto rule = productLines_.lower_bound({device.vendorId, ANY_PRODUCT});
     if (rule->first.second == ANY_PRODUCT) return {};
@@ -257,19 +274,18 @@ bool Rules::namesProductsOf(int32_t vendor) const {
     return product != productLines_.end() && product->first.first == vendor;
 }
 
-std::vector<std::string> Rules::remediesFor(const Device& device) const {
+std::vector<std::string> Rules::remediesFor(const DeviceFacts& device) const {
     std::vector<std::string> remedies;
     std::string classes;
     for (const int32_t code : codesToName(device)) {
-        const std::string rule = "<class>" + Util::getClassName(code) + "</class>";
+        const std::string rule = ruleFor({code});
         if (classNames_.count(code) == 0 && classes.find(rule) == std::string::npos) {
             classes += rule;
         }
     }
     if (!classes.empty()) remedies.push_back(classes);
     if (device.vendorId != kUnknownId) {
-        remedies.push_back("<vid vendorid=\"" + std::to_string(device.vendorId) + "\"><pid>" +
-                           std::to_string(device.productId) + "</pid></vid>");
+        remedies.push_back(ruleFor({{}, device.vendorId, device.productId}));
     }
     return remedies;
 }
