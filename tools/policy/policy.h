@@ -117,6 +117,8 @@ struct Answer {
     bool leftToInput;
     /** The daemon's words; empty for a device that is left to the input subsystem. */
     std::string reason;
+    /** It was class rules that matched. */
+    bool byClass;
     /** Lines of the rules that matched, ascending. */
     std::vector<int> lines;
     /** Elements that would turn a whitelist's refusal, one of which is enough. */
@@ -158,10 +160,12 @@ class Rules {
 
   private:
     class InForce;
+    enum class Match { kNone, kClass, kVendor, kProduct };
 
     void indexLines(const std::string& text);
-    std::vector<int> linesOf(const DeviceFacts& device, const std::string& reason) const;
-    std::vector<Warning> warningsOn(const DeviceFacts& device, const std::string& reason) const;
+    static Match matchOf(const std::string& reason);
+    std::vector<int> linesOf(const DeviceFacts& device, Match match) const;
+    std::vector<Warning> warningsOn(const DeviceFacts& device, Match match) const;
     std::vector<std::string> remediesFor(const DeviceFacts& device) const;
 
     // The daemon's rule tables while other rules are in them: see rule_tables.h.

@@ -8,6 +8,7 @@
 #include <limits>
 #include <map>
 #include <optional>
+#include <string_view>
 
 #include "markup.h"
 #include "policy.h"
@@ -58,6 +59,8 @@ class RulesReview {
     void reviewNoNumber(const XMLElement& element, const std::string& value);
     void warn(const XMLNode& node, const std::string& kind, const std::string& message,
               const std::string& cure = "");
+    void warn(int line, const std::string& kind, const std::string& message,
+              const std::string& cure = "");
 
     /** Rule to the line that gave it first. */
     std::map<std::string, int> classes_;
@@ -72,8 +75,7 @@ class RulesReview {
 RulesReview::RulesReview(const std::string& text, const XMLDocument& document) {
     const XMLElement* root = document.FirstChildElement();
     if (root == nullptr) {
-        warnings.push_back(
-            {0, kCrashKind, "the document has no element, which ends the daemon", ""});
+        warn(0, kCrashKind, "the document has no element, which ends the daemon");
     } else if (root->Name() == std::string("usbconfig")) {
         reviewRoot(*root);
     }
@@ -89,10 +91,10 @@ void RulesReview::reviewEnd(const std::string& text) {
     const size_t rest = text.find_first_not_of(kNothing, end);
     if (rest == std::string::npos) return;
     const bool byNul = text[end] == '\0';
-    warnings.push_back({lineAt(text, end), "ignored",
-                        std::string(byNul ? "a NUL byte" : "an end tag that closes nothing") +
-                            " ends the document: everything after it is ignored",
-                        byNul ? "save the file as UTF-8 text" : "remove the tag"});
+    warn(lineAt(text, end), "ignored",
+         std::string(byNul ? "a NUL byte" : "an end tag that closes nothing") +
+             " ends the document: everything after it is ignored",
+         byNul ? "save the file as UTF-8 text" : "remove the tag");
 }
 
 void RulesReview::reviewRoot(const XMLElement& root) {
@@ -148,8 +150,7 @@ void RulesReview::reviewClass(const XMLElement& element) {
     }
 }
 
-/** The code of a class that goes by another name, if any: in lower case, with the other prefix ...
- */
+/** The code of a class by another name, if any: in lower case, with the other prefix ... */
 std::optional<int32_t> codeMeantBy(const std::string& name) {
     const std::string text = base::Trim(name);
     const size_t prefix = text.rfind("_CLASS_"), otherPrefix = text.rfind("_SOURCE_");
@@ -250,10 +251,9 @@ void RulesReview::reviewWholeVendors() {
         if (whole->first != vendor) {
             listed.emplace(vendor, line);
         } else {
-            warnings.push_back({line, "duplicate",
-                                "vendor " + std::to_string(vendor) + " is listed as a whole too" +
-                                    inLine(whole->second),
-                                ""});
+            warn(line, "duplicate",
+                 "vendor " + std::to_string(vendor) + " is listed as a whole too" +
+                     inLine(whole->second));
         }
     }
     if (listed.empty()) return;
@@ -376,7 +376,12 @@ void RulesReview::reviewNoNumber(const XMLElement& element, const std::string& v
 
 void RulesReview::warn(const XMLNode& node, const std::string& kind, const std::string& message,
                        const std::string& cure) {
-    warnings.push_back({node.GetLineNum(), kind, message, cure});
+    warn(node.GetLineNum(), kind, message, cure);
+}
+
+void RulesReview::warn(int line, const std::string& kind, const std::string& message,
+                       const std::string& cure) {
+    warnings.push_back({line, kind, message, cure});
 }
 
 /** "vendors 1, 2 and 3", each with its line if so wanted. */

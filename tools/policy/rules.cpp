@@ -3,10 +3,11 @@
 #include <android-base/parseint.h>
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
+#include <ctype.h>
 #include <tinyxml2.h>
 
 #include <algorithm>
-#include <mutex>
+#include <shared_mutex>
 
 #include "ku_service/admission_rules.h"
 #include "policy.h"
@@ -169,7 +170,7 @@ bool Rules::allows(const DeviceFacts& device, std::string* reason) {
         return false;
     }
     const InForce inForce(this);
-    const std::unique_lock lock(ruleTablesLock);
+    const std::shared_lock lock(ruleTablesLock);
     return evaluateRules(device, Util::getMode(), reason);
 }
 
@@ -178,8 +179,10 @@ Answer Rules::decide(const DeviceFacts& device) {
     answer.leftToInput = isLeftToInput(device);
     if (answer.leftToInput) return answer;
     answer.allowed = allows(device, &answer.reason);
-    answer.lines = linesOf(device, answer.reason);
-    answer.warnings = warningsOn(device, answer.reason);
+    const Match match = matchOf(answer.reason);
+    answer.byClass = match == Match::kClass;
+    answer.lines = linesOf(device, match);
+    answer.warnings = warningsOn(device, match);
     if (!answer.allowed && mode_ == "whitelist") answer.remedies = remediesFor(device);
     return answer;
 }
@@ -234,17 +237,25 @@ void Rules::indexLines(const std::string& text) {
     }
 }
 
-std::vector<int> Rules::linesOf(const DeviceFacts& device, const std::string& reason) const {
-    const auto matched = [&](const char* how) { return reason.find(how) != std::string::npos; };
+// The daemon tells what matched by its words alone.
+Rules::Match Rules::matchOf(const std::string& reason) {
+    const auto says = [&](const char* how) { return reason.find(how) != std::string::npos; };
+    return says("Match by ClassName") ? Match::kClass
+           : says("Match by VID_PID") ? Match::kProduct
+           : says("Match by VID,")    ? Match::kVendor
+                                      : Match::kNone;
+}
+
+std::vector<int> Rules::linesOf(const DeviceFacts& device, Match match) const {
     std::vector<int> lines;
-    if (matched("Match by ClassName")) {
+    if (match == Match::kClass) {
         for (const int32_t code : codesOf(device)) {
             const auto rule = classLines_.find(code);
             if (rule != classLines_.end()) lines.push_back(rule->second);
         }
-    } else if (matched("Match by VID_PID")) {
+    } else if (match == Match::kProduct) {
         lines.push_back(productLines_.at({device.vendorId, device.productId}));
-    } else if (matched("Match by VID,")) {
+    } else if (match == Match::kVendor) {
         // Its own rule, and where that has products the one of a greater vendor: see
         // Util::validateVid.
         auto rule = productLines_.lower_bound({device.vendorId, ANY_PRODUCT});
@@ -258,8 +269,8 @@ std::vector<int> Rules::linesOf(const DeviceFacts& device, const std::string& re
 }
 
 // See Util::validateVid.
-std::vector<Warning> Rules::warningsOn(const DeviceFacts& device, const std::string& reason) const {
-    if (reason.find("Match by VID,") == std::string::npos) return {};
+std::vector<Warning> Rules::warningsOn(const DeviceFacts& device, Match match) const {
+    if (match != Match::kVendor) return {};
     const auto rule = productLines_.lower_bound({device.vendorId, ANY_PRODUCT});
     if (rule->first.second == ANY_PRODUCT) return {};
     std::map<int32_t, int> whole;
