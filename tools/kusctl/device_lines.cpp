@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <ctype.h>
 #include <errno.h>
+#include <inttypes.h>
+#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <memory>
@@ -280,7 +282,7 @@ class Progress {
         const auto now = std::chrono::steady_clock::now();
         if (now - last_ < kProgressInterval) return;
         last_ = now;
-        fprintf(stderr, "\r%llu lines", static_cast<unsigned long long>(line));
+        fprintf(stderr, "\r%" PRIu64 " lines", line);
     }
 
   private:

@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/file.h>
-#include <android-base/unique_fd.h>
 #include <errno.h>
-#include <fcntl.h>
+#include <getopt.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <optional>
@@ -60,14 +58,11 @@ int32_t onlyOne(const std::vector<int32_t>& codes) {
 
 DeviceInfo findRecorded(const char* id) {
     const int32_t number = parseDeviceId(id);
-    std::vector<DeviceInfo> devices;
-    expectOk(connectToService()->getDeviceList(&devices));
+    const std::vector<DeviceInfo> devices = recordedDevices();
     const auto found = std::find_if(devices.begin(), devices.end(), [&](const DeviceInfo& device) {
         return device.deviceId == number;
     });
-    if (found == devices.end()) {
-        fail("no device " + std::to_string(number) + " is recorded: see 'kusctl list'");
-    }
+    if (found == devices.end()) failAsUnrecorded(number);
     return *found;
 }
 
@@ -137,23 +132,12 @@ void printNewWarnings(const std::string& path, const std::string& before,
     }
 }
 
-void replaceFile(const std::string& path, const std::string& text) {
+/** The file that a link leads to is replaced, not the link. */
+void replaceTarget(const std::string& path, const std::string& text) {
     std::string target;
-    struct stat st;
-    if (!base::Realpath(path, &target) || stat(target.c_str(), &st) != 0) {
-        fail(path + ": " + strerror(errno));
-    }
-    const std::string beside = target + ".new";
-    base::unique_fd fd(
-        open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-    const bool written = fd >= 0 && base::WriteStringToFd(text, fd.get()) &&
-                         fchown(fd.get(), st.st_uid, st.st_gid) == 0 &&
-                         fchmod(fd.get(), st.st_mode & 07777) == 0 && fsync(fd.get()) == 0 &&
-                         rename(beside.c_str(), target.c_str()) == 0;
-    if (written) return;
-    const int error = errno;
-    unlink(beside.c_str());
-    fail(target + ": " + strerror(error));
+    if (!base::Realpath(path, &target)) fail(path + ": " + strerror(errno));
+    const std::string problem = replaceFile(target, text);
+    if (!problem.empty()) fail(target + ": " + problem);
 }
 
 int apply(const std::string& text) {
@@ -190,7 +174,7 @@ int edit(int argc, char** argv, bool allow) {
             fail(path + ": " + strerror(errno));
         }
     } else if (changed && !byApply) {
-        replaceFile(path, edited.text);
+        replaceTarget(path, edited.text);
     }
     if (!printRuleChanges(&before, &after, request.rules, path)) {
         puts(changed ? "every device is decided on as before"

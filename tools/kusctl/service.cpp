@@ -40,6 +40,16 @@ sp<IKUsbService> findService() {
     return interface_cast<IKUsbService>(binder);
 }
 
+std::vector<DeviceInfo> recordedDevices() {
+    std::vector<DeviceInfo> devices;
+    expectOk(connectToService()->getDeviceList(&devices));
+    return devices;
+}
+
+void failAsUnrecorded(int32_t id) {
+    fail("no device " + std::to_string(id) + " is recorded: see 'kusctl list'");
+}
+
 void expectOk(const binder::Status& status) {
     if (!status.isOk()) {
         fail(std::string("the service did not answer: ") + status.toString8().string());

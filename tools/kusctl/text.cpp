@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -82,6 +81,8 @@ std::string commentText(const std::string& text) {
     return result;
 }
 
+std::string kindName(int32_t deviceType) { return deviceType == 0 ? "usb" : "input"; }
+
 DeviceFacts factsOf(const DeviceInfo& device) {
     DeviceFacts result;
     result.deviceClass = device.deviceClass;
@@ -103,12 +104,11 @@ std::string verdictText(bool allowed) {
 Json::Value identityToJson(const DeviceInfo& device) {
     Json::Value value;
     value["id"] = device.deviceId;
-    value["kind"] = device.deviceType == 0 ? "usb" : "input";
+    value["kind"] = kindName(device.deviceType);
     value["name"] = device.deviceName;
     value["vendor"] = device.vendorId;
     value["product"] = device.productId;
-    value["classes"] = Json::arrayValue;
-    for (const std::string& name : classNames(factsOf(device))) value["classes"].append(name);
+    value["classes"] = toArray(classNames(factsOf(device)));
     return value;
 }
 

@@ -2,8 +2,10 @@
 #include <android-base/file.h>
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
+#include <ctype.h>
 #include <errno.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <map>
@@ -128,8 +130,9 @@ int run(int argc, char** argv) {
     }
     const Names names = parseList(text);
     if (names.empty()) fail(path + ": no list of USB ids");
-    if (!printMatches(names, words))
+    if (!printMatches(names, words)) {
         fail("no vendor or product has '" + base::Join(words, ' ') + "' in its name or ids");
+    }
     return kYes;
 }
 

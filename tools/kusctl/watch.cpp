@@ -3,11 +3,14 @@
 #include <android/kus/BnKUsbServiceCallback.h>
 #include <binder/IPCThreadState.h>
 #include <binder/ProcessState.h>
+#include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
