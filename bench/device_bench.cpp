@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
+#include <binder/ProcessState.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/mount.h>
 #include <time.h>
 #include <unistd.h>
@@ -26,6 +28,38 @@ constexpr int kPlugs = 7;
 constexpr int kHundreds = 30;
 /** In KiB. */
 constexpr long kMostGrowth = 256;
+
+constexpr char kCallerRole[] = "--caller";
+constexpr auto kCallingTime = 1s;
+
+/** A process of its own that, once poked, calls getDeviceList for a second. */
+class Caller : public Process {
+  public:
+    Caller() : Process({"/proc/self/exe", kCallerRole}) { EXPECT_EQ(line(), "ready"); }
+    /** Waits for the count; 0 when none comes. */
+    int callsPerSecond() { return atoi(line().c_str()) / kCallingTime.count(); }
+};
+
+int runCaller() {
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    const sp<IKUsbService> kus = service();
+    puts("ready");
+    getchar();
+    int calls = 0;
+    for (const auto end = Clock::now() + kCallingTime; Clock::now() < end; ++calls) {
+        std::vector<DeviceInfo> devices;
+        kus->getDeviceList(&devices);
+    }
+    printf("%d\n", calls);
+    return 0;
+}
+
+/** While it lives no one but the test asks the daemon about devices. */
+class NoGate {
+  public:
+    NoGate() { shell("services stop kusgate"); }
+    ~NoGate() { shell("services start kusgate"); }
+};
 
 /** What the daemon costs on this device. A missed target is a failure. */
 class DeviceBench : public DeviceTest {
@@ -228,3 +262,12 @@ TEST_F(RefusedStick, ProcessorTimeAndSystemCalls) {
 
 }  // namespace
 }  // namespace android::kus
+
+int main(int argc, char** argv) {
+    if (argc == 2 && strcmp(argv[1], android::kus::kCallerRole) == 0) {
+        return android::kus::runCaller();
+    }
+    testing::InitGoogleMock(&argc, argv);
+    android::ProcessState::self()->startThreadPool();
+    return RUN_ALL_TESTS();
+}

@@ -10,6 +10,7 @@
 #include <glob.h>
 #include <pthread.h>
 #include <sys/inotify.h>
+#include <unistd.h>
 
 #include <array>
 #include <condition_variable>
@@ -56,7 +57,7 @@ bool isHost(const std::string& modeFile) {
 }
 
 void takeRole(const std::string& modeFile) {
-    std::lock_guard<std::mutex> guard(lock);
+    const std::lock_guard guard(lock);
     roles.push({Dirname(modeFile), isHost(modeFile)});
     written.notify_one();
 }
@@ -84,14 +85,14 @@ void takeRole(const std::string& modeFile) {
 // goes while the dummy controller behind it is unbound crashes the kernel.
 void apply(const Role& role) {
     for (const std::string& file : filesLike(role.controller + "/*/usb*/authorized")) {
-        if (!WriteStringToFile(role.host ? "1" : "0", file))
-            PLOG(WARNING) << "cannot write " << file;
+        if (WriteStringToFile(role.host ? "1" : "0", file)) continue;
+        PLOG(WARNING) << "cannot write " << file;
     }
 }
 
 void applyRoles() {
     while (true) {
-        std::unique_lock<std::mutex> guard(lock);
+        std::unique_lock guard(lock);
         written.wait(guard, [] { return !roles.empty(); });
         const Role role = roles.front();
         roles.pop();

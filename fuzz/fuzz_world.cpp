@@ -4,6 +4,7 @@
 #include <android-base/file.h>
 #include <android-base/logging.h>
 #include <stdio.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -14,9 +15,6 @@ using android::base::LogSeverity;
 
 extern "C" int LLVMFuzzerInitialize(int*, char*** argv) {
     enterPrivateWorld(*argv);
-    for (const char* path : {"/data/system/usbdeviceconfig", "/sys/bus/usb/devices"}) {
-        std::filesystem::create_directories(path);
-    }
     // The fuzzer may close the target's standard error after this.
     static const int messages = dup(STDERR_FILENO);
     android::base::SetLogger([](auto, LogSeverity severity, auto, const char* file,
@@ -36,7 +34,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 namespace android::kus {
 
 void writeFile(const std::string& path, const std::string& content) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     CHECK(base::WriteStringToFile(content, path)) << path;
+}
+
+std::string outputOf(const std::function<void(int file)>& action) {
+    static const int file = memfd_create("output", MFD_CLOEXEC);
+    CHECK(ftruncate(file, 0) == 0 && lseek(file, 0, SEEK_SET) == 0);
+    action(file);
+    std::string output;
+    CHECK(lseek(file, 0, SEEK_SET) == 0 && base::ReadFdToString(file, &output));
+    return output;
 }
 
 }  // namespace android::kus

@@ -1,139 +1,196 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// An input is a rules file. Comments in it may ask about devices, one a line: "<!--?" and numbers
-// for the device's type, vendor, product and class, and for the class of each of its interfaces.
+// An input is a rules file, for the tables that the daemon makes of it, for `kusctl lint` as text
+// and JSON, for `kusctl check`, and for the edits of `kusctl allow` and `kusctl block`.
+#include <android-base/file.h>
 #include <android-base/logging.h>
-#include <android/kus/DeviceInfo.h>
+#include <android-base/strings.h>
+#include <locale.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <tuple>
 
 #include "fuzz_world.h"
 #include "ku_service/admission_rules.h"
-#include "rules_model.h"
+#include "kusctl.h"
 #include "util/Util.h"
 #include "util/rule_tables.h"
 
 namespace android::kus {
-namespace {
 
-constexpr char kQuestion[] = "<!--?";
-constexpr size_t kMostDevices = 8;
+// These two stand in for verdict.cpp, which takes a process for each text. Here only a text of
+// which the review says that it may end the parser does: any other that ends it is a finding.
 
-/** Parses in a process of its own, which has to end by this signal. */
-void expectDeath(int expected) {
+std::string readRulesFile(const std::string& path, std::string* text) {
+    CHECK(base::ReadFileToString(path, text));
+    return "";
+}
+
+Verdict judgeText(const std::string& text) {
+    const std::vector<Warning> warnings = reviewRules(text);
+    if (std::none_of(warnings.begin(), warnings.end(),
+                     [](const Warning& warning) { return warning.kind == kCrashKind; })) {
+        return Rules().parse(text);
+    }
     const pid_t child = fork();
     CHECK(child >= 0);
     if (child == 0) {
         for (const int fatal : {SIGABRT, SIGSEGV}) signal(fatal, SIG_DFL);
         prctl(PR_SET_DUMPABLE, 0);
-        Util::createMapFromConfig(configFilePath);
-        _exit(0);
+        _exit(Rules().parse(text).outcome == Verdict::Outcome::kRefused ? 0 : 1);
     }
     int status;
     CHECK(TEMP_FAILURE_RETRY(waitpid(child, &status, 0)) == child);
-    CHECK(WIFSIGNALED(status) && WTERMSIG(status) == expected)
-        << "expected signal " << expected << ", not the status " << status;
+    CHECK(WIFSIGNALED(status) || WEXITSTATUS(status) == 0) << "accepted";
+    return WIFSIGNALED(status) ? crashVerdict(warnings) : Rules().parse(text);
 }
 
-void expectTables(const RulesModel& model) {
-    CHECK(classList == model.classes);
-    CHECK(vidPidMap == model.products);
-    for (const int32_t code : classList) {
-        CHECK(Util::validateClass(code));
-        CHECK(!Util::validateRestrictedClass(code));
-        CHECK_EQ(Util::convert(Util::getClassName(code)), static_cast<uint32_t>(code));
-        CHECK_EQ(classNameMap.at(code), Util::getClassName(code));
+namespace {
+
+/** Runs a command, and returns what it prints. */
+std::string run(const Command& command, std::vector<std::string> arguments, int* status) {
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    return outputOf([&](int file) {
+        CHECK(dup2(file, STDOUT_FILENO) == STDOUT_FILENO);
+        optind = 0;  // starts getopt afresh
+        *status = runCommand(command, arguments.size(), argv.data());
+    });
+}
+
+Json::Value parseJson(const std::string& output) {
+    CHECK_NE(mbstowcs(nullptr, output.c_str(), 0), static_cast<size_t>(-1)) << "no UTF-8";
+    Json::Value value;
+    std::string errors;
+    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    CHECK(reader->parse(output.data(), output.data() + output.size(), &value, &errors)) << errors;
+    return value;
+}
+
+std::string lint() {
+    int status;
+    const Json::Value reports =
+        parseJson(run(kLintCommand, {"lint", "--json", configFilePath}, &status));
+    CHECK_EQ(reports.size(), 1u);
+    const std::string verdict = reports[0]["verdict"].asString();
+    CHECK_EQ(status, verdict == "accepted" ? kYes : kNoOrFailed);
+
+    // A line for the verdict and for each warning, and nothing in them that a terminal acts on.
+    const std::string text = run(kLintCommand, {"lint", configFilePath}, &status);
+    CHECK(base::EndsWith(text, "\n"));
+    const auto lines = base::Split(text.substr(0, text.size() - 1), "\n");
+    CHECK_EQ(lines.size(), 1 + reports[0]["warnings"].size());
+    for (const std::string& line : lines) CHECK_EQ(printable(line), line);
+    return verdict;
+}
+
+// Ends the program, which is a finding, where lint said otherwise of the same file.
+void check() {
+    int status;
+    const Json::Value answer =
+        parseJson(run(kCheckCommand,
+                      {"check", "--json", "--rules", configFilePath, "--vendor", "1155",
+                       "--product", "22336", "--class", "2,10"},
+                      &status));
+    CHECK_EQ(answer["allowed"].asBool(), status == kYes);
+    CHECK(!answer["reason"].asString().empty());
+}
+
+/** An edit of accepted rules gives accepted ones, touches no other device, and is done once. */
+void edit(const std::string& text, bool allow, const Subject& subject, const Device& device) {
+    const Edit edited = editRules(text, allow, subject);
+    if (!edited.problem.empty()) {
+        CHECK_EQ(edited.text, text);
+        return;
     }
-}
-
-std::vector<DeviceInfo> devicesToAskAbout(const std::string& text) {
-    std::vector<DeviceInfo> devices;
-    for (size_t at = 0; devices.size() < kMostDevices;) {
-        at = text.find(kQuestion, at);
-        if (at == std::string::npos) break;
-        at += strlen(kQuestion);
-        std::vector<int32_t> numbers;
-        char* end;
-        for (const char* c = text.c_str() + at;; c = end) {
-            const long number = strtol(c, &end, 0);
-            if (end == c) break;
-            numbers.push_back(number);
+    Rules before, after;
+    before.parse(text);
+    CHECK(after.parse(edited.text).outcome == Verdict::Outcome::kAccepted);
+    CHECK_EQ(editRules(edited.text, allow, subject).text, edited.text);
+    const Answer answer = after.decide(device);
+    // The rules that are taken away may not be all that say so.
+    if (answer.allowed != allow) CHECK(!answer.lines.empty());
+    if (allow == (after.mode() == "whitelist")) CHECK_EQ(answer.allowed, allow);
+    for (const Change& change : changesBetween(&before, &after)) {
+        CHECK_EQ(change.after.allowed, allow);
+        if (subject.classCode) {
+            CHECK(change.device.interfaceClassList == device.interfaceClassList);
+        } else {
+            // Vendors of a lesser id may match by this one.
+            CHECK(change.device.vendorId != kUnknownId);
+            CHECK_LE(change.device.vendorId, subject.vendor);
         }
-        if (numbers.size() < 4) continue;
-        DeviceInfo& device = devices.emplace_back();
-        device.deviceType = numbers[0];
-        device.vendorId = numbers[1];
-        device.productId = numbers[2];
-        device.deviceClass = numbers[3];
-        device.interfaceClassList.assign(numbers.begin() + 4, numbers.end());
     }
-    for (const auto& [vendor, product] : vidPidMap) {
-        if (devices.size() >= kMostDevices) break;
-        DeviceInfo& device = devices.emplace_back();
-        device.vendorId = vendor;
-        device.productId = product;
-    }
-    return devices;
 }
 
-bool evaluate(const DeviceInfo& device, const std::string& mode) {
+void edit(const std::string& text) {
+    Device product, printer;
+    product.vendorId = 1155;
+    product.productId = 22336;
+    product.interfaceClassList = {-1};
+    printer.interfaceClassList = {7};
+    for (const bool allow : {true, false}) {
+        edit(text, allow, {{}, 1155, 22336}, product);
+        edit(text, allow, {{}, 1155, kUnknownId}, product);
+        edit(text, allow, {7, kUnknownId, kUnknownId}, printer);
+    }
+}
+
+auto load(const char* path) {
+    configMode = "default";
+    Util::createMapFromConfig(path);
+    return std::tuple(xml_parse_status, configMode, classList, classNameMap, vidPidMap,
+                      lastWholeVendor);
+}
+
+bool evaluate(const Device& device, const std::string& mode) {
     std::string reason;
     const bool allowed = evaluateRules(device, mode, &reason);
     CHECK(!reason.empty());
     return allowed;
 }
 
-void expectConsistentAnswers(DeviceInfo device) {
-    const int32_t vendor = device.vendorId, product = device.productId;
-    bool whole = false, listed = false, pair = false;
-    for (const auto& [vid, pid] : vidPidMap) {
-        whole |= vid >= vendor && pid == ANY_PRODUCT;
-        listed |= vid == vendor;
-        pair |= vid == vendor && pid == product;
+/** The review of the text finds its rules apart from the parser, beyond a first error, too. */
+void expectConsistentTables(const std::string& text) {
+    for (const int32_t code : classList) {
+        CHECK(!Util::validateRestrictedClass(code));
+        CHECK_EQ(classNameMap.at(code), Util::getClassName(code));
     }
-    CHECK_EQ(Util::validateVid(vendor), listed && whole);
-    CHECK_EQ(Util::validateVidPid(vendor, product), pair);
-
-    const bool allowed = evaluate(device, "whitelist");
-    if (pair || (listed && whole)) CHECK(allowed);
-    CHECK_NE(evaluate(device, "blacklist"), allowed);
-    CHECK_EQ(evaluate(device, "no mode"), allowed);
-    CHECK(evaluate(device, "default"));
-    std::reverse(device.interfaceClassList.begin(), device.interfaceClassList.end());
-    CHECK_EQ(evaluate(device, "whitelist"), allowed);
-
-    for (const int32_t source : Util::checkMultiClass(device.deviceClass)) {
-        CHECK_EQ(source & ~device.deviceClass, 0);
-        CHECK_NE(Util::getClassName(source), " ");
+    Rules rules;
+    rules.parse(text);
+    const Device unnamed = rules.samples().front();
+    for (const Device& device : rules.samples()) {
+        const bool allowed = evaluate(device, "whitelist");
+        CHECK_EQ(evaluate(device, "blacklist"), !allowed);
+        CHECK(evaluate(device, "default"));
+        const bool isNamed = device.productId != kUnknownId ||
+                             (device.vendorId == kUnknownId &&
+                              device.interfaceClassList != unnamed.interfaceClassList);
+        if (xml_parse_status && isNamed) CHECK(allowed);
     }
-}
-
-void expectSameFromBackup(const RulesModel& model) {
-    CHECK(Util::copyFileContent(configFilePath, backupFilePath));
-    Util::createMapFromConfig(backupFilePath);
-    CHECK(xml_parse_status);
-    expectTables(model);
 }
 
 }  // namespace
 
 void runInput(const std::string& text) {
+    setlocale(LC_CTYPE, "C.UTF-8");
     writeFile(configFilePath, text);
-    const RulesModel model = modelOf(text);
-    if (model.ending != RulesModel::Ending::kReturns) {
-        return expectDeath(model.ending == RulesModel::Ending::kAborts ? SIGABRT : SIGSEGV);
-    }
-    configMode = "default";
-    errorMessage = "SUCCESS";
-    Util::createMapFromConfig(configFilePath);
-    CHECK_EQ(xml_parse_status, model.accepted);
-    expectTables(model);
-    for (const DeviceInfo& device : devicesToAskAbout(text)) expectConsistentAnswers(device);
-    if (model.accepted) expectSameFromBackup(model);
+    const std::string verdict = lint();
+    if (verdict == "crash") return;
+    const auto tables = load(configFilePath);
+    CHECK_EQ(xml_parse_status, verdict == "accepted");
+    expectConsistentTables(text);
+    if (verdict != "accepted") return;
+    CHECK(Util::copyFileContent(configFilePath, backupFilePath));
+    CHECK(load(backupFilePath) == tables);
+    check();
+    edit(text);
 }
 
 }  // namespace android::kus

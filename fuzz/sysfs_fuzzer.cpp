@@ -8,11 +8,10 @@
 #include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <optional>
 #include <set>
 
 #include "fuzz_world.h"
@@ -21,6 +20,8 @@
 #include "usbdevice/UsbDevice.h"
 #include "util/rule_tables.h"
 
+namespace fs = std::filesystem;
+
 namespace android::kus {
 namespace {
 
@@ -28,54 +29,37 @@ using base::unique_fd;
 
 constexpr size_t kMostEntries = 128;
 constexpr size_t kMostDevices = 2;  // each costs a scan
-constexpr size_t kDeepest = 5;
 
-/**
- * The names in a path, none when it is not one that stays in the tree: the private world has the
- * machine's own files beside /sys.
- */
-std::vector<std::string> namesIn(const std::string& path) {
-    std::vector<std::string> names = base::Split(path, "/");
-    for (const std::string& name : names) {
-        if (name.empty() || name == "." || name == ".." || name.find('\0') != std::string::npos) {
-            return {};
-        }
-    }
-    return names.size() <= kDeepest ? names : std::vector<std::string>();
+/** Where a path leads in the tree; none when it leaves it, for the machine's own files. */
+std::optional<fs::path> placeOf(const std::string& path) {
+    const fs::path place = fs::path(path).lexically_normal();
+    if (place.empty() || place.is_absolute() || *place.begin() == "..") return {};
+    if (path.find('\0') != std::string::npos) return {};
+    return kUsbDevicesPath / place;
 }
 
-/** Follows no link. What is there already, or can't be made, is left as it is. */
+/** What can't be made is left out. */
 void addEntry(const std::string& line) {
     const size_t end = std::min(line.find_first_of("=>"), line.size());
-    std::string path = line.substr(0, end);
-    const std::string value = line.substr(std::min(end + 1, line.size()));
-    if (end == line.size() && base::EndsWith(path, "/")) path.pop_back();
-
-    std::vector<std::string> names = namesIn(path);
-    if (names.empty()) return;
-    const std::string last = names.back();
-    names.pop_back();
-    unique_fd parent(open(kUsbDevicesPath, O_DIRECTORY | O_CLOEXEC));
-    for (const std::string& name : names) {
-        mkdirat(parent.get(), name.c_str(), 0755);
-        parent.reset(openat(parent.get(), name.c_str(), O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    }
+    const auto place = placeOf(line.substr(0, end));
+    if (!place) return;
+    std::error_code ignored;
     if (end == line.size()) {
-        mkdirat(parent.get(), last.c_str(), 0755);
-    } else if (line[end] == '=') {
-        const unique_fd file(openat(parent.get(), last.c_str(),
-                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-        base::WriteStringToFd(value + "\n", file);
-    } else if (!namesIn(value).empty()) {
-        const std::string target = std::string(kUsbDevicesPath) + "/" + value;
-        symlinkat(target.c_str(), parent.get(), last.c_str());
+        fs::create_directories(*place, ignored);
+        return;
+    }
+    fs::create_directories(place->parent_path(), ignored);
+    const std::string value = line.substr(end + 1);
+    if (line[end] == '=') {
+        base::WriteStringToFile(value + "\n", *place, /*follow_symlinks=*/true);
+    } else if (const auto target = placeOf(value)) {
+        fs::create_symlink(*target, *place, ignored);
     }
 }
 
 void makeTree(const std::string& text) {
-    for (const auto& entry : std::filesystem::directory_iterator(kUsbDevicesPath)) {
-        std::filesystem::remove_all(entry.path());
-    }
+    fs::remove_all(kUsbDevicesPath);
+    fs::create_directories(kUsbDevicesPath);
     const std::vector<std::string> lines = base::Split(text, "\n");
     for (size_t i = 0; i < lines.size() && i < kMostEntries; ++i) addEntry(lines[i]);
 }
@@ -112,12 +96,7 @@ DeviceInfo describe(int32_t id) {
 }
 
 std::string dump(KUsbService& service, const Vector<String16>& arguments) {
-    static const int file = memfd_create("dump", MFD_CLOEXEC);
-    CHECK(ftruncate(file, 0) == 0 && lseek(file, 0, SEEK_SET) == 0);
-    CHECK_EQ(service.dump(file, arguments), OK);
-    std::string text;
-    CHECK(lseek(file, 0, SEEK_SET) == 0 && base::ReadFdToString(file, &text));
-    return text;
+    return outputOf([&](int file) { CHECK_EQ(service.dump(file, arguments), OK); });
 }
 
 void decide(KUsbService& service, int32_t id) {
@@ -163,7 +142,7 @@ void scanAndDecide() {
 
 void readAsTheGate() {
     static const bool linked =
-        mkdir("/sys/class", 0755) == 0 && symlink(kUsbDevicesPath, "/sys/class/input") == 0;
+        fs::create_directories("/sys/class") && symlink(kUsbDevicesPath, "/sys/class/input") == 0;
     CHECK(linked);
     for (const std::string& name : deviceNames()) {
         const Device device(name);

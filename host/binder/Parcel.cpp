@@ -4,7 +4,6 @@
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 #include <binder/Stability.h>
-#include <fcntl.h>
 #include <linux/android/binder.h>
 #include <unistd.h>
 #include <utils/Unicode.h>
@@ -120,8 +119,6 @@ size_t Parcel::dataAvail() const { return mDataPos < mDataSize ? mDataSize - mDa
 size_t Parcel::dataPosition() const { return mDataPos; }
 
 size_t Parcel::dataCapacity() const { return mDataCapacity; }
-
-size_t Parcel::objectsCount() const { return mObjectsSize; }
 
 void Parcel::setDataPosition(size_t pos) const { mDataPos = pos; }
 
@@ -343,10 +340,6 @@ status_t Parcel::writeString16(const String16& str) {
     return writeString16(str.string(), str.size());
 }
 
-status_t Parcel::writeString16(const std::unique_ptr<String16>& str) {
-    return str ? writeString16(*str) : writeInt32(-1);
-}
-
 status_t Parcel::writeString16(const char16_t* str, size_t len) {
     if (!str) return writeInt32(-1);
     if (!isLength(len)) return BAD_VALUE;
@@ -373,17 +366,6 @@ status_t Parcel::readString16(String16* pArg) const {
     return pArg->setTo(str, len);
 }
 
-status_t Parcel::readString16(std::unique_ptr<String16>* pArg) const {
-    const size_t start = dataPosition();
-    int32_t size;
-    const status_t status = readInt32(&size);
-    pArg->reset();
-    if (status != OK || size < 0) return status;
-    setDataPosition(start);
-    *pArg = std::make_unique<String16>();
-    return readString16(pArg->get());
-}
-
 const char16_t* Parcel::readString16Inplace(size_t* outLen) const {
     *outLen = 0;
     int32_t size;
@@ -405,10 +387,6 @@ status_t Parcel::writeUtf8AsUtf16(const std::string& str) {
     return writeString16(utf16.data(), utf16.size());
 }
 
-status_t Parcel::writeUtf8AsUtf16(const std::unique_ptr<std::string>& str) {
-    return str ? writeUtf8AsUtf16(*str) : writeInt32(-1);
-}
-
 status_t Parcel::readUtf8FromUtf16(std::string* str) const {
     size_t len;
     const char16_t* utf16 = readString16Inplace(&len);
@@ -422,17 +400,6 @@ status_t Parcel::readUtf8FromUtf16(std::string* str) const {
     return OK;
 }
 
-status_t Parcel::readUtf8FromUtf16(std::unique_ptr<std::string>* str) const {
-    const size_t start = dataPosition();
-    int32_t size;
-    const status_t status = readInt32(&size);
-    str->reset();
-    if (status != OK || size < 0) return status;
-    setDataPosition(start);
-    *str = std::make_unique<std::string>();
-    return readUtf8FromUtf16(str->get());
-}
-
 // Vectors: the number of elements, then each as it is written by itself.
 
 status_t Parcel::writeInt32Vector(const std::vector<int32_t>& val) {
@@ -443,22 +410,6 @@ status_t Parcel::readInt32Vector(std::vector<int32_t>* val) const {
     return holdsVector(*this) ? readTypedVector(val, &Parcel::readInt32) : BAD_VALUE;
 }
 
-status_t Parcel::writeInt64Vector(const std::vector<int64_t>& val) {
-    return writeTypedVector(val, &Parcel::writeInt64);
-}
-
-status_t Parcel::readInt64Vector(std::vector<int64_t>* val) const {
-    return holdsVector(*this) ? readTypedVector(val, &Parcel::readInt64) : BAD_VALUE;
-}
-
-status_t Parcel::writeString16Vector(const std::vector<String16>& val) {
-    return writeTypedVector(val, &Parcel::writeString16);
-}
-
-status_t Parcel::readString16Vector(std::vector<String16>* val) const {
-    return holdsVector(*this) ? readTypedVector(val, &Parcel::readString16) : BAD_VALUE;
-}
-
 status_t Parcel::writeUtf8VectorAsUtf16Vector(const std::vector<std::string>& val) {
     return writeTypedVector(val, &Parcel::writeUtf8AsUtf16);
 }
@@ -467,23 +418,11 @@ status_t Parcel::readUtf8VectorFromUtf16Vector(std::vector<std::string>* val) co
     return holdsVector(*this) ? readTypedVector(val, &Parcel::readUtf8FromUtf16) : BAD_VALUE;
 }
 
-status_t Parcel::writeStrongBinderVector(const std::vector<sp<IBinder>>& val) {
-    return writeTypedVector(val, &Parcel::writeStrongBinder);
-}
-
-status_t Parcel::readStrongBinderVector(std::vector<sp<IBinder>>* val) const {
-    return holdsVector(*this) ? readTypedVector(val, &Parcel::readNullableStrongBinder) : BAD_VALUE;
-}
-
 // Parcelables: whether there is one, then what it writes.
 
 status_t Parcel::writeParcelable(const Parcelable& parcelable) {
     const status_t status = writeInt32(1);
     return status == OK ? parcelable.writeToParcel(this) : status;
-}
-
-status_t Parcel::writeRawNullableParcelable(const Parcelable* parcelable) {
-    return parcelable ? writeParcelable(*parcelable) : writeInt32(0);
 }
 
 status_t Parcel::readParcelable(Parcelable* parcelable) const {
@@ -594,30 +533,11 @@ status_t Parcel::writeFileDescriptor(int fd, bool takeOwnership) {
     return writeObject(object, true);
 }
 
-status_t Parcel::writeDupFileDescriptor(int fd) {
-    const int duplicate = fcntl(fd, F_DUPFD_CLOEXEC, 0);
-    if (duplicate < 0) return -errno;
-    const status_t status = writeFileDescriptor(duplicate, true);
-    if (status != OK) close(duplicate);
-    return status;
-}
-
-status_t Parcel::writeUniqueFileDescriptor(const base::unique_fd& fd) {
-    return writeDupFileDescriptor(fd.get());
-}
-
 int Parcel::readFileDescriptor() const {
     const size_t offset = mDataPos;
     if (!readObject(true)) return BAD_TYPE;
     const flat_binder_object object = objectAt(mData, offset);
     return object.hdr.type == BINDER_TYPE_FD ? static_cast<int>(object.handle) : BAD_TYPE;
-}
-
-status_t Parcel::readUniqueFileDescriptor(base::unique_fd* val) const {
-    const int fd = readFileDescriptor();
-    if (fd < 0) return BAD_TYPE;
-    val->reset(fcntl(fd, F_DUPFD_CLOEXEC, 0));
-    return val->ok() ? OK : -errno;
 }
 
 }  // namespace android

@@ -77,8 +77,6 @@ status_t Status::writeToParcel(Parcel* parcel) const {
     return parcel->writeInt32(0);
 }
 
-void Status::setException(int32_t ex, const String8& message) { *this = Status(ex, OK, message); }
-
 void Status::setFromStatusT(status_t status) {
     *this = Status(status == OK ? EX_NONE : EX_TRANSACTION_FAILED, status);
 }

@@ -16,8 +16,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <random>
 #include <string>
@@ -44,12 +42,9 @@ class Counter : public IBinder::DeathRecipient {
 
 /** What the processes under test serve. Arguments and results follow each code. */
 enum EchoCode : uint32_t {
-    ECHO = IBinder::FIRST_CALL_TRANSACTION,  // string; string, caller's pid, caller's uid
-    LINK,   // binder; whether it could be linked for its death, and unlinked
+    ECHO = IBinder::FIRST_CALL_TRANSACTION,  // string, binder; the same
     NOTE,   // number, anything; -1 is noted before it where another call was not done yet
     NOTES,  // ; numbers noted, in order
-    OTHER,  // ; binder of another object in the process
-    SAME,   // binder; the same binder
 };
 
 class Echo : public BBinder {
@@ -64,13 +59,7 @@ class Echo : public BBinder {
         switch (code) {
             case ECHO:
                 reply->writeString16(data.readString16());
-                reply->writeInt32(IPCThreadState::self()->getCallingPid());
-                return reply->writeUint32(IPCThreadState::self()->getCallingUid());
-            case LINK: {
-                const sp<IBinder> binder = data.readStrongBinder();
-                return reply->writeBool(binder && binder->linkToDeath(mCounter) == OK &&
-                                        binder->unlinkToDeath(mCounter) == OK);
-            }
+                return reply->writeStrongBinder(data.readStrongBinder());
             case NOTE:
                 note(data.readInt32());
                 return OK;
@@ -78,10 +67,6 @@ class Echo : public BBinder {
                 std::lock_guard lock(mLock);
                 return reply->writeInt32Vector(mNotes);
             }
-            case OTHER:
-                return reply->writeStrongBinder(mOther);
-            case SAME:
-                return reply->writeStrongBinder(data.readStrongBinder());
             default:
                 return BBinder::onTransact(code, data, reply, flags);
         }
@@ -97,8 +82,6 @@ class Echo : public BBinder {
         mNoting = false;
     }
 
-    const sp<Counter> mCounter = new Counter;
-    const sp<IBinder> mOther = new BBinder;
     std::mutex mLock;
     std::vector<int32_t> mNotes;
     std::atomic<bool> mNoting = false;
@@ -108,12 +91,12 @@ status_t addService(const char* name, const sp<IBinder>& service) {
     return defaultServiceManager()->addService(String16(name), service);
 }
 
-sp<IBinder> checkService(const std::string& name) {
-    return defaultServiceManager()->checkService(String16(name.c_str()));
+sp<IBinder> checkService(const char* name) {
+    return defaultServiceManager()->checkService(String16(name));
 }
 
-sp<IBinder> waitForService(const std::string& name) {
-    return defaultServiceManager()->waitForService(String16(name.c_str()));
+sp<IBinder> waitForService(const char* name) {
+    return defaultServiceManager()->waitForService(String16(name));
 }
 
 int runEcho(const char* name) {
@@ -148,17 +131,10 @@ class BinderTest : public testing::Test {
         return mEcho->transact(ECHO, data, &reply) == OK && reply.readString16() == String16("up");
     }
 
-    static status_t noteOneWay(const sp<IBinder>& echo, int32_t number, size_t payload) {
-        Parcel data;
-        data.writeInt32(number);
-        data.writeInplace(payload);
-        return echo->transact(NOTE, data, nullptr, IBinder::FLAG_ONEWAY);
-    }
-
-    static std::vector<int32_t> notes(const sp<IBinder>& echo) {
+    std::vector<int32_t> notes() {
         Parcel data, reply;
         std::vector<int32_t> noted;
-        EXPECT_EQ(echo->transact(NOTES, data, &reply), OK);
+        EXPECT_EQ(mEcho->transact(NOTES, data, &reply), OK);
         EXPECT_EQ(reply.readInt32Vector(&noted), OK);
         return noted;
     }
@@ -168,14 +144,18 @@ class BinderTest : public testing::Test {
 };
 
 TEST_F(BinderTest, CallsAreAnsweredOrFail) {
-    Parcel text, reply, none, tooLarge;
-    text.writeUtf8AsUtf16(std::string("h\u00e4\u20ac\U0001F600"));
-    ASSERT_EQ(mEcho->transact(ECHO, text, &reply), OK);
-    std::string answer;
-    EXPECT_EQ(reply.readUtf8FromUtf16(&answer), OK);
-    EXPECT_EQ(answer, "h\u00e4\u20ac\U0001F600");
-    EXPECT_EQ(reply.readInt32(), getpid());
-    EXPECT_EQ(reply.readUint32(), getuid());
+    const std::string text = "h\u00e4\u20ac\U0001F600";
+    for (const sp<IBinder>& binder : {sp<IBinder>(new BBinder), mEcho}) {
+        Parcel data, reply;
+        data.writeUtf8AsUtf16(text);
+        data.writeStrongBinder(binder);
+        ASSERT_EQ(mEcho->transact(ECHO, data, &reply), OK);
+        std::string answer;
+        EXPECT_EQ(reply.readUtf8FromUtf16(&answer), OK);
+        EXPECT_EQ(answer, text);
+        EXPECT_EQ(reply.readStrongBinder(), binder);
+    }
+    Parcel none, tooLarge, reply;
     EXPECT_EQ(mEcho->transact(IBinder::LAST_CALL_TRANSACTION, none, nullptr), UNKNOWN_TRANSACTION);
     ASSERT_NE(tooLarge.writeInplace(2 << 20), nullptr);
     EXPECT_EQ(mEcho->transact(ECHO, tooLarge, &reply), FAILED_TRANSACTION);
@@ -183,14 +163,8 @@ TEST_F(BinderTest, CallsAreAnsweredOrFail) {
     EXPECT_EQ(mEcho->getInterfaceDescriptor(), String16("test.Echo"));
 }
 
-TEST_F(BinderTest, BinderKeepsItsIdentity) {
-    EXPECT_EQ(checkService(kName), mEcho);
-    for (const sp<IBinder>& binder : {sp<IBinder>(new BBinder), mEcho}) {
-        Parcel data, reply;
-        data.writeStrongBinder(binder);
-        ASSERT_EQ(mEcho->transact(SAME, data, &reply), OK);
-        EXPECT_EQ(reply.readStrongBinder(), binder);
-    }
+// The bytes of a local object are tested with the others of the calls.
+TEST_F(BinderTest, AHandleIsWrittenAsThePlatformDoes) {
     Parcel handle;
     handle.writeStrongBinder(mEcho);
     const auto* words = reinterpret_cast<const int32_t*>(handle.data());
@@ -211,85 +185,39 @@ TEST_F(BinderTest, OnewayCallsComeInOrderAndOneAtATime) {
     std::vector<int32_t> sent;
     const auto send = [&](size_t payload) {
         const auto number = static_cast<int32_t>(sent.size());
-        const status_t status = noteOneWay(mEcho, number, payload);
-        if (status == OK) sent.push_back(number);
-        return status;
+        Parcel data;
+        data.writeInt32(number);
+        data.writeInplace(payload);
+        if (mEcho->transact(NOTE, data, nullptr, IBinder::FLAG_ONEWAY) != OK) return false;
+        sent.push_back(number);
+        return true;
     };
     // None of them waits for its end: the receiver goes on after 50 of them only.
     for (int i = 0; i < 2000; ++i) {
         if (i % 200 == 100) mProcess->kill(SIGSTOP);
         if (i % 200 == 150) mProcess->kill(SIGCONT);
-        EXPECT_EQ(send(4), OK);
+        EXPECT_TRUE(send(4));
     }
-
-    // A receiver whose buffer is full costs its own callers these calls, and nobody else any.
+    // A receiver whose buffer is full costs its callers these calls alone.
     mProcess->kill(SIGSTOP);
-    status_t status = OK;
-    while (status == OK && sent.size() < 10000) status = send(4096);
-    EXPECT_EQ(status, FAILED_TRANSACTION);
-    EchoProcess other("test.other");
-    const sp<IBinder> echo = waitForService("test.other");
-    EXPECT_EQ(noteOneWay(echo, 7, 4096), OK);
-    EXPECT_TRUE(eventually([&] { return notes(echo) == std::vector<int32_t>{7}; }));
+    while (sent.size() < 10000 && send(4096)) continue;
+    EXPECT_LT(sent.size(), 10000u);
 
     mProcess->kill(SIGCONT);
-    EXPECT_TRUE(eventually([&] { return notes(mEcho).size() >= sent.size(); }));
+    EXPECT_TRUE(eventually([&] { return notes().size() >= sent.size(); }));
     done = true;
     for (std::thread& thread : others) thread.join();
-    EXPECT_EQ(notes(mEcho), sent);
-}
-
-/** What the driver and the kernel hold for a process: nodes, references, files. */
-std::vector<int> holdings(pid_t pid) {
-    std::ifstream state("/sys/kernel/debug/binder/proc/" + std::to_string(pid));
-    EXPECT_TRUE(state) << "is debugfs mounted?";
-    int nodes = 0, refs = 0;
-    for (std::string line; std::getline(state, line);) {
-        nodes += line.rfind("  node ", 0) == 0;
-        refs += line.rfind("  ref ", 0) == 0;
-    }
-    const std::filesystem::directory_iterator fds("/proc/" + std::to_string(pid) + "/fd");
-    return {nodes, refs, static_cast<int>(std::distance(begin(fds), end(fds)))};
-}
-
-struct Callback : BBinder {
-    Callback() { ++alive; }
-    ~Callback() override { --alive; }
-    static inline std::atomic<int> alive = 0;
-};
-
-TEST_F(BinderTest, ObjectsAndDescriptorsLeaveNothingBehind) {
-    const unique_fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
-    const auto send = [&](int rounds) {
-        for (int i = 0; i < rounds; ++i) {
-            Parcel data, reply;
-            data.writeStrongBinder(new Callback);
-            ASSERT_EQ(mEcho->transact(LINK, data, &reply), OK);
-            ASSERT_TRUE(reply.readBool());
-            ASSERT_EQ(mEcho->dump(null.get(), {}), OK);
-        }
-        EXPECT_TRUE(eventually([] { return Callback::alive == 0; })) << Callback::alive;
-    };
-    // What a process needs once only is there after the first rounds.
-    send(500);
-    const std::vector<int> here = holdings(getpid()), there = holdings(mProcess->pid());
-    send(1000);
-    EXPECT_TRUE(eventually([&] { return holdings(getpid()) == here; }));
-    EXPECT_TRUE(eventually([&] { return holdings(mProcess->pid()) == there; }));
+    EXPECT_EQ(notes(), sent);
 }
 
 TEST_F(BinderTest, ProxyThatComesAndGoesInManyThreadsKeepsItsNotice) {
-    const auto other = [this] {
-        Parcel data, reply;
-        EXPECT_EQ(mEcho->transact(OTHER, data, &reply), OK);
-        return reply.readStrongBinder();
-    };
+    mEcho = nullptr;
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&] {
             const sp<Counter> recipient = new Counter;
             for (int round = 0; round < 1000; ++round) {
-                const sp<IBinder> proxy = other();
+                const sp<IBinder> proxy = checkService(kName);
                 EXPECT_EQ(proxy->linkToDeath(recipient), OK);
                 if (round % 2 == 0) continue;
                 EXPECT_EQ(proxy->unlinkToDeath(recipient), OK);
@@ -298,7 +226,7 @@ TEST_F(BinderTest, ProxyThatComesAndGoesInManyThreadsKeepsItsNotice) {
     }
     for (std::thread& thread : threads) thread.join();
 
-    const sp<IBinder> proxy = other();
+    const sp<IBinder> proxy = checkService(kName);
     const sp<Counter> recipient = new Counter;
     ASSERT_EQ(proxy->linkToDeath(recipient), OK);
     mProcess->kill(SIGKILL);
@@ -415,7 +343,7 @@ TEST_F(BinderTest, ServiceManagerKeepsTheLastServiceOfALegalName) {
 
     const std::string longest = "test-2/" + std::string(120, 'n');
     EchoProcess second(longest.c_str());
-    const sp<IBinder> other = waitForService(longest);
+    const sp<IBinder> other = waitForService(longest.c_str());
     ASSERT_EQ(addService(kName, other), OK);
     ASSERT_EQ(addService("test.first", mEcho), OK);
     mProcess->kill(SIGKILL);

@@ -14,13 +14,13 @@ namespace {
 
 constexpr char kSelf[] = "/proc/self/exe";
 constexpr char kClientRole[] = "--client";
-constexpr char kHungClientRole[] = "--hung-client";
-constexpr char kCallerRole[] = "--caller";
-
-constexpr auto kCallingTime = 1s;
-
 class PrintingCallback : public BnKUsbServiceCallback {
+  public:
+    explicit PrintingCallback(bool hangs) : hangs_(hangs) {}
+
+  private:
     binder::Status onDeviceAdded(const DeviceInfo& device) override {
+        while (hangs_) pause();
         std::vector<DeviceInfo> devices;
         if (service()->getDeviceList(&devices).isOk()) {
             printf("added %d %d\n", device.deviceId, device.status);
@@ -32,15 +32,8 @@ class PrintingCallback : public BnKUsbServiceCallback {
         printf("removed %d\n", device.deviceId);
         return binder::Status::ok();
     }
-};
 
-class HungCallback : public BnKUsbServiceCallback {
-    binder::Status onDeviceAdded(const DeviceInfo&) override { return hang(); }
-    binder::Status onDeviceRemoved(const DeviceInfo&) override { return hang(); }
-
-    static binder::Status hang() {
-        while (true) pause();
-    }
+    const bool hangs_;
 };
 
 int runClient(const sp<IKUsbServiceCallback>& callback, int registrations) {
@@ -54,45 +47,21 @@ int runClient(const sp<IKUsbServiceCallback>& callback, int registrations) {
     return 0;
 }
 
-int runCaller() {
-    const sp<IKUsbService> kus = service();
-    puts("ready");
-    getchar();
-    int calls = 0;
-    for (const auto end = std::chrono::steady_clock::now() + kCallingTime;
-         std::chrono::steady_clock::now() < end; ++calls) {
-        std::vector<DeviceInfo> devices;
-        kus->getDeviceList(&devices);
-    }
-    printf("%d\n", calls);
-    return 0;
-}
-
 }  // namespace
 
 int runAsClient(int argc, char** argv) {
+    if (argc != 4 || strcmp(argv[1], kClientRole) != 0) return -1;
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    if (argc == 3 && strcmp(argv[1], kClientRole) == 0) {
-        return runClient(new PrintingCallback(), atoi(argv[2]));
-    }
-    if (argc == 3 && strcmp(argv[1], kHungClientRole) == 0) {
-        return runClient(new HungCallback(), atoi(argv[2]));
-    }
-    if (argc == 2 && strcmp(argv[1], kCallerRole) == 0) return runCaller();
-    return -1;
+    return runClient(new PrintingCallback(atoi(argv[3])), atoi(argv[2]));
 }
 
 Client::Client(int registrations, bool hangs)
-    : Process({kSelf, hangs ? kHungClientRole : kClientRole, std::to_string(registrations)}) {
+    : Process({kSelf, kClientRole, std::to_string(registrations), std::to_string(hangs)}) {
     // After a notice, perhaps.
     std::string printed;
     do printed = line();
     while (!printed.empty() && printed != "registered");
     EXPECT_EQ(printed, "registered") << (ends(0s) ? "it has ended" : "it takes too long");
 }
-
-Caller::Caller() : Process({kSelf, kCallerRole}) { EXPECT_EQ(line(), "ready"); }
-
-int Caller::callsPerSecond() { return atoi(line().c_str()) / kCallingTime.count(); }
 
 }  // namespace android::kus

@@ -4,11 +4,11 @@
 #include <android/kus/IKUsbService.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,8 +34,11 @@ void writeFile(const std::string& path, const std::string& content);
 /** A rules file's text with this mode and these elements. */
 std::string rulesText(const std::string& mode, const std::string& rules);
 
-/** Counts the parses of rewrites since the device's start. */
-int parses();
+/** Counts the lines of the daemon's log that match a pattern of grep's. */
+int logged(const std::string& pattern);
+
+/** Whether the daemon is through with the last rewrite, a good one, and with the reset after it. */
+bool isSettled();
 
 /** The service; waits for it when it is not there, or was lost. */
 sp<IKUsbService> service();
@@ -45,7 +48,7 @@ DeviceInfo recorded(int id);
 DeviceInfo recorded(const std::string& name);
 
 /** Asks the service about a device that is not there, with interfaces of these classes. */
-bool isAllowed(const std::vector<int>& interfaceClasses);
+bool isAllowed(const std::vector<int>& interfaceClasses, int vendor = 1);
 
 /** A rules file that differs from all others made here in its text and in its decisions. */
 struct Rules {
@@ -53,7 +56,6 @@ struct Rules {
     static Rules next();
     /** Writes the next ones and waits until they are accepted. */
     static Rules rewrite();
-    bool areInForce() const;
     /** Whether they are in force and all three files say so. */
     bool areAccepted() const;
 
@@ -68,6 +70,20 @@ pid_t daemonPid();
 /** Waits until the daemon is there and watches the rules file. */
 void awaitDaemon();
 
+/** Id of the present enumeration of a sysfs entry, such as 4-1; 0 while there is none. */
+int idOf(const std::string& entry);
+
+/** Driver and `authorized` of an interface, such as "usb-storage 1", " 0" without a driver. */
+std::string stateOf(const std::string& interface);
+
+/** Those of the interfaces that a sysfs entry has, by number. */
+std::vector<std::string> statesOf(const std::string& entry);
+
+/** Options of plug: a stick, a serial adapter, and a keyboard that comes as "Virtual NAME". */
+constexpr char kStick[] = "--vendor 2385 --product 5734 --storage";
+constexpr char kSerial[] = "--vendor 1155 --product 22336 --serial";
+constexpr char kKeyboard[] = "--vendor 1241 --product 5635 --keyboard";
+
 /** A USB device that stays attached for as long as this lives. */
 class Plugged {
   public:
@@ -80,44 +96,29 @@ class Plugged {
     /** Its sysfs entry, such as 4-1. */
     const std::string& entry() const { return entry_; }
     /** The id of its present enumeration; 0 while it is away. */
-    int id() const;
+    int id() const { return idOf(entry_); }
     /** The service's record of its present enumeration, waited for. */
     DeviceInfo decision() const;
-    /** Driver and `authorized` of an interface, such as "usb-storage 1", " 0" without a driver. */
-    std::string interfaceState(int number) const;
+    /** Waits until each of its interfaces is in this state; says which is not. */
+    void expectState(const std::string& state) const;
 
   private:
     std::string name_;
     std::string entry_;
 };
 
-/** While it lives no one but the test asks the daemon about devices. */
-class NoGate {
-  public:
-    NoGate() { shell("services stop kusgate"); }
-    ~NoGate() { shell("services start kusgate"); }
-};
+/** How many block devices USB sticks have. */
+int sticks();
 
-/** Block devices of USB sticks. */
-std::vector<std::string> sticks();
-
-/** Records what is written to the host controllers' role attributes. */
-class RoleWatch {
+/** Keeps a process from running for as long as it lives. */
+class Stopped {
   public:
-    RoleWatch();
-    ~RoleWatch();
-    /** Waits for this many writes, and a little longer for ones too many: "hsusb none", … */
-    std::vector<std::string> writes(size_t expected);
+    explicit Stopped(pid_t pid) : pid_(pid) { kill(pid_, SIGSTOP); }
+    ~Stopped() { kill(pid_, SIGCONT); }
+    Stopped(const Stopped&) = delete;
 
   private:
-    void record();
-
-    int fd_;
-    int hsusb_;
-    std::atomic<bool> done_ = false;
-    std::mutex lock_;
-    std::vector<std::string> writes_;
-    std::thread thread_;
+    const pid_t pid_;
 };
 
 /** Does something again and again, for as long as this lives. */
@@ -136,9 +137,6 @@ class Again {
     std::atomic<bool> done_ = false;
     std::thread thread_;
 };
-
-/** What a reset of both controllers writes. */
-std::vector<std::string> oneToggle();
 
 /** Starts with the default rules in force and without a plugged device. */
 class DeviceTest : public testing::Test {

@@ -46,22 +46,14 @@ class Process {
  * A client of the service in a process of its own. It registers one callback this many times and
  * then prints "registered", and for each callback "added ID STATUS" or "removed ID". From inside
  * the callbacks it calls the service. For each poke it unregisters once and prints "unregistered".
- * A hung one prints nothing in its callbacks and does not return from them.
+ * A hung one does not return from its first callback.
  */
 class Client : public Process {
   public:
     explicit Client(int registrations, bool hangs = false);
 };
 
-/** A process of its own that, once poked, calls getDeviceList for a second. */
-class Caller : public Process {
-  public:
-    Caller();
-    /** Waits for the count; 0 when none comes. */
-    int callsPerSecond();
-};
-
-/** Runs this executable as one of these, when its arguments say so; -1 when not. */
+/** Runs this executable as a client, when its arguments say so; -1 when not. */
 int runAsClient(int argc, char** argv);
 
 }  // namespace android::kus

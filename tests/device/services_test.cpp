@@ -8,8 +8,6 @@ namespace {
 
 class ServicesTest : public DeviceTest {};
 
-constexpr char kStick[] = "--vendor 2385 --product 5734 --storage --port 0";
-
 TEST_F(ServicesTest, WhoDependsOnTheServiceManagerIsRestartedWithIt) {
     setRules("whitelist", "<class>USB_CLASS_AUDIO</class>");
     const std::string unchanged =
@@ -26,7 +24,7 @@ TEST_F(ServicesTest, WhoDependsOnTheServiceManagerIsRestartedWithIt) {
 }
 
 TEST_F(ServicesTest, ARoleIsFollowedAsSoonAsTheRoleSwitchCountsAsStarted) {
-    const Plugged stick("stick", kStick);
+    const Plugged stick("stick", std::string(kStick) + " --port 0");
     for (int i = 0; i < 3; ++i) {
         const int before = stick.id();
         shell(

@@ -18,7 +18,7 @@ size_t descriptors(pid_t pid) {
 
 TEST_F(SoakTest, DevicesClientsRulesAndReadersComeAndGo) {
     const pid_t daemon = daemonPid();
-    Plugged stick("stick", "--vendor 2385 --product 5734 --storage --port 0");
+    Plugged stick("stick", std::string(kStick) + " --port 0");
     const auto run = [&](int times) {
         const Again rewrites(3s, [bad = false]() mutable {
             writeFile(configFilePath, (bad = !bad) ? "<broken" : Rules::next().text);

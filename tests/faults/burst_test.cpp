@@ -3,6 +3,7 @@
 // Rewrites some milliseconds apart, some of which end the daemon.
 #include <android-base/strings.h>
 #include <signal.h>
+#include <stdlib.h>
 
 #include <algorithm>
 #include <random>
@@ -17,7 +18,7 @@ using std::chrono::microseconds;
 using std::chrono::steady_clock;
 
 int countParses(const std::string& log) {
-    const std::vector<std::string> lines = base::Split(log, "\n");
+    const Texts lines = base::Split(log, "\n");
     return std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
         return base::EndsWith(line, "call parsing");
     });
@@ -103,10 +104,10 @@ void Bursts::expectAgreement(const std::vector<Rules>& rewrites) {
     })) << status;
 }
 
-// Each kind after each kind, after any other.
+// Each kind after each kind, after any other; for long with KUS_FULL_RUN in the environment.
 TEST_F(Bursts, OfThree) {
     settleOn(inForce_);
-    const int bursts = (fullRun() ? 600 : 4) * kKindCount * kKindCount;
+    const int bursts = (getenv("KUS_FULL_RUN") ? 600 : 4) * kKindCount * kKindCount;
     int tried = 0;
     for (; tried < bursts && !HasFailure(); ++tried) {
         burst({static_cast<int>(random_() % kKindCount), tried / kKindCount % kKindCount,

@@ -3,7 +3,6 @@
 
 #include <android-base/file.h>
 #include <signal.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
@@ -53,23 +52,20 @@ void writeFile(const std::string& path, const std::string& text) {
     ASSERT_TRUE(base::WriteStringToFile(text, path)) << path;
 }
 
-bool fullRun() { return getenv("KUS_FULL_RUN") != nullptr; }
-
 LocalDaemonTest::LocalDaemonTest() {
     fs::create_directories("/sys/bus/usb/devices");
     fs::create_directories(configDirectory);
     for (const auto& entry : fs::directory_iterator(configDirectory)) fs::remove(entry);
 }
 
-void LocalDaemonTest::start(const std::vector<std::string>& wrapper, const char* argument) {
+void LocalDaemonTest::start(const Texts& wrapper, const Texts& command) {
     kill();
-    std::vector<std::string> command = {"sh", "-c", std::string("exec \"$@\" 2>") + kLog, "sh"};
-    command.insert(command.end(), wrapper.begin(), wrapper.end());
-    command.push_back(LOCAL_KUSD_PATH);
-    if (argument) command.push_back(argument);
+    Texts all = {"sh", "-c", std::string("exec \"$@\" 2>") + kLog, "sh"};
+    all.insert(all.end(), wrapper.begin(), wrapper.end());
+    all.insert(all.end(), command.begin(), command.end());
     writeFile(kLog, "");
     seen_ = 0;
-    daemon_ = std::make_unique<Process>(command);
+    daemon_ = std::make_unique<Process>(all);
 }
 
 bool LocalDaemonTest::awaitStart() {

@@ -13,6 +13,8 @@
 
 namespace android::kus {
 
+using Texts = std::vector<std::string>;
+
 /** What stands in a rules file. */
 struct Rules {
     const char* name;
@@ -43,16 +45,13 @@ void writeFile(const std::string& path, const std::string& text);
 /** Longer than anything here takes. */
 constexpr std::chrono::seconds kPatience(8);
 
-/** With KUS_FULL_RUN in the environment, random runs are long. */
-bool fullRun();
-
 /** Starts with an empty configuration directory and no daemon. */
 class LocalDaemonTest : public testing::Test {
   protected:
     LocalDaemonTest();
 
-    /** Starts the daemon, by way of another command, and waits for nothing. */
-    void start(const std::vector<std::string>& wrapper = {}, const char* argument = nullptr);
+    /** Starts the daemon, or another command, by way of a wrapper, and waits for nothing. */
+    void start(const Texts& wrapper = {}, const Texts& command = {LOCAL_KUSD_PATH});
     /** Until it watches its rules; false when it ended before that. */
     bool awaitStart();
     /** Starts it, and again where it ends at once, as init would. */

@@ -62,17 +62,11 @@ class Asker {
     void decideOn(const DeviceTable::Pointer& device) {
         if (!isAskedAbout(*device)) return devices_->setDecided(device);
         const auto description = describe(*device);
-        if (!description) {
-            devices_->postpone(device);
-            return;
-        }
+        if (!description) return devices_->postpone(device);
         if (!devices_->isToBeAskedAbout(device, description->info)) return;
         const auto allowed = closed_ && !device->isInput() ? askAndOpen(*device, *description)
                                                            : ask(*device, description->info);
-        if (!allowed) {
-            devices_->postpone(device);
-            return;
-        }
+        if (!allowed) return devices_->postpone(device);
         if (device->isInput()) setSilenced(*device, !*allowed);
         record(*device, description->info, *allowed);
         devices_->setDecided(device);

@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "gate/device_reader.h"
 
+#include <android-base/parseint.h>
 #include <android-base/strings.h>
 #include <linux/input.h>
 #include <linux/usb/ch9.h>
+#include <stdlib.h>
 #include <string.h>
 #include <utils/Unicode.h>
 
 #include <algorithm>
 #include <bitset>
-#include <charconv>
 #include <map>
 
 #include "gate/input_sources.h"
@@ -17,7 +18,6 @@
 namespace android::kus {
 namespace {
 
-constexpr char kUsbDevices[] = "/sys/bus/usb/devices";
 constexpr char kInputDevices[] = "/sys/class/input";
 constexpr char kInputPrefix[] = "input";
 // Read under the device's lock, which the kernel holds while it configures the device.
@@ -66,7 +66,7 @@ std::optional<DeviceDescription> describeUsbDevice(const Device& device) {
     const auto deviceClass = directory.readNumber("bDeviceClass", 16, kMaxByte);
     const auto vendor = directory.readNumber("idVendor", 16, kMaxId);
     const auto product = directory.readNumber("idProduct", 16, kMaxId);
-    // Waits, see isHub.
+    // Waits: see kInterfaceCount.
     const auto count = directory.readNumber(kInterfaceCount, 10, kMaxByte);
     const auto interfaces = readInterfaces(device);
     if (!bus || !number || !deviceClass || !vendor || !product || !count || !interfaces ||
@@ -99,12 +99,9 @@ std::bitset<N> readBits(const Device& device, const std::string& attribute) {
 }
 
 std::optional<int> inputNumber(const std::string& name) {
-    const char* const end = name.data() + name.size();
     int number;
-    const auto [stop, error] = std::from_chars(name.data() + strlen(kInputPrefix), end, number);
-    if (error != std::errc() || stop != end || number < 0 || number > kMaxInputNumber) {
-        return std::nullopt;
-    }
+    const char* const digits = name.c_str() + strlen(kInputPrefix);
+    if (!base::ParseInt(digits, &number, 0, kMaxInputNumber)) return std::nullopt;
     return number;
 }
 

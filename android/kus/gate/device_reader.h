@@ -11,6 +11,8 @@
 
 namespace android::kus {
 
+inline constexpr char kUsbDevices[] = "/sys/bus/usb/devices";
+
 /** An attached device. Its name in sysfs is such as "3-1", "usb3" for a root hub, or "input4". */
 struct Device {
     explicit Device(const std::string& sysfsName);

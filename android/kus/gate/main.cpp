@@ -19,10 +19,10 @@ namespace {
 
 using android::ProcessState;
 using android::kus::DeviceTable;
+using android::kus::kUsbDevices;
 
 constexpr int kWrongUse = 2;
 constexpr char kClosedOption[] = "--closed";
-constexpr char kUsbDevices[] = "/sys/bus/usb/devices";
 
 /** Whether the kernel is to keep devices closed until they are allowed. */
 bool isToBeClosed(int argc, char** argv) {

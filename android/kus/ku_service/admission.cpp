@@ -2,7 +2,6 @@
 #include <android-base/logging.h>
 #include <cutils/properties.h>
 
-#include <mutex>
 #include <optional>
 #include <shared_mutex>
 

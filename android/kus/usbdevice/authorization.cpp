@@ -8,11 +8,6 @@
 #include "usbdevice/UsbDevice.h"
 
 namespace android::kus {
-namespace {
-
-constexpr size_t kPathSize = 4096;
-
-}  // namespace
 
 // The interface's `authorized` attribute, not the device's: the device stays configured and can be
 // listed (Documentation/usb/authorization.rst of the kernel).

@@ -51,7 +51,7 @@ class InterfacePath {
     const char* c_str() const { return path_; }
 
   private:
-    char path_[4096];
+    char path_[kPathSize];
 };
 
 UniqueDir openOrLog(const InterfacePath& path, const char* logText) {
@@ -80,6 +80,26 @@ bool hasInputDirectory(const InterfacePath& path) {
         if (strcmp(entry->d_name, "input") == 0 && isDirectory(entry)) return true;
     }
     return false;
+}
+
+/** What the map keeps of an interface that has its device. */
+usbinterface_custom recordOf(const usbinterface& interface) {
+    const usbdevice& device = *interface.parent;
+    usbinterface_custom record = {};
+    record.bInterfaceClass = interface.bInterfaceClass;
+    record.bInterfaceNumber = interface.bInterfaceNumber;
+    record.bInterfaceProtocol = interface.bInterfaceProtocol;
+    record.bInterfaceSubClass = interface.bInterfaceSubClass;
+    strcpy(record.name, interface.name);
+    record.busnum = device.busnum;
+    record.devnum = device.devnum;
+    record.idVendor = device.idVendor;
+    record.idProduct = device.idProduct;
+    strcpy(record.manufacturer, device.manufacturer);
+    strcpy(record.product, device.product);
+    record.category = interface.category;
+    strcpy(record.category_path, interface.category_path);
+    return record;
 }
 
 // Guarded by topologyLock.
@@ -138,32 +158,18 @@ void UsbDevice::fill_deviceid_map() {
 
         const usbdevice& device = *interface.parent;
         const int32_t id = device_id(device);
-        usbinterface_custom record = {};
-        record.busnum = device.busnum;
-        record.devnum = device.devnum;
-        record.idVendor = device.idVendor;
-        record.idProduct = device.idProduct;
-        strcpy(record.manufacturer, device.manufacturer);
-        strcpy(record.product, device.product);
         if (verbose_trace) {
             LOG(INFO) << "creating object and populating \t parent vendorid : " << device.idVendor
                       << ", productid: " << device.idProduct << ",parent path: " << device.name
                       << ",manufacturer: " << device.manufacturer << ",product: " << device.product
                       << ",deviceId:" << id;
         }
-        record.bInterfaceClass = interface.bInterfaceClass;
-        record.bInterfaceNumber = interface.bInterfaceNumber;
-        record.bInterfaceProtocol = interface.bInterfaceProtocol;
-        record.bInterfaceSubClass = interface.bInterfaceSubClass;
-        strcpy(record.name, interface.name);
-        record.category = interface.category;
-        strcpy(record.category_path, interface.category_path);
         if (verbose_trace) {
-            LOG(INFO) << "creating object and populating category_path" << record.category_path
-                      << " and category:" << record.category
+            LOG(INFO) << "creating object and populating category_path" << interface.category_path
+                      << " and category:" << interface.category
                       << " interface path:" << interface.name;
         }
-        deviceid_map.emplace(id, record);
+        deviceid_map.emplace(id, recordOf(interface));
     }
 }
 
@@ -245,9 +251,7 @@ std::vector<usbinterface_custom> UsbDevice::get_deviceid_data(int deviceId) {
 bool UsbDevice::check_vendor_hid(int deviceId) {
     LOG(INFO) << "check_vendor_hid " << deviceId;
     const std::lock_guard lock(topologyLock);
-    const auto [first, last] = deviceid_map.equal_range(deviceId);
-    for (auto it = first; it != last; ++it) {
-        const usbinterface_custom& record = it->second;
+    for (const usbinterface_custom& record : records_of(deviceId)) {
         LOG(INFO) << "Found deviceId in native list : " << deviceId << "\t interface path"
                   << record.name << " device category" << record.category;
         if (record.category == kCategoryVendorHid) return true;

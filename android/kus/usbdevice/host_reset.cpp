@@ -85,6 +85,7 @@ class ControllerOff {
         writeRole(path, kNoRole);
     }
     ~ControllerOff() { controllerIsOff = false; }
+    ControllerOff(const ControllerOff&) = delete;
 };
 
 /** The value of "dc/online" as it stands, by way of dockPollBuffer; empty when unreadable. */

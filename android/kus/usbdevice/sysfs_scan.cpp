@@ -17,8 +17,6 @@ namespace {
 
 using android::base::unique_fd;
 
-constexpr size_t kPathSize = 4096;
-
 // 11 characters of an integer attribute and a terminator; the rest of a longer one is ignored.
 constexpr size_t kIntTextSize = 12;
 
@@ -74,6 +72,19 @@ size_t copyName(const char* name, char (&field)[kNameSize]) {
 
 void warnTruncated(const char* d_name, const char* copy) {
     printf("warning: '%s' truncated to '%s'\n", d_name, copy);
+}
+
+/** Stores the last two ports of the chain that follows the bus in a device's name. */
+void readPorts(const char* chain, usbdevice* device) {
+    while (*chain != '\0') {
+        const char* number = chain + 1;
+        char* end;
+        const uint32_t port = strtoul(number, &end, 10);
+        if (end == number) return;
+        device->parent_portnum = device->portnum;
+        device->portnum = port;
+        chain = end;
+    }
 }
 
 unique_fd openAttribute(const char* d_name, const char* file) {
@@ -197,16 +208,7 @@ void UsbDevice::add_usb_device(const char* d_name) {
     usbdevice* device = new (std::nothrow) usbdevice();
     if (device == nullptr) return;
     device->busnum = busnum;
-
-    uint32_t previous_port = 0;
-    while (*at != '\0') {
-        const char* number = at + 1;
-        const uint32_t port = strtoul(number, &at, 10);
-        if (at == number) break;
-        device->parent_portnum = previous_port;
-        device->portnum = port;
-        previous_port = port;
-    }
+    readPorts(at, device);
 
     const EntryBeingRead open(d_name);
     // Unlike a bus or an interface a device's name is cut without a warning, and only then is the

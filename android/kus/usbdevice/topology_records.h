@@ -9,6 +9,9 @@ namespace android::kus {
 /** One entry for each bus, device and interface. */
 inline constexpr char kUsbDevicesPath[] = "/sys/bus/usb/devices";
 
+/** What the path of an entry, or of an attribute, is cut to, the terminator included. */
+inline constexpr size_t kPathSize = 4096;
+
 /**
  * The records of one scan of /sys/bus/usb/devices. They are plain structures, allocated zeroed,
  * and live only inside the operation that scans. A missing number reads as 0, a missing text as

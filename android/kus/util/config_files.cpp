@@ -134,6 +134,7 @@ class CrashDeferred {
         pthread_sigmask(SIG_BLOCK, &crash, &before_);
     }
     ~CrashDeferred() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    CrashDeferred(const CrashDeferred&) = delete;
 
   private:
     sigset_t before_;

@@ -189,13 +189,13 @@ bool load(const std::string& path, XMLDocument* document) {
     }
 }
 
-void readConfig(const std::function<bool(XMLDocument*)>& load,
+void readConfig(const std::function<bool(XMLDocument*)>& fill,
                 const Util::StatusWriter& writeStatus) {
     const std::unique_lock lock(ruleTablesLock);
     const SharedStateUse use;
     XMLDocument document(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE);
     clearRules();
-    const bool loaded = load(&document);
+    const bool loaded = fill(&document);
     xml_parse_status = false;
     ConfigReader reader(writeStatus);
     if (loaded) {

@@ -5,11 +5,14 @@ package android.kus;
 parcelable DeviceInfo {
     /** Display name of the device. */
     @utf8InCpp String deviceName = "";
-    /** Bus number * 1000 + device number: the device's key in the service's lists. */
+    /**
+     * The device's key in the service's lists: bus number * 1000 + device number; for an input device
+     * any number that no other input device has.
+     */
     int deviceId = 0;
     /** USB device class code; for an input device its input-source bits. */
     int deviceClass = 0;
-    /** USB class code of each interface, in order. */
+    /** USB class code of each interface, in order; empty for an input device. */
     int[] interfaceClassList = {};
     int vendorId = 0;
     int productId = 0;
