@@ -2,53 +2,66 @@
 #include "kusctl_run.h"
 
 #include <android-base/file.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 
+#include <filesystem>
+#include <sstream>
+
+namespace fs = std::filesystem;
 using android::base::ReadFileToString;
 using android::base::WriteStringToFile;
 
+namespace {
+
+std::string contentOf(const std::string& path) {
+    std::string content;
+    EXPECT_TRUE(ReadFileToString(path, &content, /*follow_symlinks=*/true)) << path;
+    return content;
+}
+
+}  // namespace
+
 std::ostream& operator<<(std::ostream& stream, const Result& result) {
-    return stream << "status " << result.status << "\nout:\n"
-                  << result.out << "err:\n"
-                  << result.err;
+    return stream << "status " << result.status << "\nout: " << result.out << "err: " << result.err;
 }
 
-Result runKusctl(const std::string& directory, const std::vector<std::string>& arguments) {
+void enterDevicesFolder(const Files& files) {
+    const fs::path folder = "/data/system/usbdeviceconfig";
+    fs::remove_all(folder);
+    fs::create_directories(folder);
+    fs::current_path(folder);
+    for (const auto& [name, content] : files) ASSERT_TRUE(WriteStringToFile(content, name));
+}
+
+Files filesHere() {
+    Files files;
+    for (const auto& entry : fs::directory_iterator(".")) {
+        files[entry.path().filename()] = contentOf(entry.path());
+    }
+    return files;
+}
+
+Result runKusctl(const std::string& arguments) {
     const TemporaryFile out, err;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addchdir_np(&actions, directory.c_str());
-    posix_spawn_file_actions_adddup2(&actions, out.fd, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, err.fd, STDERR_FILENO);
-    std::vector<std::string> command = {KUSCTL_PATH};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& argument : command) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-
-    pid_t pid;
-    EXPECT_EQ(posix_spawn(&pid, KUSCTL_PATH, &actions, nullptr, argv.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    int status = 0;
-    EXPECT_EQ(waitpid(pid, &status, 0), pid);
-
-    Result result = {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), "", ""};
-    EXPECT_TRUE(ReadFileToString(out.path, &result.out));
-    EXPECT_TRUE(ReadFileToString(err.path, &result.err));
-    return result;
+    const std::string command = KUSCTL_PATH " " + arguments + " >" + out.path + " 2>" + err.path;
+    const int status = system(("exec " + command).c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), contentOf(out.path),
+            contentOf(err.path)};
 }
 
-void RulesFolder::write(const std::string& name, const std::string& content) const {
-    ASSERT_TRUE(WriteStringToFile(content, path() + "/" + name));
+Result runKusctl(const Files& files, const std::string& arguments) {
+    enterDevicesFolder(files);
+    return runKusctl(arguments);
 }
 
-Result RulesFolder::run(const std::vector<std::string>& arguments) const {
-    return runKusctl(path(), arguments);
+std::string whitelist(const std::string& rules) {
+    return "<usbconfig mode='whitelist'>\n" + rules + "\n</usbconfig>\n";
 }
 
-std::string wrongUseText(const std::string& program, const std::string& message) {
-    return program + ": " + message + " (see '" + program + " --help')\n";
+Json::Value parseJson(const std::string& text) {
+    Json::Value value;
+    std::istringstream(text) >> value;
+    return value;
 }

@@ -1,17 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <android-base/file.h>
+#include <json/json.h>
 
+#include <map>
 #include <ostream>
 #include <string>
-#include <vector>
 
 struct Result {
     /** Exit status, or minus the signal that ended it. */
     int status;
-    std::string out;
-    std::string err;
+    std::string out = "", err = "";
 
     bool operator==(const Result& other) const {
         return status == other.status && out == other.out && err == other.err;
@@ -20,19 +19,21 @@ struct Result {
 
 std::ostream& operator<<(std::ostream& stream, const Result& result);
 
-/** Runs kusctl as a process, in the given directory. */
-Result runKusctl(const std::string& directory, const std::vector<std::string>& arguments);
+/** What is in the files of a folder, by their names. */
+using Files = std::map<std::string, std::string>;
 
-/** A folder of rules files of its own, in which kusctl runs. */
-class RulesFolder {
-  public:
-    void write(const std::string& name, const std::string& content) const;
-    Result run(const std::vector<std::string>& arguments) const;
-    std::string path() const { return directory_.path; }
+/** Goes where the device has its rules, and leaves nothing there but these files. */
+void enterDevicesFolder(const Files& files);
 
-  private:
-    TemporaryDir directory_;
-};
+Files filesHere();
 
-/** "kusctl COMMAND: MESSAGE (see 'kusctl COMMAND --help')" and a line end. */
-std::string wrongUseText(const std::string& program, const std::string& message);
+/** Runs "kusctl ARGUMENTS" as a shell does. */
+Result runKusctl(const std::string& arguments);
+
+/** In the device's folder. */
+Result runKusctl(const Files& files, const std::string& arguments);
+
+/** A rules file whose second line is the first of the rules. */
+std::string whitelist(const std::string& rules);
+
+Json::Value parseJson(const std::string& text);

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <android-base/file.h>
 #include <gmock/gmock.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -10,83 +8,57 @@
 namespace {
 
 namespace fs = std::filesystem;
-using android::base::ReadFileToString;
-using android::base::WriteStringToFile;
-using testing::HasSubstr;
 
-constexpr char kDirectory[] = "/data/system/usbdeviceconfig";
-constexpr char kRules[] = "/data/system/usbdeviceconfig/usb_device_config.xml";
-constexpr char kBackup[] = "/data/system/usbdeviceconfig/usb_device_config_backup.xml";
-constexpr char kGood[] = "<usbconfig mode=\"whitelist\"/>\n";
-constexpr char kOtherGood[] = "<usbconfig mode=\"blacklist\"/>\n";
-constexpr char kRefused[] = "<usbconfig mode=\"whitelist\"><foo/></usbconfig>";
-constexpr char kCut[] = "<usbconfig mode=\"whitelist\"><class>USB_CL";
-constexpr char kCrash[] = "<!-- nothing -->";
-constexpr char kNone[] = "(no file)";
+constexpr char kRules[] = "usb_device_config.xml";
+constexpr char kBackup[] = "usb_device_config_backup.xml";
 
-void put(const char* path, const std::string& content) {
-    fs::remove_all(path);
-    if (content == kNone) return;
-    ASSERT_TRUE(WriteStringToFile(content, path));
-}
-
-std::string contentOf(const char* path) {
-    std::string content;
-    return ReadFileToString(path, &content) ? content : kNone;
-}
-
-struct Files {
-    const char* name;
-    const char* rules;
-    const char* backup;
-    int status;
-    /** In the one line that is printed. */
-    const char* text;
-};
-
-class RestoreTest : public testing::TestWithParam<Files> {};
-
-TEST_P(RestoreTest, RestoresRefusedRulesAlone) {
-    const auto& [name, rules, backup, status, text] = GetParam();
-    fs::create_directories(kDirectory);
-    put(kRules, rules);
-    put(kBackup, backup);
-    struct stat before = {}, after = {};
-    stat(kRules, &before);
-    const Result result = runKusctl("/", {"restore"});
-    EXPECT_EQ(result.status, status);
-    EXPECT_THAT(result.out + result.err, HasSubstr(text));
-    EXPECT_EQ(contentOf(kRules), status == 0 ? backup : rules);
-    EXPECT_EQ(contentOf(kBackup), backup);
-    stat(kRules, &after);
-    if (before.st_ino != 0) {
-        EXPECT_EQ(after.st_ino, before.st_ino) << "not written in place";
+TEST(RestoreTest, RestoresRefusedRulesAlone) {
+    const char good[] = "<usbconfig mode='whitelist'/>\n";
+    const char otherGood[] = "<usbconfig mode='blacklist'/>\n";
+    const char refused[] = "<usbconfig mode='whitelist'><foo/></usbconfig>";
+    const char cut[] = "<usbconfig mode='whitelist'><class>USB_CL";
+    const char crash[] = "<!-- nothing -->";
+    const char* const none = nullptr;
+    const struct {
+        const char *rules, *backup;
+        int status;
+        /** In the one line that is printed. */
+        const char* text;
+    } cases[] = {
+        {refused, good, 0, "restored: the rules file was refused (INVALID TAG:foo)"},
+        {"", good, 0, "restored: "},
+        {crash, good, 0, "(Unable to apply the USB Admin config rules)"},
+        {none, good, 0, "restored: "},
+        {good, otherGood, 1, "nothing to do"},
+        {good, none, 1, "nothing to do"},
+        {refused, none, 1, "but the backup is no better (No such file"},
+        {refused, "", 1, "but the backup is no better (Error=XML_ERROR_EMPTY"},
+        {cut, refused, 1, "but the backup is no better (INVALID TAG:foo)"},
+        {none, crash, 1, "but the backup is no better (Unable"},
+    };
+    for (const auto& [rules, backup, status, text] : cases) {
+        SCOPED_TRACE(text);
+        Files files;
+        if (rules != none) files[kRules] = rules;
+        if (backup != none) files[kBackup] = backup;
+        enterDevicesFolder(files);
+        if (rules != none) fs::create_hard_link(kRules, "other name");
+        const Result result = runKusctl("restore");
+        EXPECT_EQ(result.status, status);
+        EXPECT_THAT(result.out + result.err, testing::HasSubstr(text));
+        if (status == 0) files[kRules] = backup;
+        // A file that is written in place keeps its other name.
+        if (rules != none) files["other name"] = files[kRules];
+        EXPECT_EQ(filesHere(), files);
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, RestoreTest,
-    testing::Values(
-        Files{"Refused", kRefused, kGood, 0,
-              "restored: the rules file was refused (INVALID TAG:foo)"},
-        Files{"Cut", kCut, kGood, 0, "restored: "}, Files{"Empty", "", kGood, 0, "restored: "},
-        Files{"EndsTheDaemon", kCrash, kGood, 0, "(Unable to apply the USB Admin config rules)"},
-        Files{"Missing", kNone, kGood, 0, "restored: "},
-        Files{"Accepted", kGood, kOtherGood, 1, "nothing to do"},
-        Files{"AcceptedWithoutBackup", kGood, kNone, 1, "nothing to do"},
-        Files{"NoBackup", kRefused, kNone, 1, "but the backup is no better (No such file"},
-        Files{"EmptyBackup", kRefused, "", 1, "but the backup is no better (Error=XML_ERROR_EMPTY"},
-        Files{"RefusedBackup", kCut, kRefused, 1, "but the backup is no better (INVALID TAG:foo)"},
-        Files{"BackupEndsTheDaemon", kNone, kCrash, 1, "but the backup is no better (Unable"}),
-    [](const auto& info) { return info.param.name; });
-
 TEST(RestoreTest, LeavesWhatIsNoFile) {
-    fs::remove_all(kRules);
-    fs::create_directories(kRules);
-    put(kBackup, kGood);
-    EXPECT_EQ(runKusctl("/", {"restore"}),
-              (Result{1, "", std::string("kusctl restore: ") + kRules + ": not a regular file\n"}));
-    fs::remove(kRules);
+    enterDevicesFolder({{kBackup, "<usbconfig mode='whitelist'/>"}});
+    fs::create_directory(kRules);
+    const std::string path = fs::absolute(kRules);
+    EXPECT_EQ(runKusctl("restore"),
+              (Result{1, "", "kusctl restore: " + path + ": not a regular file\n"}));
 }
 
 }  // namespace
