@@ -47,7 +47,7 @@ TEST(CheckTest, TellsTheDecisionAndWhy) {
          "allowed: Enabled by default rule\n"},
         {kWhitelist, "--vendor 1921 --product 21863 --class 8,printer,7", 1,
          noRule + "would be allowed by: <class>USB_CLASS_PRINTER</class>\n"
-                  "               or by: <vid vendorid=\"1921\"><pid>21863</pid></vid>\n"},
+                  "              or by: <vid vendorid=\"1921\"><pid>21863</pid></vid>\n"},
         {kWhitelist, "--vendor 1921 --product 21863 --class 8,7,12", 1,
          noRule + "would be allowed by: <vid vendorid=\"1921\"><pid>21863</pid></vid>\n"},
         {kWhitelist, "--vendor 1155 --product 22338 --class 255", 1,
