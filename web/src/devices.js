@@ -149,7 +149,7 @@ export function parseDevices(text, names) {
   return found;
 }
 
-const hex = (value, digits) => value.toString(16).padStart(digits, '0');
+export const hex = (value, digits) => value.toString(16).padStart(digits, '0');
 
 export const idsText = ({ vendor, product }) => vendor === UNKNOWN
   ? 'no ids' : `${hex(vendor, 4)}:${hex(product, 4)}`;
