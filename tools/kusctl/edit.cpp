@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/file.h>
+#include <android-base/unique_fd.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <getopt.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -72,6 +75,13 @@ bool isSameFile(const std::string& a, const std::string& b) {
            first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
+/** The file that is in force: by whatever path, and even where it is not there yet. */
+bool isDevicesOwn(const std::string& path) {
+    return isSameFile(path, configFilePath) ||
+           (isSameFile(base::Dirname(path), configDirectory) &&
+            base::Basename(path) == base::Basename(configFilePath));
+}
+
 Request parseArguments(int argc, char** argv) {
     Request request;
     Subject& subject = request.subject;
@@ -132,6 +142,21 @@ void printNewWarnings(const std::string& path, const std::string& before,
     }
 }
 
+/**
+ * Of two edits at once the second waits for as long as the descriptor is open. Nothing is locked
+ * where there is no such file, which whoever reads it tells.
+ */
+base::unique_fd lockFolderOf(const std::string& path) {
+    std::string target;
+    if (!base::Realpath(path, &target)) return {};
+    const std::string folder = base::Dirname(target);
+    base::unique_fd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd.ok() || flock(fd.get(), LOCK_EX) != 0) {
+        fail("cannot lock " + folder + ": " + strerror(errno));
+    }
+    return fd;
+}
+
 /** The file that a link leads to is replaced, not the link. */
 void replaceTarget(const std::string& path, const std::string& text) {
     std::string target;
@@ -153,6 +178,11 @@ int apply(const std::string& text) {
 
 int edit(int argc, char** argv, bool allow) {
     const Request request = parseArguments(argc, argv);
+    const std::string& path = request.output.empty() ? request.rules : request.output;
+    const bool byApply = isDevicesOwn(path);
+    base::unique_fd lock;
+    if (request.output.empty() && !byApply) lock = lockFolderOf(path);
+
     const std::string text = rulesText(request.rules);
     Rules before = loadRules(request.rules, text);
     const Edit edited = editRules(text, allow, request.subject);
@@ -167,13 +197,13 @@ int edit(int argc, char** argv, bool allow) {
         return kYes;
     }
     const bool changed = edited.text != text;
-    const bool byApply = request.output.empty() && request.rules == configFilePath;
-    const std::string& path = request.output.empty() ? request.rules : request.output;
-    if (!request.output.empty()) {
+    if (byApply && (changed || !request.output.empty())) {
+        if (const int status = apply(edited.text); status != kYes) return status;
+    } else if (!request.output.empty()) {
         if (!base::WriteStringToFile(edited.text, path, /*follow_symlinks=*/true)) {
             fail(path + ": " + strerror(errno));
         }
-    } else if (changed && !byApply) {
+    } else if (changed) {
         replaceTarget(path, edited.text);
     }
     if (!printRuleChanges(&before, &after, request.rules, path)) {
@@ -181,7 +211,7 @@ int edit(int argc, char** argv, bool allow) {
                      : "nothing to do: the rules say so already");
     }
     printNewWarnings(path, text, edited.text);
-    return changed && byApply ? apply(edited.text) : kYes;
+    return kYes;
 }
 
 int runAllow(int argc, char** argv) { return edit(argc, argv, /*allow=*/true); }
