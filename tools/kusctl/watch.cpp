@@ -12,6 +12,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -187,6 +188,14 @@ class Events {
     bool died_ = false;
 };
 
+/** Tells in errno why not. */
+bool isProgram(const std::string& path) {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) return false;
+    errno = EACCES;  // as execve(2) has it of what is no file
+    return S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0;
+}
+
 /** The path of a program that is named like a shell's command. */
 std::string findProgram(const std::string& name) {
     const char* path = getenv("PATH");
@@ -199,7 +208,7 @@ std::string findProgram(const std::string& name) {
     }
     errno = ENOENT;
     for (const std::string& candidate : candidates) {
-        if (access(candidate.c_str(), X_OK) == 0) return candidate;
+        if (isProgram(candidate)) return candidate;
     }
     fail("cannot run '" + name + "': " + strerror(errno));
 }
