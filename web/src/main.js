@@ -363,10 +363,9 @@ function readOwn() {
     classes, vendorHid: kind.value === 'usb' && vendorHid.checked };
 }
 
-/** A dialog's form whose "add" may be refused, with the reason in `errorId`. */
+/** A dialog's form, which `add` may refuse, with the reason in `errorId`. */
 function onSubmit(form, errorId, add) {
   form.addEventListener('submit', (event) => {
-    if (event.submitter?.value !== 'add') return;
     try {
       add();
       showTab('bench');
@@ -439,6 +438,9 @@ byId('query').addEventListener('input', drawFound);
 ownForm.elements.kind.addEventListener('change', drawOwnClasses);
 onSubmit(ownForm, 'own-error', () => addDevices([readOwn()]));
 onSubmit(byId('paste-form'), 'paste-error', readPasted);
+for (const button of document.querySelectorAll('dialog .cancel')) {
+  button.addEventListener('click', () => button.closest('dialog').close());
+}
 
 for (const [tab, other] of [['bench', 'find'], ['find', 'bench']]) {
   byId(`tab-${tab}`).addEventListener('click', () => showTab(tab));
