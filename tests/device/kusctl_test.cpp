@@ -61,6 +61,12 @@ TEST_F(KusctlTest, ListsWhatIsRecordedAndWhy) {
     EXPECT_THAT(onTerminal("NO_COLOR= kusctl list"), Not(HasSubstr("\033")));
 }
 
+TEST_F(KusctlTest, ClearsItsProgressBeforeAnotherLine) {
+    writeFile("/tmp/devices", std::string(4096, '\n') + "[");
+    EXPECT_THAT(onTerminal("kusctl check --devices /tmp/devices >/tmp/answers"),
+                HasSubstr("4096 lines\r\033[Kkusctl check: /tmp/devices: line 4097 is no device"));
+}
+
 TEST_F(KusctlTest, GeneratesRulesThatAllowWhatIsAttached) {
     const Plugged stick("stick", kStick), keyboard("a--keyboard-", kKeyboard);
     EXPECT_EQ(stick.decision().status, 1);

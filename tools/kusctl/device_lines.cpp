@@ -273,7 +273,10 @@ class LineParser {
 class Progress {
   public:
     explicit Progress(bool wanted) : shown_(wanted && isatty(STDERR_FILENO)) {}
-    ~Progress() {
+    ~Progress() { clear(); }
+
+    /** Before another line goes to the terminal. */
+    void clear() {
         if (shown_) fputs("\r\033[K", stderr);
     }
 
@@ -315,6 +318,7 @@ DeviceCounts forEachDevice(const std::string& path, bool showProgress,
         const std::string problem = whole ? parser.parse() : "longer than 1 MiB";
         if (!problem.empty()) {
             ++counts.others;
+            progress.clear();
             note((standardInput ? "" : path + ": ") + "line " + std::to_string(number) +
                  " is no device: " + problem);
         } else if (!parser.passedOver()) {
@@ -322,7 +326,11 @@ DeviceCounts forEachDevice(const std::string& path, bool showProgress,
             take(device);
         }
     }
-    if (ferror(file.get())) fail(path + ": " + strerror(errno));
+    if (ferror(file.get())) {
+        const int error = errno;
+        progress.clear();
+        fail(path + ": " + strerror(error));
+    }
     return counts;
 }
 
