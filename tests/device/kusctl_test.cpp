@@ -203,6 +203,16 @@ TEST_F(KusctlTest, ApplyLeavesTheRulesAloneWhereTheyWouldBeRefusedOrLockOut) {
     }
 }
 
+TEST_F(KusctlTest, ApplyHasAppliedTheRulesWhereTheServiceManagerDiesThereafter) {
+    const std::string text = rulesText("whitelist", "<class>AINPUT_SOURCE_KEYBOARD</class>");
+    writeFile("/tmp/new.xml", text);
+    Process applied({"sh", "-c", "exec kusctl apply --force /tmp/new.xml 2>&1"});
+    EXPECT_TRUE(eventually([&] { return contentOf(backupFilePath) == base::Trim(text); }));
+    kill(stoi(shell("services pid servicemanager")), SIGKILL);
+    EXPECT_EQ(applied.exitStatus(), 0);
+    EXPECT_TRUE(eventually([] { return shell("kusctl list >&2; echo $?") == "0"; }));
+}
+
 TEST_F(KusctlTest, ApplyLeavesOneOfTheTwoFilesWhereverItIsKilled) {
     int applied = 0;
     for (int calls = 0; applied < 3; ++calls) {

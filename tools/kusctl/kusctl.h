@@ -70,8 +70,10 @@ void note(const std::string& message);
 
 /** Ends the program where the service, or binder itself, cannot be reached. */
 sp<IKUsbService> connectToService();
-/** Null where it is not there. Ends the program where the service manager has died. */
+/** Null where it is not there, and where the service manager has died. */
 sp<IKUsbService> findService();
+/** Ends the program where the service manager has died: this process finds no service any more. */
+void expectServiceManager();
 /** Ends the program when a call did not reach the service. */
 void expectOk(const binder::Status& status);
 /** Ends the program where they cannot be had. */

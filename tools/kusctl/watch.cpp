@@ -337,6 +337,7 @@ int run(int argc, char** argv) {
             }
         }
         if (last && !runner.runs()) return runner.failed() ? kNoOrFailed : kYes;
+        if (!events.registered()) expectServiceManager();
         if (!events.registered() && events.registerAt(findService())) {
             events.add({"service-back"});
         } else {
