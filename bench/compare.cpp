@@ -5,9 +5,10 @@
 #include <android-base/strings.h>
 #include <time.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
+
+#include "median.h"
 
 namespace android::kus {
 namespace {
@@ -23,12 +24,6 @@ double secondsOf(const std::function<void()>& run) {
     const double start = processorTime();
     run();
     return processorTime() - start;
-}
-
-double median(std::vector<double> values) {
-    const auto middle = values.begin() + values.size() / 2;
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
 }
 
 }  // namespace

@@ -22,13 +22,10 @@ struct Baseline {
  * Times an action and its baselines in turns, so that whatever slows the machine slows all, and by
  * the processor time of the calling thread. The benchmark must use manual time, which is the
  * action's. Its counters are the medians of the times in microseconds, its label tells the medians
- * of the ratios in a turn, and whether the targets are met.
+ * of the ratios in a turn, and whether the targets are met (kMissed).
  */
 void compare(benchmark::State& state, const std::vector<Baseline>& baselines,
              const std::function<void()>& run);
-
-/** In the label of a benchmark that missed a target. */
-inline constexpr char kMissed[] = "MISSED";
 
 /** Times an action without what has to be put back between two runs. Uses manual time too. */
 void timeOnly(benchmark::State& state, const std::function<void()>& run,

@@ -14,6 +14,7 @@
 
 #include "device_test.h"
 #include "kernel_trace.h"
+#include "median.h"
 #include "process.h"
 
 namespace android::kus {
@@ -90,12 +91,6 @@ DeviceInfo deviceWithId(int id) {
     return device;
 }
 
-double median(std::vector<double> values) {
-    const auto middle = values.begin() + values.size() / 2;
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
 void DeviceBench::attach(int id) {
     bool allowed = false;
     EXPECT_TRUE(kus_->isDeviceAllowed(deviceWithId(id), &allowed).isOk());
@@ -168,7 +163,7 @@ TEST_F(DeviceBench, Memory) {
         "resident memory: %ld KiB idle, %ld KiB with %d devices; %ld KiB more after %d others came "
         "and went, one in a hundred with a scan (target %ld: %s)\n",
         idle, recorded, kRecords, grown, kHundreds * 100, kMostGrowth,
-        grown <= kMostGrowth ? "met" : "MISSED");
+        grown <= kMostGrowth ? "met" : kMissed);
     EXPECT_LE(grown, kMostGrowth);
 }
 

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-#include "compare.h"
+#include "median.h"
 #include "private_world.h"
 #include "usb_machine.h"
 

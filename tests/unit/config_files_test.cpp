@@ -1,20 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <signal.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <filesystem>
-#include <thread>
+#include <fstream>
 
 #include "kus_test.h"
-#include "util/Util.h"
 
 namespace android::kus {
 namespace {
-
-using testing::_;
-using testing::ElementsAre;
 
 constexpr char kSource[] = "/data/source";
 constexpr char kCopy[] = "/data/copy";
@@ -36,25 +29,25 @@ TEST_F(ConfigFiles, CopyEndsEveryLineWithALineFeed) {
         EXPECT_TRUE(Util::copyFileContent(kSource, kCopy));
         EXPECT_EQ(readFile(kCopy), copy);
     }
-    EXPECT_THAT(takeLog(), ElementsAre("I  USB xml src path is /data/source",
-                                       "I USB xml dest path is /data/copy", "I ", "I   a b", "I ",
-                                       "I last", kDone));
+    EXPECT_LOG("I  USB xml src path is /data/source", "I USB xml dest path is /data/copy", "I ",
+               "I   a b", "I ", "I last", kDone);
 }
 
-TEST_F(ConfigFiles, CopyOfAMissingSourceEmptiesTheDestination) {
+TEST_F(ConfigFiles, CopiesThatFail) {
     writeFile(kCopy, "rules");
     EXPECT_FALSE(Util::copyFileContent("/data/missing", kCopy));
     EXPECT_EQ(readFile(kCopy), "");
-    EXPECT_THAT(takeLog(), ElementsAre(_, _, "E USB device error is source file open", kDone));
-}
-
-TEST_F(ConfigFiles, CopyToAClosedDestinationFailsOnceALine) {
+    EXPECT_LOG(_, _, "E USB device error is source file open", kDone);
     writeFile(kSource, "one\ntwo\n");
     EXPECT_FALSE(Util::copyFileContent(kSource, "/data/none/copy"));
     const std::string error = "E ODM error in dest file open";
-    EXPECT_THAT(takeLog(), ElementsAre(_, _, error, error, kDone));
+    EXPECT_LOG(_, _, error, error, kDone);
     writeFile(kSource, "");
-    EXPECT_TRUE(Util::copyFileContent(kSource, "/data/none/copy"));
+    EXPECT_TRUE(Util::copyFileContent(kSource, "/data/none/copy")) << "nothing is missing";
+    takeLog();
+    Util::updateErrorFile("/data/none/status", "SUCCESS");
+    EXPECT_LOG("I updateErrorFile called with error message : SUCCESS");
+    EXPECT_FALSE(fs::exists("/data/none"));
 }
 
 TEST_F(ConfigFiles, WhatCannotBeWrittenWholeIsPutBack) {
@@ -74,61 +67,46 @@ TEST_F(ConfigFiles, WhatCannotBeWrittenWholeIsPutBack) {
     EXPECT_EQ(readFile(backupFilePath), "old\n");
     EXPECT_EQ(readFile(statusFilePath), "old");
     const std::string error = ": File too large, it is put back";
-    EXPECT_THAT(takeLog(), ElementsAre(_, _, "E Could not write " + (backupFilePath + error),
-                                       "I longer than the limit", kDone, _,
-                                       "E Could not write " + (statusFilePath + error)));
+    EXPECT_LOG(_, _, "E Could not write " + (backupFilePath + error), "I longer than the limit",
+               kDone, _, "E Could not write " + (statusFilePath + error));
 }
 
-TEST_F(ConfigFiles, TheBackupIsWhatWasParsed) {
+TEST_F(ConfigFiles, BackupsAndRestoresGoByWhatWasParsed) {
     writeFile(configFilePath, "parsed");
     Util::readRules(configFilePath);
     writeFile(configFilePath, "moved here meanwhile");
     EXPECT_TRUE(Util::backUpRules());
     EXPECT_EQ(readFile(backupFilePath), "parsed\n");
+    takeLog();
+    EXPECT_EQ(Util::restoreRules(), Util::Restored::kRewritten);
+    EXPECT_LOG("I The rules file was rewritten meanwhile, so it stays");
+    EXPECT_EQ(readFile(configFilePath), "moved here meanwhile");
+    // Missing rules are no rewrite.
+    fs::remove(configFilePath);
+    EXPECT_EQ(Util::restoreRules(), Util::Restored::kWhole);
+    EXPECT_EQ(readFile(configFilePath), "parsed\n");
 }
 
-// A restore that comes first is overwritten, one that comes later sees that the file is another.
-TEST_F(ConfigFiles, ARestoreNeverTakesAFileThatWasWrittenMeanwhile) {
-    writeFile(backupFilePath, "backup\n");
-    int restored = 0, i = 0;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-    for (; std::chrono::steady_clock::now() < end; ++i) {
-        writeFile(configFilePath, "refused");
-        Util::readRules(configFilePath);
-        const auto wait = [](int spins) {
-            for (; spins > 0; --spins) getppid();
-        };
-        std::thread administrator([&] {
-            wait(i % 100 * 100);
-            writeFile(configFilePath, "good");
-        });
-        wait(i % 200 * 100);
-        restored += Util::restoreRules() == Util::Restored::kWhole;
-        administrator.join();
-        ASSERT_EQ(readFile(configFilePath), "good") << "in round " << i;
-    }
-    EXPECT_GT(restored, 0);
-    EXPECT_LT(restored, i);
-}
-
-TEST_F(ConfigFiles, ARestoreBringsRemovedRulesBack) {
+// Between the look at the file and its end, one who opens it waits; one who has it open is awaited.
+TEST_F(ConfigFiles, ARestoreIsNeverWrittenOverARewrite) {
     writeFile(backupFilePath, "backup\n");
     writeFile(configFilePath, "refused");
     Util::readRules(configFilePath);
-    std::filesystem::remove(configFilePath);
-    EXPECT_EQ(Util::restoreRules(), Util::Restored::kWhole);
-    EXPECT_EQ(readFile(configFilePath), "backup\n");
-}
-
-TEST_F(ConfigFiles, StatusFileHoldsJustTheText) {
-    for (const std::string text : {crashStatus, "SUCCESS"}) {
-        Util::updateErrorFile(statusFilePath, text);
-        EXPECT_EQ(readFile(statusFilePath), text);
-        Util::updateErrorFile("/data/none/status", text);
-        const std::string line = "I updateErrorFile called with error message : " + text;
-        EXPECT_THAT(takeLog(), ElementsAre(line, line));
-    }
-    EXPECT_FALSE(std::filesystem::exists("/data/none"));
+    std::ifstream reader(configFilePath);
+    std::thread ending([&] {
+        sleep_for(milliseconds(100));
+        reader.close();
+    });
+    std::thread administrator;
+    const auto whenHeld = [&] {
+        administrator = std::thread([] { writeFile(configFilePath, "good"); });
+        sleep_for(milliseconds(100));
+    };
+    EXPECT_EQ(Util::restoreRules(whenHeld), Util::Restored::kWhole);
+    ending.join();
+    ASSERT_TRUE(administrator.joinable());
+    administrator.join();
+    EXPECT_EQ(readFile(configFilePath), "good");
 }
 
 }  // namespace

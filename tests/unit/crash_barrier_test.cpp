@@ -1,20 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "crash/crash_barrier.h"
 
-#include <stdlib.h>
 #include <unistd.h>
-
-#include <atomic>
-#include <chrono>
-#include <thread>
 
 #include "kus_test.h"
 
 namespace android::kus {
 namespace {
-
-using std::chrono::milliseconds;
-using std::this_thread::sleep_for;
 
 class CrashBarrierDeathTest : public KusTest {};
 
@@ -52,8 +44,8 @@ void crashDuring(milliseconds work) {
 }
 
 TEST_F(CrashBarrierDeathTest, WhatIsUnderWayEndsAndNothingBegins) {
-    EXPECT_EXIT(crashDuring(milliseconds(300)), testing::ExitedWithCode(kBegun | kEnded), "");
-    EXPECT_EXIT(crashDuring(std::chrono::hours(1)), testing::ExitedWithCode(kBegun), "");
+    EXPECT_EXIT(crashDuring(milliseconds(300)), ExitedWithCode(kBegun | kEnded), "");
+    EXPECT_EXIT(crashDuring(std::chrono::hours(1)), ExitedWithCode(kBegun), "");
 }
 
 }  // namespace

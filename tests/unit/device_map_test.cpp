@@ -1,11 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <filesystem>
-
 #include "kus_test.h"
-#include "usb_tree.h"
-#include "usbdevice/UsbDevice.h"
-
-namespace fs = std::filesystem;
 
 namespace android::kus {
 namespace {
@@ -13,24 +7,25 @@ namespace {
 const std::string kHid = "0003:046D:C31C.0001";
 const std::string kPath = "/sys/bus/usb/devices/1-1:1.0";
 
-class DeviceMap : public KusTest {};
-
-/** "CATEGORY PATH" of 1-1:1.0 with files and directories ("net/") below it, for its class. */
-std::string categorise(int interfaceClass, const Texts& files) {
-    fs::remove_all(kPath);
-    for (const std::string& file : files) {
-        if (file.back() == '/') {
-            fs::create_directories(kPath + "/" + file);
-        } else {
-            writeFile(kPath + "/" + file, "");
+class DeviceMap : public KusTest {
+  protected:
+    /** "CATEGORY PATH" of 1-1:1.0 with files and directories ("net/") below it, for its class. */
+    static std::string categorise(int interfaceClass, const Texts& files) {
+        fs::remove_all(kPath);
+        for (const std::string& file : files) {
+            if (file.back() == '/') {
+                fs::create_directories(kPath + "/" + file);
+            } else {
+                writeFile(kPath + "/" + file, "");
+            }
         }
+        usbinterface i = {};
+        strcpy(i.name, "1-1:1.0");
+        i.bInterfaceClass = interfaceClass;
+        UsbDevice::populate_category_device(&i);
+        return std::to_string(i.category) + " " + i.category_path;
     }
-    usbinterface i = {};
-    strcpy(i.name, "1-1:1.0");
-    i.bInterfaceClass = interfaceClass;
-    UsbDevice::populate_category_device(&i);
-    return std::to_string(i.category) + " " + i.category_path;
-}
+};
 
 TEST_F(DeviceMap, RebuildKeepsTheInterfacesThatHaveADevice) {
     addEntry("usb1");
@@ -41,11 +36,6 @@ TEST_F(DeviceMap, RebuildKeepsTheInterfacesThatHaveADevice) {
     addInterface("1-0:1.0", 9);
     UsbDevice::deviceid_map = {{1, mapRecord("is gone")}};
     UsbDevice::create_usb_device_map();
-    EXPECT_LOG("I create_usb_device_map called", "I deleting the list using deleteAllnode",
-               "I ***Entered empty_list******", "I print_deviceid_map ",
-               "I  DeviceId: 1123 Interface name:1-1:1.2 class:255 Vendor ID:1133 Product "
-               "ID:49948",
-               "I create_usb_device_map returned check loop");
     ASSERT_THAT(UsbDevice::deviceid_map, ElementsAre(Pair(1123, _)));
     const usbinterface_custom& r = UsbDevice::deviceid_map.begin()->second;
     EXPECT_THAT(
@@ -64,71 +54,94 @@ TEST_F(DeviceMap, RebuildKeepsTheInterfacesThatHaveADevice) {
 }
 
 TEST_F(DeviceMap, CategoriesOfInterfaces) {
-    const std::string net = "I  new path of dir:" + kPath + "/net";
-    const std::string hid = "I  new path of subdir for HID:" + kPath + "/" + kHid;
-    const std::string vendorHid = "I vendor HID device found";
     const struct {
         int interfaceClass;
         std::string file, category;
-        Texts log;
-    } cases[] = {{10, "power/", "0 empty", {}},
-                 {8, "net/usb0/", "4 sdcard", {}},
-                 {2, "net/usb0/", "1 usb0", {net}},
-                 {2, "net/", "1 empty", {net}},
-                 {2, "net/usb0", "1 empty", {net}},
-                 {2, "net/" + std::string(70, 'n') + "/", "1 " + std::string(63, 'n'), {net}},
-                 {2, "net", "1 empty", {}},
-                 {2, "tty/ttyACM0/", "2 ttyACM0", {}},
-                 {2, "tty/", "2 empty", {}},
-                 {2, "tty", "2 empty", {}},
-                 {3, kHid + "/input/input5/", "0 empty", {hid}},
-                 {3, kHid + "/hidraw/", "8 empty", {hid, vendorHid}},
-                 {3, kHid + "/input", "8 empty", {hid, vendorHid}},
-                 {3, kHid, "0 empty", {}},
-                 {3, "input/", "0 empty", {}}};
+        size_t lines;
+    } cases[] = {{10, "power/", "0 empty", 0},
+                 {8, "net/usb0/", "4 sdcard", 0},
+                 {2, "net/usb0/", "1 usb0", 1},
+                 {2, "net/", "1 empty", 1},
+                 {2, "net/usb0", "1 empty", 1},
+                 {2, "net/" + std::string(70, 'n') + "/", "1 " + std::string(63, 'n'), 1},
+                 {2, "net", "1 empty", 0},
+                 {2, "tty/ttyACM0/", "2 ttyACM0", 0},
+                 {2, "tty/", "2 empty", 0},
+                 {2, "tty", "2 empty", 0},
+                 {3, kHid + "/input/input5/", "0 empty", 1},
+                 {3, kHid + "/hidraw/", "8 empty", 2},
+                 {3, kHid + "/input", "8 empty", 2},
+                 {3, kHid, "0 empty", 0},
+                 {3, "input/", "0 empty", 0}};
     for (const auto& c : cases) {
         EXPECT_EQ(categorise(c.interfaceClass, {c.file}), c.category) << c.file;
-        EXPECT_EQ(takeLog(), c.log) << c.file;
+        EXPECT_THAT(takeLog(), SizeIs(c.lines)) << c.file;
     }
     EXPECT_EQ(categorise(2, {}), "0 empty");
     EXPECT_LOG("I Cannot open directory ", "I " + kPath);
     EXPECT_EQ(categorise(8, {}), "4 sdcard");
-}
 
-// The path is never shortened again.
-TEST_F(DeviceMap, LaterSubdirectoriesAreLookedForInsideTheFirst) {
+    // The path is never shortened again: later subdirectories are looked for inside the first.
     EXPECT_EQ(categorise(3, {"0003:1/input/", "0003:2/input/"}), "8 empty");
     const testing::Matcher<std::string> inside =
-        testing::AnyOf(EndsWith(kPath + "/0003:1/0003:2"), EndsWith(kPath + "/0003:2/0003:1"));
+        AnyOf(EndsWith(kPath + "/0003:1/0003:2"), EndsWith(kPath + "/0003:2/0003:1"));
     EXPECT_LOG(_, inside, "I Cannot open subdir ", inside, "I vendor HID device found");
 }
 
-TEST_F(DeviceMap, LookupsSeeOneDeviceInMapOrder) {
-    UsbDevice::deviceid_map = {{1002, mapRecord("1-1:1.0", 8)},
-                               {1003, mapRecord("1-2:1.0", 0)},
-                               {1003, mapRecord("1-2:1.1", 8)},
-                               {1003, mapRecord("1-2:1.2", 8)}};
-    Texts names;
-    for (const usbinterface_custom& r : UsbDevice::get_deviceid_data(1003)) names.push_back(r.name);
-    EXPECT_THAT(names, ElementsAre("1-2:1.0", "1-2:1.1", "1-2:1.2"));
-    EXPECT_THAT(UsbDevice::get_deviceid_data(7), IsEmpty());
-    EXPECT_TRUE(UsbDevice::check_vendor_hid(1003));
-    EXPECT_FALSE(UsbDevice::check_vendor_hid(7));
-    const std::string native = "I Found deviceId in native list : 1003\t interface path";
-    EXPECT_LOG("I get_deviceid_data() with deviceId : 1003size--4",
-               "I Found deviceid  : 1003device : 1-2:1.0",
-               "I Found deviceid  : 1003device : 1-2:1.1",
-               "I Found deviceid  : 1003device : 1-2:1.2",
-               "I get_deviceid_data() with deviceId : 7size--4", "I check_vendor_hid 1003",
-               native + "1-2:1.0 device category0", native + "1-2:1.1 device category8",
-               "I check_vendor_hid 7");
+class DeviceRecords : public KusTest {
+  protected:
+    DeviceRecords() {
+        for (const char* name : kEntries) addEntry(name, "authorized=1");
+        UsbDevice::deviceid_map = {{1005, mapRecord("1-2:1.0")},
+                                   {1005, mapRecord("", 8)},
+                                   {1005, mapRecord("1-2:1.1")},
+                                   {1006, mapRecord("1-3:1.0")}};
+    }
 
-    UsbDevice::update_deviceid_map(1003, true);
+    /** What the entries' attributes hold, one after the other. */
+    static std::string authorized() {
+        std::string values;
+        for (const char* name : kEntries) values += readFile(sysfsPath(name, "authorized"));
+        return values;
+    }
+
+    static constexpr const char* kEntries[] = {"1-2", "1-2:1.0", "1-2:1.1", "1-3:1.0"};
+};
+
+TEST_F(DeviceRecords, AreThoseOfOneDeviceInMapOrder) {
+    Texts names;
+    for (const usbinterface_custom& r : UsbDevice::get_deviceid_data(1005)) names.push_back(r.name);
+    EXPECT_THAT(names, ElementsAre("1-2:1.0", "", "1-2:1.1"));
+    EXPECT_THAT(UsbDevice::get_deviceid_data(7), IsEmpty());
+    for (const int id : {1005, 1006, 7}) EXPECT_EQ(UsbDevice::check_vendor_hid(id), id == 1005);
+    UsbDevice::update_deviceid_map(1005, true);
     EXPECT_EQ(UsbDevice::deviceid_map.size(), 4u);
-    UsbDevice::update_deviceid_map(1003, false);
-    EXPECT_THAT(UsbDevice::deviceid_map, ElementsAre(Pair(1002, _)));
-    EXPECT_LOG("I update_deviceid_map deviceId:1003 flag:1",
-               "I update_deviceid_map deviceId:1003 flag:0");
+    UsbDevice::update_deviceid_map(1005, false);
+    EXPECT_THAT(UsbDevice::deviceid_map, ElementsAre(Pair(1006, _)));
+}
+
+TEST_F(DeviceRecords, EachNamesAnInterfaceThatIsAuthorized) {
+    UsbDevice::update_status(1005, 0);
+    // One byte, over the first of the old two; the device itself stays as it is.
+    EXPECT_EQ(authorized(), "1\n0\n0\n1\n");
+    EXPECT_THAT(takeLog(), Contains("I update_status interface_name is NULL"));
+    UsbDevice::update_status(1005, 5);
+    EXPECT_EQ(authorized(), "1\n1\n1\n1\n");
+    UsbDevice::update_status(7, 0);
+    EXPECT_EQ(authorized(), "1\n1\n1\n1\n");
+}
+
+TEST_F(DeviceRecords, FirstFailureEndsTheWrites) {
+    const std::string attribute = sysfsPath("1-2:1.0", "authorized");
+    for (const auto& [target, error] :
+         {std::pair("/nowhere", "Unable to open the file: No such file or directory\n"),
+          std::pair("/dev/full", "Error writing to sysfs file: No space left on device\n")}) {
+        fs::remove(attribute);
+        fs::create_symlink(target, attribute);
+        takeLog();
+        EXPECT_EQ(stderrOf([] { UsbDevice::update_status(1005, 0); }), error);
+        EXPECT_LOG(_, _, _, "E Error! Could not open file");
+    }
 }
 
 }  // namespace

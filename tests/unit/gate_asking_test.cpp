@@ -86,7 +86,7 @@ TEST_F(GateAsking, AnswersAreActedOnAndRemovalsTold) {
         return true;
     };
     run({kAlive, kAlive, kAlive, removal}, {true, false});
-    EXPECT_THAT(service_->calls, ElementsAre("asked 1005", "asked 1000012", "removed 1005"));
+    EXPECT_THAT(service_->calls, ElementsAre("asked 12015", "asked 1000012", "removed 12015"));
     EXPECT_EQ(isInhibited("input12"), '1');
     EXPECT_LOG("I connected to kusbservice", "I allowed 1-1 0951:1666 8,10",
                "I refused input12 17ef:6019 0x2002");
@@ -101,7 +101,7 @@ TEST_F(GateAsking, ANewServiceIsAskedAboutEverything) {
         return true;
     };
     run({kAlive, death, kDead, kAlive}, {true, true});
-    EXPECT_THAT(service_->calls, ElementsAre("asked 1005", "asked 1005"));
+    EXPECT_THAT(service_->calls, ElementsAre("asked 12015", "asked 12015"));
     EXPECT_LOG("I connected to kusbservice", "I allowed 1-1 0951:1666 8", "I lost kusbservice",
                "I connected to kusbservice", "I allowed 1-1 0951:1666 8");
 }
@@ -109,18 +109,18 @@ TEST_F(GateAsking, ANewServiceIsAskedAboutEverything) {
 TEST_F(GateAsking, WhatFailsIsTriedAgain) {
     // Not complete, at first.
     attach("1-1", "00", {"08"});
-    attach("1-2", "00", {"08"}, 6);
-    attach("1-3", "00", {"08"}, 7);
+    attach("1-2", "00", {"08"}, 16);
+    attach("1-3", "00", {"08"}, 17);
     const std::string number = sysfsPath("1-1", "devnum");
     for (const char* name : {"1-1", "1-2", "1-3"}) table_.add(device(name));
     writeFile(number, "");
     const auto complete = [&] {
-        writeFile(number, "5");
+        writeFile(number, "15");
         return true;
     };
     run({kAlive, kAlive, complete, kAlive, kAlive}, {std::nullopt, true, true, true});
     EXPECT_THAT(service_->calls,
-                ElementsAre("asked 1006", "asked 1007", "asked 1005", "asked 1006"));
+                ElementsAre("asked 12016", "asked 12017", "asked 12015", "asked 12016"));
     EXPECT_LOG("I connected to kusbservice", StartsWith("E no answer about 1-2: "),
                "I allowed 1-3 0951:1666 8", "I allowed 1-1 0951:1666 8",
                "I allowed 1-2 0951:1666 8");

@@ -3,20 +3,17 @@
 
 #include <linux/input.h>
 
-#include <filesystem>
-#include <thread>
-
 #include "gate/input_sources.h"
 #include "gate/kernel_events.h"
 #include "gate/opening.h"
+#include "gate/silencing.h"
+#include "service_test.h"
 
 namespace android::kus {
 namespace {
 
-using testing::ElementsAre;
-namespace fs = std::filesystem;
-
 const std::string kDevices = "/sys/bus/usb/devices/";
+const std::string kDrivers = "/sys/bus/usb/drivers/";
 
 TEST_F(GateTest, AnEventIsItsFields) {
     using namespace std::string_view_literals;
@@ -36,7 +33,7 @@ TEST_F(GateTest, InputSourcesAreThePlatforms) {
         uint32_t sources;
     };
     const std::vector<size_t> arrows = {KEY_UP, KEY_DOWN, KEY_LEFT, KEY_RIGHT, KEY_SELECT};
-    const std::vector<size_t> xy = {ABS_X, ABS_Y};
+    const std::vector<size_t> xy = {ABS_X, ABS_Y}, direct = {INPUT_PROP_DIRECT};
     const std::vector<size_t> multiTouch = {ABS_MT_POSITION_X, ABS_MT_POSITION_Y};
     const Case cases[] = {
         {{}, {}, {}, {}, 0},
@@ -45,15 +42,15 @@ TEST_F(GateTest, InputSourcesAreThePlatforms) {
         {{BTN_MOUSE}, {REL_X, REL_Y}, {}, {}, kMouseSource},
         {{BTN_MOUSE}, {REL_X}, {}, {}, 0},
         {{BTN_GAMEPAD}, {}, xy, {}, kKeyboardSource | kGamepadSource | kJoystickSource},
-        {{BTN_TOUCH}, {}, xy, {INPUT_PROP_DIRECT}, kTouchscreenSource},
+        {{BTN_TOUCH}, {}, xy, direct, kTouchscreenSource},
         {{BTN_TOUCH}, {}, xy, {}, kTouchpadSource},
-        {{}, {}, multiTouch, {INPUT_PROP_DIRECT}, kTouchscreenSource},
+        {{}, {}, multiTouch, direct, kTouchscreenSource},
         {{BTN_GAMEPAD}, {}, multiTouch, {}, kKeyboardSource | kGamepadSource},
-        {{BTN_TOUCH, BTN_TOOL_PEN},
-         {},
-         xy,
-         {INPUT_PROP_DIRECT},
-         kTouchscreenSource | kStylusSource},
+        {{BTN_TOUCH, BTN_TOOL_PEN}, {}, xy, direct, kTouchscreenSource | kStylusSource},
+        {{BTN_MISC}, {}, {}, {}, kKeyboardSource | kGamepadSource},
+        {{BTN_JOYSTICK}, {}, {}, {}, kKeyboardSource | kGamepadSource},
+        {{BTN_WHEEL}, {}, {}, {}, kKeyboardSource},
+        {{BTN_DIGI}, {}, {}, {}, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(&c - cases);
@@ -67,32 +64,35 @@ TEST_F(GateTest, InputSourcesAreThePlatforms) {
 }
 
 TEST_F(GateTest, AUsbDeviceIsDescribedWhenItIsComplete) {
-    attach("1-1.2", "00", {"03", "ff"});
+    attach("1-1.2", "ef", {"03", "ff"});
     const auto description = describe(Device("1-1.2"));
     ASSERT_TRUE(description);
-    EXPECT_EQ(description->info.deviceId, 1005);
-    EXPECT_EQ(description->info.vendorId, 0x0951);
-    EXPECT_EQ(description->info.deviceName, "stick");
-    EXPECT_THAT(description->info.interfaceClassList, ElementsAre(3, 255));
+    EXPECT_EQ(text(description->info),
+              "stick, id 12015, class 239, interfaces { 3, 255 }, 2385:5734, status 0, type 0, "
+              "reason , category 0 ");
     EXPECT_THAT(description->interfaces, ElementsAre("1-1.2:1.0", "1-1.2:1.1"));
     EXPECT_FALSE(hasOnlyHids(description->info));
 
-    const std::pair<std::string, std::vector<std::string>> odd[] = {
-        {"devnum", {"", "-1", "+5", "5x", "256", "99999999999999999999"}},
-        {"idVendor", {"", "-951", "0x951", "10000", "95 1"}},
-        {"bNumInterfaces", {"", "1", "3", "-2", "2 3"}},
-        {"1-1.2:1.1/bInterfaceClass", {"", "100", "-1", "hub"}},
-        {"1-1.2:1.1/bInterfaceNumber", {"", "0"}}};
-    for (const auto& [attribute, values] : odd) {
-        const std::string path = kDevices + "1-1.2/" + attribute;
-        const std::string good = readFile(path);
-        for (const std::string& value : values) {
-            writeFile(path, value);
-            EXPECT_FALSE(describe(Device("1-1.2"))) << attribute << " is " << value;
+    const std::pair<std::string, const char*> odd[] = {{"busnum", "256"},
+                                                       {"devnum", "256"},
+                                                       {"bDeviceClass", "100"},
+                                                       {"idVendor", "10000"},
+                                                       {"idProduct", "10000"},
+                                                       {"bNumInterfaces", "1"},
+                                                       {"bNumInterfaces", "3"},
+                                                       {"1-1.2:1.1/bInterfaceClass", "100"},
+                                                       {"1-1.2:1.1/bInterfaceNumber", "0"}};
+    for (const auto& [attribute, value] : odd) {
+        const std::string file = kDevices + "1-1.2/" + attribute;
+        const std::string good = readFile(file);
+        for (const char* text :
+             {value, "", "-1", "+5", "5x", "0x5", "5 1", "99999999999999999999"}) {
+            writeFile(file, text);
+            EXPECT_FALSE(describe(Device("1-1.2"))) << attribute << " is " << text;
         }
-        fs::remove(path);
+        fs::remove(file);
         EXPECT_FALSE(describe(Device("1-1.2"))) << "no " << attribute;
-        writeFile(path, good);
+        writeFile(file, good);
     }
     // A name that cannot be shown, or sent, is no reason to leave the device undecided.
     for (const char* name : {"", "\n", "\xff\xff\xff"}) {
@@ -118,21 +118,28 @@ TEST_F(GateTest, OnlyHubsAndTheMachinesOwnInputDevicesAreNotAskedAbout) {
 }
 
 TEST_F(GateTest, AnInputDeviceHasItsNumberAsItsId) {
-    const std::string base = "/sys/class/input/";
-    for (const char* name : {"input12", "input", "input-1", "input1x", "input9999999999"}) {
-        writeFile(base + name + "/id/vendor", "17ef\n");
-        writeFile(base + name + "/id/product", "6019\n");
-        writeFile(base + name + "/name", "a mouse\n");
-        writeFile(base + name + "/capabilities/key", "1f0000 0 0 0 0\n");
-        writeFile(base + name + "/capabilities/rel", "3 zz\n");
-        EXPECT_EQ(describe(Device(name)).has_value(), name == std::string("input12")) << name;
+    const std::pair<std::string, bool> names[] = {
+        {"input0", true},           {"input1000000000", true}, {"input1000000001", false},
+        {"input", false},           {"input-1", false},        {"input1x", false},
+        {"input9999999999", false}, {"input12", true}};
+    for (const auto& [name, described] : names) {
+        const std::pair<const char*, const char*> attributes[] = {
+            {"id/vendor", "17ef\n"},
+            {"id/product", "6019\n"},
+            {"name", "a mouse that is a touch screen\n"},
+            {"capabilities/key", "400 10000 0 0 0 0\n"},
+            {"capabilities/rel", "3\n"},
+            {"capabilities/abs", "1 3\n"},
+            {"properties", "2\n"}};
+        for (const auto& [attribute, value] : attributes) {
+            EXPECT_FALSE(describe(Device(name)) && attribute == std::string("id/product"));
+            writeFile("/sys/class/input/" + name + "/" + attribute, value);
+        }
+        EXPECT_EQ(describe(Device(name)).has_value(), described) << name;
     }
-    writeFile(base + "input12/capabilities/rel", "903\n");
-    const DeviceInfo info = describe(Device("input12"))->info;
-    EXPECT_EQ(info.deviceId, 1000012);
-    EXPECT_EQ(info.deviceClass, static_cast<int>(kMouseSource));
-    EXPECT_EQ(info.deviceName, "a mouse");
-    EXPECT_EQ(info.deviceType, 1);
+    EXPECT_EQ(text(describe(Device("input12"))->info),
+              "a mouse that is a touch screen, id 1000012, class 12290, interfaces {}, 6127:24601, "
+              "status 0, type 1, reason , category 0 ");
 }
 
 // Nothing but the handle tells the two apart: they have the same name and interfaces.
@@ -140,7 +147,7 @@ TEST_F(GateTest, AnAnswerDoesNotOpenTheNextDeviceOfTheName) {
     writeFile("/sys/bus/usb/drivers_probe", "");
     attach("1-1", "00", {"08"});
     const Device first("1-1");
-    const std::vector<std::string> interfaces = describe(first)->interfaces;
+    const Texts interfaces = describe(first)->interfaces;
     closeDevice(first, interfaces);
     EXPECT_FALSE(isOpen(first, interfaces));
     openDevice(first, interfaces);
@@ -148,12 +155,31 @@ TEST_F(GateTest, AnAnswerDoesNotOpenTheNextDeviceOfTheName) {
     EXPECT_EQ(readFile("/sys/bus/usb/drivers_probe"), "1-1:1.0");
 
     detach("1-1");
-    attach("1-1", "00", {"08"}, 6);
+    attach("1-1", "00", {"08"});
     closeDevice(Device("1-1"), interfaces);
     openDevice(first, interfaces);
     EXPECT_TRUE(first.directory.isGone());
     EXPECT_EQ(readFile(sysfsPath("1-1", "1-1:1.0/authorized")), "0\n");
-    EXPECT_THAT(takeLog(), testing::IsEmpty());
+    EXPECT_THAT(takeLog(), IsEmpty());
+}
+
+TEST_F(GateTest, WhatTheKernelRefusesIsLoggedAndStaysClosed) {
+    attach("1-1", "00", {"03", "03"});
+    const Device device("1-1");
+    writeFile(sysfsPath("1-1", "1-1:1.0/driver"), "");
+    const Texts interfaces = describe(device)->interfaces;
+    closeDevice(device, interfaces);
+    writeFile(kDrivers + "usbhid/bind", "");
+    openFor("usbhid", device, interfaces);
+    EXPECT_EQ(readFile(kDrivers + "usbhid/bind"), "1-1:1.1") << "the other one has a driver";
+    EXPECT_THAT(takeLog(), IsEmpty());
+    openFor("hub", device, interfaces);
+    EXPECT_EQ(readFile(sysfsPath("1-1", "1-1:1.1/authorized")), "0\n");
+    openDevice(device, {"1-1:1.0", "1-1:1.2"});
+    const std::string missing = " of 1-1: No such file or directory";
+    EXPECT_LOG("E no driver for 1-1:1.1 of 1-1: Bad file descriptor",
+               "E cannot write 1-1:1.2/authorized" + missing, "E no driver for 1-1:1.0" + missing,
+               "E no driver for 1-1:1.2" + missing);
 }
 
 TEST_F(GateTest, RemovalsComeFirstAndFailuresLater) {
@@ -194,7 +220,7 @@ TEST_F(GateTest, RemovalsComeFirstAndFailuresLater) {
 }
 
 // Under ThreadSanitizer: what comes and goes meets what is asked.
-TEST_F(GateTest, WhatIsPostponedIsLookedAtAgain) {
+TEST_F(GateTest, WhatIsPostponedIsLookedAtAgainAndLaterEachTime) {
     DeviceTable table;
     std::thread kernel([&] {
         for (int i = 0; i < 200; ++i) {
@@ -203,16 +229,18 @@ TEST_F(GateTest, WhatIsPostponedIsLookedAtAgain) {
         }
         table.add(device("1-2"));
     });
-    int looks = 0;
-    while (looks < 3) {
+    std::vector<std::chrono::steady_clock::time_point> looks;
+    while (looks.size() < 3) {
         const auto undecided = table.nextTask().undecided;
         if (undecided == nullptr) continue;
-        if (undecided->name == "1-2") ++looks;
+        if (undecided->name == "1-2") looks.push_back(std::chrono::steady_clock::now());
         table.isToBeAskedAbout(undecided, {});
         table.postpone(undecided);
     }
     kernel.join();
     EXPECT_TRUE(table.has("1-2"));
+    EXPECT_GE(looks[1] - looks[0], milliseconds(100));
+    EXPECT_GE(looks[2] - looks[1], milliseconds(200));
 }
 
 }  // namespace

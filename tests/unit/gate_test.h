@@ -3,7 +3,6 @@
 
 #include <pthread.h>
 
-#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -12,7 +11,6 @@
 
 #include "gate/device_table.h"
 #include "kus_test.h"
-#include "usb_tree.h"
 
 namespace android::kus {
 
@@ -25,8 +23,8 @@ class GateTest : public KusTest {
   protected:
     /** A device with interfaces of these classes, their directories in its own as in sysfs. */
     static void attach(const std::string& name, const std::string& deviceClass,
-                       const Texts& interfaceClasses, int devnum = 5) {
-        addEntry(name, "busnum=1, devnum=" + std::to_string(devnum) + ", bDeviceClass=" +
+                       const Texts& interfaceClasses, int devnum = 15) {
+        addEntry(name, "busnum=12, devnum=" + std::to_string(devnum) + ", bDeviceClass=" +
                            deviceClass + ", idVendor=0951, idProduct=1666, product=stick, " +
                            "uevent=, bNumInterfaces= " + std::to_string(interfaceClasses.size()));
         for (size_t i = 0; i < interfaceClasses.size(); ++i) {
@@ -39,8 +37,8 @@ class GateTest : public KusTest {
     }
 
     static void detach(const std::string& name) {
-        std::filesystem::remove_all(std::filesystem::canonical(sysfsPath(name, "")));
-        std::filesystem::remove(std::string(kUsbDevicesPath) + "/" + name);
+        fs::remove_all(fs::canonical(sysfsPath(name, "")));
+        fs::remove(std::string(kUsbDevicesPath) + "/" + name);
     }
 
     /** A mouse on the input bus with this number. */

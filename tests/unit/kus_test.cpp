@@ -3,21 +3,16 @@
 
 #include <android-base/file.h>
 #include <android-base/logging.h>
+#include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <filesystem>
 #include <mutex>
-#include <thread>
+#include <sstream>
+#include <tuple>
 
 #include "ku_service/KUsbService.h"
-#include "usbdevice/UsbDevice.h"
-#include "util/Util.h"
-#include "util/rule_tables.h"
-
-namespace fs = std::filesystem;
 
 namespace android::kus {
 
@@ -36,6 +31,12 @@ void captureLog(base::LogId, base::LogSeverity severity, const char*, const char
     if (severity >= base::FATAL_WITHOUT_ABORT) fprintf(stderr, "%s\n", line.c_str());
 }
 
+constexpr char kNumbers[] =
+    "bAlternateSetting bConfigurationValue bDeviceClass bDeviceProtocol bDeviceSubClass "
+    "bInterfaceClass bInterfaceNumber bInterfaceProtocol bInterfaceSubClass bMaxPacketSize0 "
+    "bNumConfigurations bNumEndpoints bNumInterfaces bcdDevice bmAttributes configuration devnum "
+    "idProduct idVendor maxchild rx_lanes tx_lanes";
+
 void emptyDirectory(const fs::path& path) {
     std::error_code missing;
     for (const fs::directory_entry& entry : fs::directory_iterator(path, missing)) {
@@ -50,18 +51,17 @@ KusTest::KusTest() {
     for (const char* path : {"/data", "/sys", "/dev/__properties__"}) emptyDirectory(path);
     fs::create_directories(fs::path(configFilePath).parent_path());
 
-    configMode = "default";
+    auto state = std::tie(configMode, errorMessage, xml_parse_status, isUserDebugBuild,
+                          rulesAreLeftByCrash, UsbDevice::verbose_trace);
+    static const std::tuple<std::string, std::string, bool, bool, bool, bool> initialState = state;
+    state = initialState;
     clearRules();
-    errorMessage = "SUCCESS";
-    xml_parse_status = false;
     Util::readRules(configFilePath);
     UsbDevice::deviceid_map.clear();
     UsbDevice::delete_all_nodes();
     UsbDevice::empty_list();
-    UsbDevice::verbose_trace = false;
     mUsbDeviceInfoList.clear();
     mInputDeviceInfoList.clear();
-    isUserDebugBuild = false;
     takeLog();
 }
 
@@ -70,7 +70,7 @@ Texts takeLog() {
     return std::exchange(logLines, {});
 }
 
-Texts takeLogUntil(const std::string& text, std::chrono::milliseconds timeout) {
+Texts takeLogUntil(const std::string& text, milliseconds timeout) {
     Texts log;
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (std::chrono::steady_clock::now() < deadline) {
@@ -78,11 +78,13 @@ Texts takeLogUntil(const std::string& text, std::chrono::milliseconds timeout) {
         for (const std::string& line : log) {
             if (line.find(text) != std::string::npos) return log;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        sleep_for(milliseconds(1));
     }
     ADD_FAILURE() << "no log line has " << text;
     return log;
 }
+
+std::string takeLogText() { return base::Join(takeLog(), '\n') + "\n"; }
 
 int countOf(const std::string& start, const Texts& lines) {
     return std::count_if(lines.begin(), lines.end(),
@@ -110,10 +112,57 @@ void loadRules(const std::string& xml) {
     Util::createMapFromConfig(configFilePath);
 }
 
-void setVendors(const std::multimap<int32_t, int32_t>& vendors) {
+void setVendors(const Vendors& vendors) {
     vidPidMap.clear();
     lastWholeVendor.reset();
     for (const auto& [vid, pid] : vendors) addVidPid(vid, pid);
+}
+
+void addEntry(const std::string& name, const std::string& attributes, const std::string& number) {
+    const std::string directory = "/sys/devices/controller/" + name + "/";
+    for (const std::string& attribute : base::Split(kNumbers, " ")) {
+        writeFile(directory + attribute, number + "\n");
+    }
+    std::istringstream list(attributes);
+    for (std::string item; std::getline(list >> std::ws, item, ',');) {
+        const size_t equals = item.find('=');
+        writeFile(directory + item.substr(0, equals), item.substr(equals + 1) + "\n");
+    }
+    fs::create_directories(kUsbDevicesPath);
+    fs::create_directory_symlink(directory, fs::path(kUsbDevicesPath) / name);
+}
+
+void addInterface(const std::string& name, int interfaceClass, const Texts& directories) {
+    addEntry(name, base::StringPrintf("authorized=1, bInterfaceClass=%02x", interfaceClass));
+    for (const std::string& directory : directories) {
+        fs::create_directories(sysfsPath(name, directory));
+    }
+}
+
+void addDevice(const std::string& name, int devnum, int vendor, int product) {
+    addEntry(name, base::StringPrintf("authorized=1, devnum=%d, idVendor=%04x, idProduct=%04x",
+                                      devnum, vendor, product));
+}
+
+std::string scan(const std::string& names) {
+    return stderrOf([&] {
+        for (const std::string& name : base::Split(names, " ")) {
+            UsbDevice::inspect_bus_entry(name.c_str());
+        }
+        UsbDevice::connect_devices();
+    });
+}
+
+std::string sysfsPath(const std::string& entry, const std::string& below) {
+    return std::string(kUsbDevicesPath) + "/" + entry + "/" + below;
+}
+
+usbinterface_custom mapRecord(const char* name, int category, int vendor) {
+    usbinterface_custom record = {};
+    strcpy(record.name, name);
+    record.category = category;
+    record.idVendor = vendor;
+    return record;
 }
 
 }  // namespace android::kus

@@ -2,7 +2,6 @@
 #include "private_world.h"
 
 #include <android-base/file.h>
-#include <android-base/strings.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
@@ -17,11 +16,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <regex>
 #include <string>
 
 namespace fs = std::filesystem;
-using android::base::StartsWith;
+using android::base::ReadFileToString;
 using android::base::WriteStringToFile;
 
 namespace {
@@ -42,20 +41,14 @@ void require(bool done, const char* step) {
     if (!done) refuse(step);
 }
 
-// Asks the kernel, so that no argument or variable can pretend it.
+// Asks the kernel, so that no argument or variable can pretend it. A line of mountinfo is such as
+// "36 35 0:45 / /mount/point rw,relatime - tmpfs name rw".
 bool inPrivateWorld() {
-    bool privateRoot = false;
-    std::ifstream mounts("/proc/self/mountinfo");
-    for (std::string line; std::getline(mounts, line);) {
-        std::istringstream fields(line);
-        std::string id, parent, device, root, mountPoint;
-        fields >> id >> parent >> device >> root >> mountPoint;
-        if (mountPoint == "/") {
-            privateRoot = line.find(std::string(" - tmpfs ") + kRootName) != std::string::npos;
-        }
-        if (StartsWith(mountPoint, "/data") || StartsWith(mountPoint, "/sys")) return false;
-    }
-    return privateRoot;
+    const std::regex privateRoot(std::string(" / / .* - tmpfs ") + kRootName);
+    const std::regex foreign(" /[^ ]* /(data|sys)[/ ]");
+    std::string mounts;
+    return ReadFileToString("/proc/self/mountinfo", &mounts) &&
+           std::regex_search(mounts, privateRoot) && !std::regex_search(mounts, foreign);
 }
 
 // A bind mount takes what is mounted below along.

@@ -1,18 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <android-base/strings.h>
 #include <cutils/properties.h>
 #include <unistd.h>
 
 #include "fake_service_manager.h"
 #include "service_test.h"
-#include "util/Util.h"
-#include "util/rule_tables.h"
 
 namespace android::kus {
 namespace {
-
-using testing::KilledBySignal;
-using testing::PrintToString;
 
 class Registration : public ServiceTest {
   protected:
@@ -44,38 +38,6 @@ TEST_F(Registration, ServiceIsPublishedWithItsRulesInForce) {
     EXPECT_TRUE(isUserDebugBuild);
 }
 
-TEST_F(Registration, EachRegistrationIsAnEntry) {
-    const std::string callback = PrintToString(static_cast<IKUsbServiceCallback*>(client_.get()));
-    const std::string binder = PrintToString(static_cast<IBinder*>(client_.get()));
-    EXPECT_TRUE(service_->registerKusCallback(client_).isOk());
-    isUserDebugBuild = true;
-    service_->registerKusCallback(client_);
-    const Texts listing = takeLog();
-    const std::string entry = "I registerKusCallback--: iterating map key:" + binder + " value:0x";
-    EXPECT_THAT(listing, ElementsAre("I registerKusCallback called" + callback,
-                                     "I registerKusCallback binder " + binder,
-                                     "E Size of callbacks at registerKusCallback 1", _, _,
-                                     "E Size of callbacks at registerKusCallback 2",
-                                     StartsWith(entry), StartsWith(entry)));
-    EXPECT_EQ(client_->links(), 2u);
-
-    EXPECT_TRUE(service_->unregisterKusCallback(client_).isOk());
-    EXPECT_LOG("I unregisterKusCallback called" + callback,
-               "I unregisterKusCallback binder" + binder,
-               "I Callback successfully removed from list",
-               "I Size of callbacks at unregisterKusCallback1",
-               // The first entry went, the second is listed.
-               "I unregisterKusCallback--: before erase" +
-                   listing[7].substr(strlen("I registerKusCallback--:")));
-    isAllowed(usbDevice(1, {8}));
-    service_->unregisterKusCallback(client_);
-    takeLog();
-    EXPECT_TRUE(service_->unregisterKusCallback(client_).isOk());
-    EXPECT_LOG(_, _, "I Given callback not registered with this list");
-    isAllowed(usbDevice(2, {8}));
-    EXPECT_THAT(client_->calls(), ElementsAre("added usb1"));
-}
-
 TEST_F(Registration, RefusedDeathLinkOrUnlinkLeavesNoEntry) {
     client_->linkStatus = NO_MEMORY;
     EXPECT_TRUE(service_->registerKusCallback(client_).isOk());
@@ -83,12 +45,13 @@ TEST_F(Registration, RefusedDeathLinkOrUnlinkLeavesNoEntry) {
     EXPECT_EQ(client_->getStrongCount(), 1);
 
     client_->linkStatus = OK;
-    client_->unlinkStatus = NAME_NOT_FOUND;
     service_->registerKusCallback(client_);
+    // The last word of a client crosses the notice of its death.
+    client_->whenDead = [&] { service_->unregisterKusCallback(client_); };
     takeLog();
-    service_->unregisterKusCallback(client_);
+    client_->die();
     EXPECT_LOG(_, _, "E Failed to unlink death recipient from binder",
-               "I Size of callbacks at unregisterKusCallback0");
+               "I Size of callbacks at unregisterKusCallback0", "I Received binderDied");
     EXPECT_EQ(client_->getStrongCount(), 1);
 }
 
@@ -106,15 +69,6 @@ TEST_F(Registration, DeathRemovesOneEntryForEachRegistration) {
     EXPECT_EQ(dying->getStrongCount(), 1);
 }
 
-TEST_F(Registration, LastWordOfAClientMayCrossTheNoticeOfItsDeath) {
-    service_->registerKusCallback(client_);
-    client_->whenDead = [&] { service_->unregisterKusCallback(client_); };
-    takeLog();
-    client_->die();
-    EXPECT_LOG(_, _, "E Failed to unlink death recipient from binder",
-               "I Size of callbacks at unregisterKusCallback0", "I Received binderDied");
-}
-
 using RegistrationDeathTest = Registration;
 
 // In a process of its own, because a process registers once.
@@ -126,11 +80,11 @@ TEST_F(RegistrationDeathTest, RefusedRulesStopNothingAndAreNotUndone) {
     property_set("ro.build.type", "user");
     const auto registerService = [&] {
         KUsbService::Register();
-        fputs(base::Join(takeLog(), '\n').c_str(), stderr);
+        fputs(takeLogText().c_str(), stderr);
         _exit(manager_->added == nullptr || Util::getMode() != "whitelist" || isUserDebugBuild ||
               rulesAreLeftByCrash);
     };
-    EXPECT_EXIT(registerService(), testing::ExitedWithCode(0),
+    EXPECT_EXIT(registerService(), ExitedWithCode(0),
                 "I  parsing failed\nI Register called in ku_service\n"
                 "I kus service Registered successfully\n");
     EXPECT_EQ(readFile(statusFilePath), "INVALID TAG:foo");
@@ -138,22 +92,16 @@ TEST_F(RegistrationDeathTest, RefusedRulesStopNothingAndAreNotUndone) {
     EXPECT_EQ(readFile(configFilePath), rules);
 }
 
-TEST_F(RegistrationDeathTest, RefusedServiceIsFatal) {
-    writeFile(configFilePath, "<usbconfig mode=\"default\"/>");
-    const auto registerService = [&] {
-        manager_->status = PERMISSION_DENIED;
-        KUsbService::Register();
-    };
-    EXPECT_EXIT(registerService(), KilledBySignal(SIGABRT), "F Could not register KUS-1\n");
-    // It came after the rules.
-    EXPECT_EQ(readFile(statusFilePath), "SUCCESS");
-}
-
-TEST_F(RegistrationDeathTest, BrokenInvariantsAreFatal) {
+TEST_F(RegistrationDeathTest, RefusedServiceAndBrokenInvariantsAreFatal) {
     const auto recipient = [&] {
         return sp<IBinder::DeathRecipient>(
             new KUsbService::CallbackDeathRecipient(client_, service_.get()));
     };
+    const auto registerRefusedService = [&] {
+        manager_->status = PERMISSION_DENIED;
+        KUsbService::Register();
+    };
+    EXPECT_EXIT(registerRefusedService(), KilledBySignal(SIGABRT), "F Could not register KUS-1\n");
     EXPECT_EXIT(service_->registerKusCallback(nullptr), KilledBySignal(SIGABRT),
                 "F Check failed: callback_.get\\(\\) \n");
     EXPECT_EXIT(new KUsbService::CallbackDeathRecipient(client_, nullptr), KilledBySignal(SIGABRT),

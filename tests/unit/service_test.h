@@ -4,12 +4,8 @@
 #include <android/kus/BnKUsbServiceCallback.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <functional>
 #include <mutex>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "ku_service/KUsbService.h"
 #include "kus_test.h"
@@ -22,8 +18,8 @@ namespace android::kus {
  */
 class FakeClient : public BnKUsbServiceCallback {
   public:
-    /** What the next links, unlinks and calls return. */
-    status_t linkStatus = OK, unlinkStatus = OK, callStatus = OK;
+    /** What the next links and calls return. */
+    status_t linkStatus = OK, callStatus = OK;
     /** Run inside every call, where a client may call the service. */
     std::function<void()> whenCalled = [] {};
     /** Run when it is dead and nobody has been told. */
@@ -57,11 +53,9 @@ class FakeClient : public BnKUsbServiceCallback {
         }
     }
 
-    binder::Status onDeviceAdded(const DeviceInfo& device) override {
-        return record("added ", device);
-    }
-    binder::Status onDeviceRemoved(const DeviceInfo& device) override {
-        return record("removed ", device);
+    binder::Status onDeviceAdded(const DeviceInfo& info) override { return record("added ", info); }
+    binder::Status onDeviceRemoved(const DeviceInfo& info) override {
+        return record("removed ", info);
     }
 
     status_t linkToDeath(const sp<DeathRecipient>& recipient, void* cookie,
@@ -78,7 +72,6 @@ class FakeClient : public BnKUsbServiceCallback {
         EXPECT_TRUE(cookie == nullptr && flags == 0);
         const std::lock_guard lock(lock_);
         if (dead_) return DEAD_OBJECT;
-        if (unlinkStatus != OK) return unlinkStatus;
         const auto it = std::find(recipients_.begin(), recipients_.end(), recipient);
         if (it == recipients_.end()) return NAME_NOT_FOUND;
         recipients_.erase(it);
@@ -103,7 +96,7 @@ class FakeClient : public BnKUsbServiceCallback {
 /** A service that no one has registered, on a machine without USB devices. */
 class ServiceTest : public KusTest {
   protected:
-    ServiceTest() { std::filesystem::create_directories("/sys/bus/usb/devices"); }
+    ServiceTest() { fs::create_directories("/sys/bus/usb/devices"); }
 
     bool isAllowed(const DeviceInfo& device) {
         bool allowed = false;
@@ -152,8 +145,8 @@ inline DeviceInfo inputDevice(int32_t id, int32_t sources, int32_t vendor = 1,
 inline std::string text(const DeviceInfo& device) {
     std::ostringstream text;
     text << device.deviceName << ", id " << device.deviceId << ", class " << device.deviceClass
-         << ", interfaces " << testing::PrintToString(device.interfaceClassList) << ", "
-         << device.vendorId << ":" << device.productId << ", status " << device.status << ", type "
+         << ", interfaces " << PrintToString(device.interfaceClassList) << ", " << device.vendorId
+         << ":" << device.productId << ", status " << device.status << ", type "
          << device.deviceType << ", reason " << device.reason << ", category " << device.category
          << " " << device.categoryPath;
     return text.str();

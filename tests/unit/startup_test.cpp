@@ -2,12 +2,7 @@
 #include <android-base/strings.h>
 #include <stdlib.h>
 
-#include <filesystem>
-
 #include "kus_test.h"
-#include "util/Util.h"
-
-namespace fs = std::filesystem;
 
 namespace android::kus {
 namespace {
@@ -54,22 +49,20 @@ TEST_F(Startup, TasksWriteTheDefaultRules) {
 }
 
 TEST_F(Startup, TasksLeaveWhatIsThereAndCreateNoDirectory) {
-    const std::string directory = fs::path(configFilePath).parent_path();
-    const struct {
-        std::string path, log;
-    } cases[] = {{configFilePath, "I Directory exist, creating file"},
-                 {std::string(configFilePath) + "/a directory", "I Directory exist, creating file"},
-                 {directory, "I no Directory exist"},
-                 {"/data/system/other", "I no Directory exist"}};
-    for (const auto& c : cases) {
-        fs::remove_all(directory);
-        writeFile(c.path, "mine");
+    const std::pair<std::string, const char*> cases[] = {
+        {configFilePath, "I Directory exist, creating file"},
+        {std::string(configFilePath) + "/a directory", "I Directory exist, creating file"},
+        {configDirectory, "I no Directory exist"},
+        {"/data/system/other", "I no Directory exist"}};
+    for (const auto& [path, log] : cases) {
+        fs::remove_all(configDirectory);
+        writeFile(path, "mine");
         run("run-startup-tasks more arguments");
         EXPECT_EQ(status_, 0);
-        EXPECT_EQ(readFile(c.path), "mine");
-        EXPECT_EQ(log_.back(), c.log);
+        EXPECT_EQ(readFile(path), "mine");
+        EXPECT_EQ(log_.back(), log);
     }
-    EXPECT_FALSE(fs::exists(directory));
+    EXPECT_FALSE(fs::exists(configDirectory));
 }
 
 // There is no binder driver here, so the daemon aborts soon after it has loaded the rules.

@@ -1,13 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/strings.h>
 
-#include <filesystem>
-
 #include "kus_test.h"
-#include "usb_tree.h"
-#include "usbdevice/UsbDevice.h"
-
-namespace fs = std::filesystem;
 
 namespace android::kus {
 namespace {
@@ -32,11 +26,14 @@ class SysfsScan : public KusTest {};
 
 TEST_F(SysfsScan, EntriesAreToldApartByTheirNames) {
     const std::string errors = scan(
-        "usb1 usb12 1-1 10-1.2 1- 1-2:1.0 1-2: 1-2:1 1-2:1. 1-2:x 1-2:1.x . .. .x usb usb/ usb: "
-        "usbmon us1 Usb1 uevent lost+found");
+        "usb1 usb12 1-1 10-1.2 1- 1-2:1.0 1-2: 1-2:1 1-2:1. 1-2:x 1-2:1.x 1-0:1.0 12-0:0.0 "
+        "12-0:0.1 . .. .x usb usb/ usb: usbmon us1 Usb1 uevent lost+found");
     EXPECT_EQ(chain(UsbDevice::bus_list, &usbbusnode::next), " usb1 usb12");
     EXPECT_EQ(namesIn(UsbDevice::device_list), " 1-1 10-1.2 1-");
-    EXPECT_EQ(namesIn(UsbDevice::interface_list), " 1-2:1.0");
+    EXPECT_EQ(namesIn(UsbDevice::interface_list), " 1-2:1.0 1-0:1.0 12-0:0.0 12-0:0.1");
+    // By the digit after the colon, so never a root hub's own. The other links show in a dump.
+    EXPECT_EQ(UsbDevice::bus_list->first_interface, nullptr);
+    EXPECT_EQ(chain(UsbDevice::bus_list->next->first_interface), " 12-0:0.0 12-0:0.1");
     std::string ignored;
     for (const std::string& line : base::Split(errors, "\n")) {
         if (base::StartsWith(line, "ignoring ")) ignored += line.substr(strlen("ignoring"));
@@ -70,23 +67,13 @@ TEST_F(SysfsScan, AttributesAreReadAsIntegersAndAsTexts) {
     }
 }
 
-TEST_F(SysfsScan, EachAttributeTellsWhyItsEntryCannotBeRead) {
-    const std::string path = sysfsPath("1-1:1.0", "bAlternateSetting: ");
-    const std::string entry = "/sys/bus/usb/devices/1-1:1.0";
-    writeFile(entry, "");
-    const auto read = [] { UsbDevice::inspect_bus_entry("1-1:1.0"); };
-    EXPECT_THAT(stderrOf(read), testing::StartsWith(path + "Not a directory\n"));
-    std::filesystem::remove(entry);
-    std::filesystem::create_symlink("/nowhere", entry);
-    EXPECT_THAT(stderrOf(read), testing::StartsWith(path + "No such file or directory\n"));
-}
-
-TEST_F(SysfsScan, AttributesThatCannotBeReadAreZeroOrEmpty) {
+TEST_F(SysfsScan, AttributesThatCannotBeReadAreZeroOrEmptyAndTellWhy) {
     fs::create_directories(sysfsPath("1-1", "power"));
-    EXPECT_EQ(stderrOf([] {
-                  EXPECT_EQ(UsbDevice::read_sysfs_file_int("1-1", "none", 10), 0u);
-                  EXPECT_EQ(UsbDevice::read_sysfs_file_int("1-1", "power", 10), 0u);
-              }),
+    const auto readNumbers = [] {
+        EXPECT_EQ(UsbDevice::read_sysfs_file_int("1-1", "none", 10), 0u);
+        EXPECT_EQ(UsbDevice::read_sysfs_file_int("1-1", "power", 10), 0u);
+    };
+    EXPECT_EQ(stderrOf(readNumbers),
               "/sys/bus/usb/devices/1-1/none: No such file or directory\n"
               "/sys/bus/usb/devices/1-1/power: Is a directory\n");
     for (const std::string& entry : {std::string("1-2"), std::string(4096, 'x')}) {
@@ -94,6 +81,10 @@ TEST_F(SysfsScan, AttributesThatCannotBeReadAreZeroOrEmpty) {
         UsbDevice::read_sysfs_file_string(entry.c_str(), "text", text, sizeof(text));
         EXPECT_STREQ(text, "");
     }
+    // An entry that cannot be opened as one.
+    writeFile(std::string(kUsbDevicesPath) + "/1-1:1.0", "");
+    EXPECT_THAT(scan("1-1:1.0"),
+                StartsWith(sysfsPath("1-1:1.0", "bAlternateSetting: Not a directory\n")));
 }
 
 // Every number reads "10", which is 16 where the base is so.
@@ -133,17 +124,17 @@ TEST_F(SysfsScan, RecordsHoldTheAttributes) {
 }
 
 TEST_F(SysfsScan, LongNamesAreCut) {
-    const std::string digits(252, '0'), fits = "1-1" + digits.substr(1);
+    const std::string digits(252, '0'), fits = "1-1" + digits.substr(1), device = fits + "0";
+    addEntry(fits, "bConfigurationValue=2");
+    addEntry(device, "bConfigurationValue=2");
     std::string warnings;
-    testing::internal::CaptureStdout();
-    for (const std::string& name : {fits, fits + "0", "usb" + digits, "1-1:1." + digits}) {
-        if (base::StartsWith(name, fits)) {
-            addEntry(name, "bConfigurationValue=2");
-        } else {
-            warnings += "warning: '" + name + "' truncated to '" + name.substr(0, 254) + "'\n";
-        }
-        scan(name);
+    for (const std::string& name : {"usb" + digits, "1-1:1." + digits}) {
+        warnings += "warning: '" + name + "' truncated to '" + name.substr(0, 254) + "'\n";
     }
+    // The path of a driver link has to fit 4096 bytes with its terminator.
+    const std::string farTooLong(4068, '1'), bus = "usb" + std::string(4062, '1');
+    testing::internal::CaptureStdout();
+    scan(fits + " " + device + " usb" + digits + " 1-1:1." + digits);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), warnings);
     Numbers configurations;
     for (const usbdevice& d : UsbDevice::device_list) {
@@ -151,23 +142,12 @@ TEST_F(SysfsScan, LongNamesAreCut) {
         configurations.push_back(d.bConfigurationValue);
     }
     EXPECT_THAT(configurations, ElementsAre(0, 2)) << "is read of a device whose name is cut";
-}
 
-// The path of a driver link has to fit 4096 bytes with its terminator.
-TEST_F(SysfsScan, DriversOfOverlongNamesAreNotRead) {
-    const std::string device(4068, '1'), bus = "usb" + std::string(4062, '1');
     testing::internal::CaptureStdout();
-    scan(device + " " + bus);
+    scan(farTooLong + " " + bus);
     testing::internal::GetCapturedStdout();
-    EXPECT_LOG("E Can not read driver link for " + device + ": " + device + "4096",
+    EXPECT_LOG("E Can not read driver link for " + farTooLong + ": " + farTooLong + "4096",
                "E Cannot read driver link for " + bus + ": " + bus + "4096");
-}
-
-// By the digit after the colon, so never a root hub's own. The other links show in a dump.
-TEST_F(SysfsScan, BusTakesInterfacesWithoutADevice) {
-    scan("usb1 usb12 1-1 1-0:1.0 1-9:1.0 12-0:0.0 12-0:0.1 1-1:1.0");
-    EXPECT_EQ(UsbDevice::bus_list->first_interface, nullptr);
-    EXPECT_EQ(chain(UsbDevice::bus_list->next->first_interface), " 12-0:0.0 12-0:0.1");
 }
 
 }  // namespace

@@ -1,53 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The bytes of every call, worked out by hand from what a phone's libbinder and the code that its
-// aidl generates write (API 34: Parcel.cpp, Status.cpp, Binder.cpp, Stability.cpp). All numbers are
-// little-endian; every item starts at a multiple of four bytes.
+// The bytes of every call, as data/parcels.txt tells them.
 
+#include <android-base/stringprintf.h>
+#include <android-base/strings.h>
 #include <android/kus/BnKUsbService.h>
 #include <android/kus/BnKUsbServiceCallback.h>
 #include <android/kus/BpKUsbService.h>
 #include <android/kus/BpKUsbServiceCallback.h>
-#include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
+#include <regex>
+
+#include "kus_test.h"
 
 namespace android::kus {
 namespace {
 
 using binder::Status;
-
-// What every call of an interface starts with.
-constexpr char kServiceToken[] = R"(
-    00000080                           # strict mode policy: none, violations to be gathered
-    ffffffff                           # work source: none
-    54535953                           # 0x53595354, "SYST": a libbinder of the system's
-    18000000                           # a string of 24 units, with a NUL and padding
-    61006e00 64007200 6f006900 64002e00 6b007500 73002e00
-    49004b00 55007300 62005300 65007200 76006900 63006500
-    00000000                           # "android.kus.IKUsbService"
-)";
-constexpr char kCallbackToken[] = R"(
-    00000080 ffffffff 54535953 20000000
-    61006e00 64007200 6f006900 64002e00 6b007500 73002e00
-    49004b00 55007300 62005300 65007200 76006900 63006500
-    43006100 6c006c00 62006100 63006b00
-    00000000                           # "android.kus.IKUsbServiceCallback"
-)";
-
-constexpr char kDevice[] = R"(
-    01000000                           # there is one
-    5c000000                           # 92 bytes, this number included
-    04000000 6d00e900 6d006f00 00000000     # deviceName
-    e9030000 ef000000                  # deviceId, deviceClass
-    02000000 08000000 ff000000         # interfaceClassList
-    51090000 66160000 01000000         # vendorId, productId, status
-    00000000                           # deviceType
-    02000000 6f006b00 00000000         # reason
-    04000000                           # category
-    07000000 73006400 63006100 72006400 3b000000    # categoryPath: its NUL fills the last word
-)";
 
 DeviceInfo device() {
     DeviceInfo device;
@@ -64,48 +33,33 @@ DeviceInfo device() {
     return device;
 }
 
-// An object of this process's own; the driver replaces the two addresses by a handle.
-constexpr char kObjectStart[] = R"(
-    852a6273                           # 0x73622a85, "sb*": a local object
-    13010000                           # served at nice 19 at least; takes descriptors (0x100)
-)";
-constexpr char kObjectEnd[] = "0c000000    # stability: the system's\n";
-constexpr char kNullObject[] = R"(
-    852a6273 13000000 0000000000000000 0000000000000000
-    00000000                           # stability: none
-)";
-
-constexpr char kOk[] = "00000000    # no exception\n";
-constexpr char kTrue[] = "01000000\n";
-constexpr char kTwo[] = "02000000\n";
-
 std::string hex(const void* data, size_t size) {
     std::string digits;
     for (size_t i = 0; i < size; ++i) {
-        char byte[3];
-        snprintf(byte, sizeof(byte), "%02x", static_cast<const uint8_t*>(data)[i]);
-        digits += byte;
+        base::StringAppendF(&digits, "%02x", static_cast<const uint8_t*>(data)[i]);
     }
     return digits;
 }
 
 std::string hex(const Parcel& parcel) { return hex(parcel.data(), parcel.dataSize()); }
 
-std::string address(const void* object) { return hex(&object, sizeof(object)) + " "; }
-
-std::string object(BBinder* binder) {
-    return kObjectStart + address(binder->getWeakRefs()) + address(binder) + kObjectEnd;
+/** The bytes of parts that data/parcels.txt names, one after the other, in hexadecimal. */
+std::string parcel(const Texts& parts) {
+    static const std::string text =
+        std::regex_replace(readFile(TEST_DATA "/parcels.txt"), std::regex("#.*"), "");
+    std::string bytes;
+    for (const std::string& part : parts) {
+        const std::string title = "[" + part + "]";
+        const size_t start = text.find(title) + title.size();
+        bytes += text.substr(start, text.find('[', start) - start);
+    }
+    return std::regex_replace(bytes, std::regex("\\s"), "");
 }
 
-/** The digits of a text, without its comments. */
-std::string digits(const std::string& text) {
-    std::string result;
-    bool comment = false;
-    for (const char c : text) {
-        comment = c != '\n' && (comment || c == '#');
-        if (!comment && isxdigit(c)) result += c;
-    }
-    return result;
+std::string localObject(BBinder* binder) {
+    const void* const addresses[] = {binder->getWeakRefs(), binder};
+    return base::StringReplace(parcel({"local object"}), "OBJECT",
+                               hex(addresses, sizeof(addresses)), false);
 }
 
 /** Stands between a proxy and a stub, as the driver does, and keeps what passes. */
@@ -162,8 +116,8 @@ class WireTest : public testing::Test {
         EXPECT_TRUE(status.isOk());
         EXPECT_EQ(wire_->code, code);
         EXPECT_EQ(wire_->flags, 0u);
-        EXPECT_EQ(wire_->request, digits(kServiceToken + request)) << "of call " << code;
-        EXPECT_EQ(wire_->reply, digits(kOk + reply)) << "of call " << code;
+        EXPECT_EQ(wire_->request, parcel({"IKUsbService"}) + request) << "of call " << code;
+        EXPECT_EQ(wire_->reply, parcel({"no exception"}) + reply) << "of call " << code;
     }
 
     const sp<Service> service_ = new Service;
@@ -173,15 +127,16 @@ class WireTest : public testing::Test {
 };
 
 TEST_F(WireTest, CallsOfTheService) {
-    const std::string client = object(callback_.get()), record = kDevice;
+    const std::string client = localObject(callback_.get());
     std::vector<DeviceInfo> devices;
     bool allowed = false;
     expectPassed(client_->registerKusCallback(callback_), 1, client, "");
     expectPassed(client_->unregisterKusCallback(callback_), 2, client, "");
-    expectPassed(client_->getDeviceList(&devices), 3, "", kTwo + record + record);
-    expectPassed(client_->updateDeviceList(device(), 2), 4, record + kTwo, "");
-    expectPassed(client_->isDeviceAllowed(device(), &allowed), 5, record, kTrue);
-    expectPassed(client_->resetUsbDevices(-2), 6, "feffffff", "");
+    expectPassed(client_->getDeviceList(&devices), 3, "", parcel({"2", "device", "device"}));
+    expectPassed(client_->updateDeviceList(device(), 2), 4, parcel({"device", "2"}), "");
+    expectPassed(client_->isDeviceAllowed(device(), &allowed), 5, parcel({"device"}),
+                 parcel({"1"}));
+    expectPassed(client_->resetUsbDevices(-2), 6, parcel({"-2"}), "");
     EXPECT_EQ(devices.size(), 2u);
     EXPECT_TRUE(allowed);
 }
@@ -190,12 +145,12 @@ TEST_F(WireTest, CallsOfTheCallback) {
     const sp<Wire> wire = new Wire(callback_);
     const sp<IKUsbServiceCallback> caller = new BpKUsbServiceCallback(wire);
     for (const uint32_t code : {1, 2}) {
-        EXPECT_TRUE(
-            (code == 1 ? caller->onDeviceAdded(device()) : caller->onDeviceRemoved(device()))
-                .isOk());
+        const Status status =
+            code == 1 ? caller->onDeviceAdded(device()) : caller->onDeviceRemoved(device());
+        EXPECT_TRUE(status.isOk());
         EXPECT_EQ(wire->code, code);
         EXPECT_EQ(wire->flags, IBinder::FLAG_ONEWAY);
-        EXPECT_EQ(wire->request, digits(std::string(kCallbackToken) + kDevice));
+        EXPECT_EQ(wire->request, parcel({"IKUsbServiceCallback", "device"}));
         EXPECT_EQ(wire->reply, "");
     }
 }
@@ -203,25 +158,18 @@ TEST_F(WireTest, CallsOfTheCallback) {
 TEST_F(WireTest, Exceptions) {
     service_->result = Status::fromExceptionCode(Status::EX_ILLEGAL_STATE, "no");
     EXPECT_EQ(client_->resetUsbDevices(0).toString8(), service_->result.toString8());
-    EXPECT_EQ(wire_->reply, digits(R"(
-        fbffffff                           # -5
-        02000000 6e006f00 00000000         # the message
-        00000000                           # size of a stack trace: none)"));
+    EXPECT_EQ(wire_->reply, parcel({"illegal state"}));
     EXPECT_EQ(client_->registerKusCallback(nullptr).exceptionCode(), Status::EX_NULL_POINTER);
-    EXPECT_EQ(wire_->request, digits(std::string(kServiceToken) + kNullObject));
-    EXPECT_EQ(wire_->reply, digits("fcffffff 00000000 00000000 00000000"));
+    EXPECT_EQ(wire_->request, parcel({"IKUsbService", "null object"}));
+    EXPECT_EQ(wire_->reply, parcel({"null pointer"}));
 }
 
 TEST_F(WireTest, NamesAndDescriptors) {
     Parcel none, reply, descriptor;
     EXPECT_EQ(callback_->transact(0x5f4e5446 /* _NTF */, none, &reply), OK);
-    EXPECT_EQ(hex(reply), digits(kCallbackToken).substr(24)) << "without the three words before";
-
+    EXPECT_EQ(hex(reply), parcel({"IKUsbServiceCallback"}).substr(24)) << "without three words";
     descriptor.writeFileDescriptor(5);
-    EXPECT_EQ(hex(descriptor), digits(R"(
-        852a6466                           # 0x66642a85, "fd*"
-        7f010000                           # no priority to ask for; takes descriptors
-        0500000000000000 0000000000000000  # the descriptor; whether the parcel owns it)"));
+    EXPECT_EQ(hex(descriptor), parcel({"descriptor 5"}));
 }
 
 }  // namespace

@@ -1,29 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/file.h>
-#include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <thread>
+#include <regex>
 
 #include "service_test.h"
-#include "usb_tree.h"
-#include "usbdevice/UsbDevice.h"
-#include "util/rule_tables.h"
 
 namespace android::kus {
 namespace {
 
 constexpr char kNoTopology[] = "USB Test \n\n\nDeviceIdMap size0\n";
 
-std::string golden(const std::string& name) { return readFile(TEST_DATA "/" + name); }
-
-std::string logText() { return base::Join(takeLog(), '\n') + "\n"; }
+/** Expects a text, its addresses aside, to be that of a file in data/. */
+void expectGolden(const std::string& text, const std::string& name) {
+    EXPECT_EQ(std::regex_replace(text, std::regex("0x[0-9a-f]{8,}"), "ADDRESS"),
+              readFile(TEST_DATA "/" + name));
+}
 
 Vector<String16> parcelled(const Texts& texts) {
     Vector<String16> arguments;
@@ -31,7 +26,15 @@ Vector<String16> parcelled(const Texts& texts) {
     return arguments;
 }
 
-class DumpTest : public ServiceTest {
+/** What the last parse has left, in a line. */
+std::string rulesInForce() {
+    return (xml_parse_status ? "accepted, mode " : "refused, mode ") + Util::getMode() +
+           ", classes " + PrintToString(classList) + " " + PrintToString(classNameMap) +
+           ", vendors " + PrintToString(vidPidMap) + ", greatest whole one " +
+           std::to_string(lastWholeVendor.value_or(-1)) + ", status " + readFile(statusFilePath);
+}
+
+class Golden : public ServiceTest {
   protected:
     std::string dump(const Texts& arguments = {}) {
         TemporaryFile file;
@@ -42,7 +45,55 @@ class DumpTest : public ServiceTest {
     const Vector<String16> topology_ = parcelled({"test"});
 };
 
-TEST_F(DumpTest, ListsInputDevicesBeforeUsbDevices) {
+TEST_F(Golden, RulesFilesAndWhatIsMadeOfThem) {
+    std::istringstream golden(readFile(TEST_DATA "/rules.txt"));
+    std::string text;
+    for (std::string line; std::getline(golden, line);) {
+        if (line.empty() || line[0] == '#') text += line + "\n";
+        if (line[0] != '<') continue;
+        fs::remove(statusFilePath);
+        loadRules(line);
+        text += line + "\n" + takeLogText() + rulesInForce() + "\n";
+    }
+    expectGolden(text, "rules.txt");
+}
+
+TEST_F(Golden, LogOfRulesAndOfDevicesThatComeAndGo) {
+    isUserDebugBuild = true;
+    loadRules(R"(<usbconfig mode="blacklist">
+        <class>USB_CLASS_MASS_STORAGE</class>
+        <class>AINPUT_SOURCE_KEYBOARD</class>
+        <vid vendorid="6121"/>
+        <vid vendorid="7000"><pid>05734</pid></vid>
+    </usbconfig>)");
+    for (int i = 0; i < 2; ++i) service_->registerKusCallback(client_);
+    addDevice("1-1", 2, 6121, 10);
+    addInterface("1-1:1.0", 8);
+    addDevice("1-2", 3);
+    addInterface("1-2:1.0", 3, {"0003:046D:C31C.0001/input"});
+    addEntry("usb1", "devspec=/soc/ssusb@a800000");
+    writeFile("/sys/devices/platform/soc/a800000.ssusb/mode", "host");
+    for (const std::string supply : {"usb", "dc"}) {
+        writeFile("/sys/class/power_supply/" + supply + "/online", supply == "dc" ? "1" : "0");
+    }
+    DeviceInfo adapter = usbDevice(1002, {3, 8, 6}, 6121, 10);
+    adapter.deviceClass = 8;
+    const DeviceInfo keyboard = usbDevice(1003, {3}), keys = inputDevice(1000006, 0x101);
+    const DeviceInfo mouseWithKeys = inputDevice(1000007, 0x2102, 7000, 5734);
+    for (const DeviceInfo& device : {adapter, keyboard, keys, mouseWithKeys}) {
+        EXPECT_FALSE(isAllowed(device));
+    }
+    deviceList();
+    service_->resetUsbDevices(10);
+    service_->resetUsbDevices(0);
+    for (const DeviceInfo& device : {adapter, mouseWithKeys}) remove(device);
+    service_->updateDeviceList(adapter, 1);
+    service_->updateDeviceList(mouseWithKeys, -1);
+    for (int i = 0; i < 3; ++i) service_->unregisterKusCallback(client_);
+    expectGolden(takeLogText(), "log.txt");
+}
+
+TEST_F(Golden, ListsInputDevicesBeforeUsbDevices) {
     EXPECT_EQ(dump(), "USB DEVICE INFO ");
     EXPECT_EQ(dump({"x", "test"}), "");
     EXPECT_THAT(takeLog(), Contains("I args[0] isx"));
@@ -55,12 +106,12 @@ TEST_F(DumpTest, ListsInputDevicesBeforeUsbDevices) {
     mUsbDeviceInfoList[7] = std::make_unique<DeviceInfo>(usbDevice(7, {}));
     isAllowed(inputDevice(1000001, 0x2302));
     takeLog();
-    EXPECT_EQ(dump(), golden("device_dump.txt"));
-    EXPECT_EQ(logText(), golden("device_dump_log.txt"));
+    expectGolden(dump(), "device_dump.txt");
+    expectGolden(takeLogText(), "device_dump_log.txt");
 }
 
 // The entries are given in this order because that of a directory is the file system's.
-TEST_F(DumpTest, PrintsTheTopologyToTheByte) {
+TEST_F(Golden, PrintsTheTopologyToTheByte) {
     addDevice("1-1", 2, 0x0424, 0x2514);
     addInterface("1-1:1.0", 9);
     addDevice("1-1.3", 5, 0x046d, 0xc31c);
@@ -80,23 +131,23 @@ TEST_F(DumpTest, PrintsTheTopologyToTheByte) {
     UsbDevice::print_tree(file.fd);
     UsbDevice::print_interfacelist(file.fd);
     UsbDevice::print_deviceid_map(file.fd);
-    EXPECT_EQ(readFile(file.path), golden("topology_dump.txt"));
-    EXPECT_EQ(logText(), golden("topology_dump_log.txt"));
+    expectGolden(readFile(file.path), "topology_dump.txt");
+    expectGolden(takeLogText(), "topology_dump_log.txt");
 }
 
 // "Entered while" names each file of an interface, in the file system's order: they have one each.
-TEST_F(DumpTest, TraceTellsEveryStepOfAScan) {
+TEST_F(Golden, TraceTellsEveryStepOfAScan) {
     addDevice("1-1.3", 4);
     for (const char* directory :
          {"1-1.3:1.0/net/usb0", "1-1.3:1.1/tty/ttyACM0", "1-1.3:1.2/0003:1:2.3/input"}) {
-        std::filesystem::create_directories(sysfsPath(directory, ""));
+        fs::create_directories(sysfsPath(directory, ""));
     }
     UsbDevice::verbose_trace = true;
     scan("usb2 1-1 1-1.2 1-1.3 1-1.3:1.0 1-1.3:1.1 1-1.3:1.2 2-0:0.0");
-    EXPECT_EQ(logText(), golden("scan_trace.txt"));
+    expectGolden(takeLogText(), "scan_trace.txt");
 }
 
-TEST_F(DumpTest, TheTopologyIsScannedAnewAndPrintedOnRequest) {
+TEST_F(Golden, TheTopologyIsScannedAnewAndPrintedOnRequest) {
     EXPECT_EQ(dump({"test"}), kNoTopology);
     addDevice("1-2", 4);
     addInterface("1-2:1.0", 8);
@@ -109,7 +160,7 @@ TEST_F(DumpTest, TheTopologyIsScannedAnewAndPrintedOnRequest) {
     EXPECT_THAT(takeLog(), Contains(StartsWith("I dump_print_test called ")));
 }
 
-TEST_F(DumpTest, WithoutADescriptorForItsMemoryADumpIsPrintedStraight) {
+TEST_F(Golden, WithoutADescriptorForItsMemoryADumpIsPrintedStraight) {
     TemporaryFile file;
     rlimit before;
     getrlimit(RLIMIT_NOFILE, &before);
@@ -131,7 +182,7 @@ struct StalledReader {
 };
 
 // As many as there are binder threads, and more.
-TEST_F(DumpTest, StalledReadersStopNobodyAndAreGivenUp) {
+TEST_F(Golden, StalledReadersStopNobodyAndAreGivenUp) {
     addDevice("1-2", 4);
     for (int i = 0; i < 40; ++i) addInterface("1-2:1." + std::to_string(i), 8);
     const StalledReader readers[25];
