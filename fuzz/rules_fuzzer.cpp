@@ -103,7 +103,7 @@ void check() {
 }
 
 /** An edit of accepted rules gives accepted ones, touches no other device, and is done once. */
-void edit(const std::string& text, bool allow, const Subject& subject, const Device& device) {
+void edit(const std::string& text, bool allow, const Subject& subject, const DeviceFacts& device) {
     const Edit edited = editRules(text, allow, subject);
     if (!edited.problem.empty()) {
         CHECK_EQ(edited.text, text);
@@ -130,15 +130,11 @@ void edit(const std::string& text, bool allow, const Subject& subject, const Dev
 }
 
 void edit(const std::string& text) {
-    Device product, printer;
-    product.vendorId = 1155;
-    product.productId = 22336;
-    product.interfaceClassList = {-1};
-    printer.interfaceClassList = {7};
+    const Subject product = {{}, 1155, 22336}, vendor = {{}, 1155}, printer = {7};
     for (const bool allow : {true, false}) {
-        edit(text, allow, {{}, 1155, 22336}, product);
-        edit(text, allow, {{}, 1155, kUnknownId}, product);
-        edit(text, allow, {7, kUnknownId, kUnknownId}, printer);
+        edit(text, allow, product, sampleOf(product));
+        edit(text, allow, vendor, sampleOf(product));
+        edit(text, allow, printer, sampleOf(printer));
     }
 }
 
@@ -149,7 +145,7 @@ auto load(const char* path) {
                       lastWholeVendor);
 }
 
-bool evaluate(const Device& device, const std::string& mode) {
+bool evaluate(const DeviceFacts& device, const std::string& mode) {
     std::string reason;
     const bool allowed = evaluateRules(device, mode, &reason);
     CHECK(!reason.empty());
@@ -164,8 +160,8 @@ void expectConsistentTables(const std::string& text) {
     }
     Rules rules;
     rules.parse(text);
-    const Device unnamed = rules.samples().front();
-    for (const Device& device : rules.samples()) {
+    const DeviceFacts unnamed = sampleOf({});
+    for (const DeviceFacts& device : rules.samples()) {
         const bool allowed = evaluate(device, "whitelist");
         CHECK_EQ(evaluate(device, "blacklist"), !allowed);
         CHECK(evaluate(device, "default"));

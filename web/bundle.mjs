@@ -31,14 +31,15 @@ const made = (modules) => ({
   },
 });
 
-async function bundle(entry, modules, loader) {
+async function bundle(entry, modules = {}) {
   const { outputFiles } = await esbuild.build({
     entryPoints: [join(here, entry)],
     nodePaths: [join(out, 'node_modules')],
     bundle: true,
     minify: true,
     write: false,
-    format: loader ? undefined : 'iife',
+    format: 'iife',
+    loader: { '.xml': 'text' },
     target: ['chrome110', 'firefox115', 'safari16.4'],
     // A script's end inside a script would end the page's.
     supported: { 'inline-script': false },
@@ -56,7 +57,7 @@ const script = await bundle('src/main.js', {
   'worker-source': { contents: worker, loader: 'text' },
   'usb.ids.gz': { contents: usbIds(), loader: 'binary' },
 });
-const style = await bundle('style.css', {}, 'css');
+const style = await bundle('style.css');
 
 const hash = (text) => `'sha256-${createHash('sha256').update(text).digest('base64')}'`;
 // The editor makes a style element as it starts, which no hash can foresee.

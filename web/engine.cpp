@@ -103,7 +103,7 @@ EXPORT const char* crash() { return give(toJson(crashVerdict(reviewRules(text)))
 /** `codes` are interface classes, or input sources where `input` is true. */
 EXPORT const char* decide(bool input, int vendor, int product, int32_t* codes, size_t count,
                           bool vendorHid) {
-    Device device;
+    DeviceFacts device;
     device.deviceType = input;
     device.vendorId = vendor;
     device.productId = product;

@@ -61,6 +61,12 @@ TEST_F(KusctlTest, ListsWhatIsRecordedAndWhy) {
     EXPECT_THAT(onTerminal("NO_COLOR= kusctl list"), Not(HasSubstr("\033")));
 }
 
+TEST_F(KusctlTest, ClearsItsProgressBeforeAnotherLine) {
+    writeFile("/tmp/devices", std::string(4096, '\n') + "[");
+    EXPECT_THAT(onTerminal("kusctl check --devices /tmp/devices >/tmp/answers"),
+                HasSubstr("4096 lines\r\033[Kkusctl check: /tmp/devices: line 4097 is no device"));
+}
+
 TEST_F(KusctlTest, GeneratesRulesThatAllowWhatIsAttached) {
     const Plugged stick("stick", kStick), keyboard("a--keyboard-", kKeyboard);
     EXPECT_EQ(stick.decision().status, 1);
@@ -195,6 +201,16 @@ TEST_F(KusctlTest, ApplyLeavesTheRulesAloneWhereTheyWouldBeRefusedOrLockOut) {
         EXPECT_THAT(apply("whitelist", rules), AllOf(HasSubstr(message), EndsWith("status 1")));
         EXPECT_EQ(contentOf(configFilePath), before);
     }
+}
+
+TEST_F(KusctlTest, ApplyHasAppliedTheRulesWhereTheServiceManagerDiesThereafter) {
+    const std::string text = rulesText("whitelist", "<class>AINPUT_SOURCE_KEYBOARD</class>");
+    writeFile("/tmp/new.xml", text);
+    Process applied({"sh", "-c", "exec kusctl apply --force /tmp/new.xml 2>&1"});
+    EXPECT_TRUE(eventually([&] { return contentOf(backupFilePath) == base::Trim(text); }));
+    kill(stoi(shell("services pid servicemanager")), SIGKILL);
+    EXPECT_EQ(applied.exitStatus(), 0);
+    EXPECT_TRUE(eventually([] { return shell("kusctl list >&2; echo $?") == "0"; }));
 }
 
 TEST_F(KusctlTest, ApplyLeavesOneOfTheTwoFilesWhereverItIsKilled) {

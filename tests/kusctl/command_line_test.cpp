@@ -100,4 +100,9 @@ TEST(CommandLineTest, ClientsOfTheServiceFailWithoutABinderDriver) {
     }
 }
 
+TEST(CommandLineTest, WatchRunsNoDirectory) {
+    EXPECT_EQ(runKusctl("watch --exec /"),
+              (Result{1, "", "kusctl watch: cannot run '/': Permission denied\n"}));
+}
+
 }  // namespace

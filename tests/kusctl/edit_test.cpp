@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include <array>
 #include <filesystem>
@@ -140,6 +141,42 @@ TEST(EditTest, ReplacesTheFileBehindALinkAndKeepsItsMode) {
     EXPECT_EQ(filesHere(), (Files{{"a.xml", edited}, {"link.xml", edited}, {"old.xml", kRules}}));
     EXPECT_TRUE(fs::is_symlink("link.xml"));
     EXPECT_EQ(fs::status("a.xml").permissions(), fs::perms(0640));
+}
+
+TEST(EditTest, LeavesTheDevicesOwnFileToApply) {
+    const std::string own = "usb_device_config.xml";
+    const struct {
+        Files files;
+        std::string arguments;
+    } edits[] = {
+        {{{own, kRules}}, ""},
+        {{{own, kRules}}, "--rules usb_device_config.xml"},
+        {{{own, kRules}, {"a.xml", kRules}}, "--rules a.xml --output usb_device_config.xml"},
+        {{{"a.xml", kRules}}, "--rules a.xml --output usb_device_config.xml"},
+    };
+    for (const auto& [files, arguments] : edits) {
+        SCOPED_TRACE(arguments);
+        const Result result = runKusctl(files, "block --input mouse " + arguments);
+        EXPECT_EQ(result,
+                  (Result{1, result.out,
+                          "kusctl apply: there is no /dev/binder: this asks the service, on a "
+                          "device\n"}));
+        EXPECT_EQ(result.out.find("now refused"), std::string::npos) << result.out;
+        EXPECT_EQ(filesHere(), files);
+    }
+}
+
+TEST(EditTest, KeepsWhatIsEditedAtTheSameTime) {
+    enterDevicesFolder({{"a.xml", kBlacklist}});
+    EXPECT_EQ(system("for vendor in 1 2 3 4 5 6; do\n" KUSCTL_PATH
+                     " block --rules a.xml --vendor $vendor >/dev/null &\ndone\nwait"),
+              0);
+    const Files files = filesHere();
+    EXPECT_EQ(files.size(), 1u);
+    for (const char vendor : std::string("123456")) {
+        const std::string rule = std::string("<vid vendorid=\"") + vendor + "\"/>";
+        EXPECT_NE(files.at("a.xml").find(rule), std::string::npos) << rule;
+    }
 }
 
 }  // namespace

@@ -167,6 +167,7 @@ Bus 001 Device 005: ID 04b8:0005 Seiko Epson Corp. Printer
 const LISTED = `$ kusctl watch --json
 {"event":"added","device":{"kind":"usb","name":"dock","vendor":6127,"product":12,"classes":["audio","0x42"]}}
 {"event":"service-died"}
+{"kind":"input","name":"odd","vendor":1,"product":2,"classes":[]}
 {"vendor":5000000000,"product":1,"classes":["audio"]}
 {"kind":"usb","name":"cut`;
 
@@ -223,7 +224,8 @@ testPage('The way of a user', async (page) => {
     await expectAnswer(page, name, answer);
   }
   await expectAnswer(page, 'USB Keyboard', 'input path');
-  await page.locator('#announce').getByText("line 4: 'vendor' is no number of 32 bits line 5: no JSON").waitFor();
+  await expectAnswer(page, 'odd', 'refused');
+  await page.locator('#announce').getByText("line 5: 'vendor' is no number of 32 bits line 6: no JSON").waitFor();
   await page.click('#own');
   const field = (label) => page.getByLabel(label, { exact: true });
   await field('Name').fill('amplifier');
@@ -233,7 +235,7 @@ testPage('The way of a user', async (page) => {
   await page.click('#own-add');
   await page.locator('#own-error').getByText('0 to 65535').waitFor();
   await field('Vendor').fill('0x46d');
-  await page.click('#own-add');
+  await press(page, 'Enter');
   await expectAnswer(page, 'amplifier', 'allowed');
 
   // The smallest change, and the file's line ends

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/inotify.h>
@@ -52,7 +53,6 @@ they were rewritten by somebody else, or there was no answer within 30 seconds.
 constexpr int kUnconfirmed = 3;
 
 constexpr char kRulesName[] = "usb_device_config.xml";
-constexpr char kNewRulesName[] = "usb_device_config.xml.new";
 constexpr char kBackupName[] = "usb_device_config_backup.xml";
 
 constexpr auto kDaemonsPatience = 30s;
@@ -76,16 +76,8 @@ Arguments parseArguments(int argc, char** argv) {
     return arguments;
 }
 
-/** Prints what 'kusctl lint' does. */
-bool lint(std::string path) {
-    char name[] = "lint", end[] = "--";
-    char* argv[] = {name, end, path.data(), nullptr};
-    optind = 1;
-    return kLintCommand.run(3, argv) == kYes;
-}
-
 std::string describe(const DeviceInfo& device) {
-    return printable(device.deviceName) + " (" + (device.deviceType == 0 ? "usb " : "input ") +
+    return printable(device.deviceName) + " (" + kindName(device.deviceType) + " " +
            std::to_string(device.deviceId) + ", " + std::to_string(device.vendorId) + ":" +
            std::to_string(device.productId) + ")";
 }
@@ -107,7 +99,7 @@ struct Prospect {
 std::vector<Prospect> prospectsOf(const std::vector<DeviceInfo>& devices, Rules* rules) {
     std::vector<Prospect> prospects;
     for (const DeviceInfo& device : devices) {
-        const Answer answer = rules->decide(toDevice(device));
+        const Answer answer = rules->decide(factsOf(device));
         prospects.push_back({device, answer.allowed, answer.reason});
     }
     return prospects;
@@ -225,12 +217,6 @@ class VerdictWatch {
     const unique_fd inotify_;
 };
 
-[[noreturn]] void failToWrite(const char* what) {
-    const int error = errno;
-    unlink((std::string(configDirectory) + "/" + kNewRulesName).c_str());
-    fail(std::string("cannot ") + what + ": " + strerror(error) + ". The rules are as they were");
-}
-
 /** Keeps any other 'kusctl apply' out for as long as the descriptor is open. */
 unique_fd lockDirectory() {
     unique_fd directory(open(configDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -241,30 +227,14 @@ unique_fd lockDirectory() {
     return directory;
 }
 
-/**
- * There is no moment at which the rules file is neither the old nor the new one. A rename alone is
- * not noticed by the daemon; but the file is closed after it, be it by the end of this process, and
- * that makes an event under the name that it has then (inotify(7)).
- */
 void replaceRules(const unique_fd& directory, const std::string& text) {
     struct stat old;
-    const bool replaces = fstatat(directory.get(), kRulesName, &old, AT_SYMLINK_NOFOLLOW) == 0;
-    if (replaces && !S_ISREG(old.st_mode)) {
+    if (lstat(configFilePath, &old) == 0 && !S_ISREG(old.st_mode)) {
         fail(std::string(configFilePath) + " is no regular file: put one there");
     }
-    const unique_fd file(openat(directory.get(), kNewRulesName,
-                                O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!file.ok()) failToWrite("make a file beside the rules file");
-    // The daemon keeps others from the file while it restores it, which only its owner may.
-    if (replaces && (fchown(file.get(), old.st_uid, old.st_gid) != 0 ||
-                     fchmod(file.get(), old.st_mode & 07777) != 0)) {
-        failToWrite("give the new rules file the owner of the old one");
-    }
-    if (!base::WriteStringToFd(text, file.get()) || fsync(file.get()) != 0) {
-        failToWrite("write the rules");
-    }
-    if (renameat(directory.get(), kNewRulesName, directory.get(), kRulesName) != 0) {
-        failToWrite("replace the rules file");
+    const std::string problem = replaceFile(configFilePath, text);
+    if (!problem.empty()) {
+        fail("cannot replace the rules file: " + problem + ". The rules are as they were");
     }
     fsync(directory.get());
 }
@@ -352,18 +322,13 @@ int run(int argc, char** argv) {
     if (const std::string reason = readRulesFile(arguments.path, &text); !reason.empty()) {
         fail(arguments.path + ": " + reason);
     }
-    // What is read once more may be another text: it is this one's verdict that counts.
-    const bool accepted = lint(arguments.path);
+    const bool accepted = printLint(arguments.path, text);
     fflush(stdout);
-    if (!accepted || judgeText(text).outcome != Verdict::Outcome::kAccepted) {
-        fail("the daemon would not take these rules: not applied");
-    }
+    if (!accepted) fail("the daemon would not take these rules: not applied");
     Rules rules;
     rules.parse(text);
 
-    std::vector<DeviceInfo> devices;
-    expectOk(connectToService()->getDeviceList(&devices));
-    const std::vector<Prospect> prospects = prospectsOf(devices, &rules);
+    const std::vector<Prospect> prospects = prospectsOf(recordedDevices(), &rules);
     printVendors(&rules, arguments.path);
     printProspects(prospects);
     if (!leaveInputDevices(prospects) && !arguments.force) {

@@ -23,8 +23,8 @@ daemon has to run. Exit status: 0 allowed, 1 refused or failed, 2 wrong use.
   --class C      class of each interface of the device: USB_CLASS_MASS_STORAGE, mass_storage,
                  8 or 0x08
   --input SOURCE what an input device is: AINPUT_SOURCE_KEYBOARD, keyboard or 0x100
-  --devices FILE decides on devices, JSON objects, one a line, as 'kusctl list' and 'kusctl watch'
-                 print them; "-" for the standard input
+  --devices FILE decides on devices, JSON objects, one a line, as 'kusctl list --json' and 'kusctl
+                 watch --json' print them; "-" for the standard input
   --vendor-hid   the device has a vendor-specific HID interface
   --verbose      prints the daemon's log lines of the decision to standard error
   --json         prints an object instead of text
@@ -43,7 +43,7 @@ taken these rules.
 
 struct Question {
     std::string rules = configFilePath;
-    Device device;
+    DeviceFacts device;
     /** Path of a list to decide on instead of the device, or empty. */
     std::string devices;
     bool verbose = false;
@@ -52,7 +52,7 @@ struct Question {
 
 Question parseArguments(int argc, char** argv) {
     Question question;
-    Device& device = question.device;
+    DeviceFacts& device = question.device;
     parseOptions(
         argc, argv,
         {{"rules", &question.rules},
@@ -73,7 +73,7 @@ Question parseArguments(int argc, char** argv) {
 }
 
 void expectComplete(const Question& question) {
-    const Device& device = question.device;
+    const DeviceFacts& device = question.device;
     const bool vendor = device.vendorId != kUnknownId, product = device.productId != kUnknownId;
     if (!question.devices.empty()) {
         if (vendor || product || device.deviceType != 0 || !device.interfaceClassList.empty() ||
@@ -115,12 +115,9 @@ void printAsJson(const Question& question, const std::string& mode, const Answer
     value["mode"] = mode;
     value["reason"] = reasonText(answer);
     value["rules"] = question.rules;
-    value["lines"] = Json::arrayValue;
-    for (const int line : answer.lines) value["lines"].append(line);
-    value["warnings"] = Json::arrayValue;
-    for (const Warning& warning : answer.warnings) value["warnings"].append(withCure(warning));
-    value["wouldBeAllowedBy"] = Json::arrayValue;
-    for (const std::string& remedy : answer.remedies) value["wouldBeAllowedBy"].append(remedy);
+    value["lines"] = toArray(answer.lines);
+    value["warnings"] = toArray(answer.warnings, withCure);
+    value["wouldBeAllowedBy"] = toArray(answer.remedies);
     puts(jsonText(value).c_str());
 }
 
@@ -166,28 +163,6 @@ int run(int argc, char** argv) {
 }
 
 }  // namespace
-
-std::string rulesText(const std::string& path) {
-    std::string text;
-    if (const std::string reason = readRulesFile(path, &text); !reason.empty()) {
-        const char* hint = path == configFilePath ? " (--rules names another file)" : "";
-        fail(path + ": " + reason + hint);
-    }
-    return text;
-}
-
-Rules loadRules(const std::string& path) { return loadRules(path, rulesText(path)); }
-
-Rules loadRules(const std::string& path, const std::string& text) {
-    const Verdict verdict = judgeText(text);
-    if (verdict.outcome != Verdict::Outcome::kAccepted) {
-        fail(path + ": the device would not take these rules: " + verdict.status +
-             " (see 'kusctl lint " + path + "')");
-    }
-    Rules rules;
-    rules.parse(text);
-    return rules;
-}
 
 const Command kCheckCommand = {"check", "would a device be allowed, and why", kHelp, run};
 

@@ -40,11 +40,6 @@ std::string refusal(const std::string& last, const std::vector<option>& options)
     return std::string("-") + static_cast<char>(optopt) + " is not known";
 }
 
-constexpr uint32_t kMaxId = 0xFFFF;
-constexpr int32_t kMaxUsbClass = 0xFF;
-constexpr char kUsbClassPrefix[] = "USB_CLASS_";
-constexpr char kInputSourcePrefix[] = "AINPUT_SOURCE_";
-
 std::string shortNames(const std::string& prefix) {
     std::vector<std::string> names;
     for (const ClassName& row : classNameTable) {
@@ -129,9 +124,10 @@ int runCommand(const Command& command, int argc, char** argv) {
 }
 
 int32_t parseId(const std::string& what, const std::string& text) {
+    constexpr uint32_t kMax = kMaxUsbId;
     uint32_t id;
-    if (!base::ParseUint(text, &id, kMaxId)) {
-        if (base::ParseUint("0x" + text, &id, kMaxId)) {
+    if (!base::ParseUint(text, &id, kMax)) {
+        if (base::ParseUint("0x" + text, &id, kMax)) {
             wrongUse(what + " '" + text + "' is hexadecimal: write 0x" + text);
         }
         wrongUse(what + " '" + text + "' is no number from 0 to 65535 (0x... when hexadecimal)");

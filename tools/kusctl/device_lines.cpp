@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <ctype.h>
 #include <errno.h>
+#include <inttypes.h>
+#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <memory>
@@ -210,7 +212,7 @@ class LineParser {
     }
 
     bool parseMember(string_view key) {
-        Device& device = result_->device;
+        DeviceFacts& device = result_->device;
         if (key == "vendor") return vendor_ = expect(json_.integer(&device.vendorId), "vendor");
         if (key == "product") return product_ = expect(json_.integer(&device.productId), "product");
         if (key == "name" && !json_.isAt('n')) return expect(json_.string(&result_->name), "name");
@@ -237,7 +239,7 @@ class LineParser {
     }
 
     std::string resolve() {
-        Device& device = result_->device;
+        DeviceFacts& device = result_->device;
         if (kind_ != "" && kind_ != "usb" && kind_ != "input") {
             return "a \"kind\" that is neither \"usb\" nor \"input\"";
         }
@@ -271,7 +273,10 @@ class LineParser {
 class Progress {
   public:
     explicit Progress(bool wanted) : shown_(wanted && isatty(STDERR_FILENO)) {}
-    ~Progress() {
+    ~Progress() { clear(); }
+
+    /** Before another line goes to the terminal. */
+    void clear() {
         if (shown_) fputs("\r\033[K", stderr);
     }
 
@@ -280,7 +285,7 @@ class Progress {
         const auto now = std::chrono::steady_clock::now();
         if (now - last_ < kProgressInterval) return;
         last_ = now;
-        fprintf(stderr, "\r%llu lines", static_cast<unsigned long long>(line));
+        fprintf(stderr, "\r%" PRIu64 " lines", line);
     }
 
   private:
@@ -313,6 +318,7 @@ DeviceCounts forEachDevice(const std::string& path, bool showProgress,
         const std::string problem = whole ? parser.parse() : "longer than 1 MiB";
         if (!problem.empty()) {
             ++counts.others;
+            progress.clear();
             note((standardInput ? "" : path + ": ") + "line " + std::to_string(number) +
                  " is no device: " + problem);
         } else if (!parser.passedOver()) {
@@ -320,7 +326,11 @@ DeviceCounts forEachDevice(const std::string& path, bool showProgress,
             take(device);
         }
     }
-    if (ferror(file.get())) fail(path + ": " + strerror(errno));
+    if (ferror(file.get())) {
+        const int error = errno;
+        progress.clear();
+        fail(path + ": " + strerror(error));
+    }
     return counts;
 }
 

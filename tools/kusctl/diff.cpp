@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/strings.h>
+#include <inttypes.h>
+#include <stdio.h>
 
 #include <algorithm>
 #include <map>
@@ -15,9 +17,9 @@ Tells what a change of the rules would change: which devices NEW decides on othe
 by which lines. Without a list of devices it tells so for each class, vendor and product that either
 file names. Exit status: 0 nothing changes, 1 something changes or it failed, 2 wrong use.
 
-  --devices FILE  devices to decide on, JSON objects, one a line, as 'kusctl list' and 'kusctl
-                  watch' print them; "-" for the standard input. Devices that differ in their ids or
-                  classes are told apart, and counted
+  --devices FILE  devices to decide on, JSON objects, one a line, as 'kusctl list --json' and
+                  'kusctl watch --json' print them; "-" for the standard input. Devices that differ
+                  in their ids or classes are told apart, and counted
   --json          prints an object instead of text
 
 A list may be of any length: no more is kept of it than the first 10000 kinds of devices that
@@ -27,7 +29,7 @@ the rest is done, and the exit status is 1. Needed of a line are "vendor", "prod
 interfaces alone counts as a vendor-specific HID, as the service records no other.
 )";
 
-constexpr size_t kMostKinds = 10000;
+constexpr size_t kMostGroups = 10000;
 constexpr size_t kLongestName = 100;
 
 struct Difference {
@@ -47,7 +49,7 @@ struct Report {
 };
 
 /** What a decision looks at, in the order of the ids. */
-std::string kindOf(const Device& device) {
+std::string keyOf(const DeviceFacts& device) {
     std::string key;
     const auto append = [&](int32_t number) {
         for (const int shift : {24, 16, 8, 0}) key += static_cast<char>(number >> shift);
@@ -65,7 +67,7 @@ std::string withName(const std::string& text, const std::string& name) {
 }
 
 /** What a sample stands for: see changesBetween. */
-std::string describeSample(const Device& device, const Rules& before, const Rules& after) {
+std::string describeSample(const DeviceFacts& device, const Rules& before, const Rules& after) {
     const std::string vendor = std::to_string(device.vendorId);
     const std::string vendorName = usbName(device.vendorId, kUnknownId);
     if (device.productId != kUnknownId) {
@@ -80,7 +82,7 @@ std::string describeSample(const Device& device, const Rules& before, const Rule
         return (others ? "any other product of vendor " : "any product of vendor ") +
                withName(vendor, vendorName) + ", keyboards and mice too";
     }
-    if (device.deviceType == 0 && device.interfaceClassList[0] < 0) {
+    if (device.deviceType == 0 && device.interfaceClassList[0] == kUnnamedClass) {
         return "any device that no rule names";
     }
     return classNames(device)[0];
@@ -97,25 +99,25 @@ Report compareByRules(Rules* before, Rules* after) {
 
 Report compareDevices(Rules* before, Rules* after, const std::string& path) {
     Report report;
-    std::map<std::string, Difference> kinds;
+    std::map<std::string, Difference> groups;
     std::string reason;
     report.counts = forEachDevice(path, /*showProgress=*/true, [&](const DeviceLine& line) {
         const bool allowed = after->allows(line.device, &reason);
         if (before->allows(line.device, &reason) == allowed) return;
         ++(allowed ? report.allowed : report.refused);
-        std::string kind = kindOf(line.device);
-        auto known = kinds.find(kind);
-        if (known == kinds.end()) {
-            if (kinds.size() == kMostKinds) {
+        std::string key = keyOf(line.device);
+        auto known = groups.find(key);
+        if (known == groups.end()) {
+            if (groups.size() == kMostGroups) {
                 ++(allowed ? report.furtherAllowed : report.furtherRefused);
                 return;
             }
-            known = kinds.emplace(std::move(kind), Difference{{line.device, {}, {}}, 0, ""}).first;
+            known = groups.emplace(std::move(key), Difference{{line.device, {}, {}}, 0, ""}).first;
             known->second.name = unescaped(line.name).substr(0, kLongestName);
         }
         ++known->second.count;
     });
-    for (auto& [kind, difference] : kinds) {
+    for (auto& [key, difference] : groups) {
         Change& change = difference.change;
         change.before = before->decide(change.device);
         change.after = after->decide(change.device);
@@ -127,7 +129,7 @@ Report compareDevices(Rules* before, Rules* after, const std::string& path) {
 }
 
 std::string describeDevice(const Difference& difference) {
-    const Device& device = difference.change.device;
+    const DeviceFacts& device = difference.change.device;
     const std::string name =
         difference.name.empty() ? usbName(device.vendorId, device.productId) : difference.name;
     return std::to_string(difference.count) + " of " + std::to_string(device.vendorId) + ":" +
@@ -160,44 +162,37 @@ void printText(const Report& report, bool byDevices, const std::string& before,
         return;
     }
     if (report.furtherAllowed + report.furtherRefused > 0) {
-        printf("of further kinds: %llu now allowed, %llu now refused\n",
-               static_cast<unsigned long long>(report.furtherAllowed),
-               static_cast<unsigned long long>(report.furtherRefused));
+        printf("of further kinds: %" PRIu64 " now allowed, %" PRIu64 " now refused\n",
+               report.furtherAllowed, report.furtherRefused);
     }
-    printf(
-        "%llu devices: %llu now allowed, %llu now refused, %llu as before\n",
-        static_cast<unsigned long long>(report.counts.devices),
-        static_cast<unsigned long long>(report.allowed),
-        static_cast<unsigned long long>(report.refused),
-        static_cast<unsigned long long>(report.counts.devices - report.allowed - report.refused));
+    printf("%" PRIu64 " devices: %" PRIu64 " now allowed, %" PRIu64 " now refused, %" PRIu64
+           " as before\n",
+           report.counts.devices, report.allowed, report.refused,
+           report.counts.devices - report.allowed - report.refused);
 }
 
 Json::Value toJson(const Answer& answer) {
     Json::Value value;
     value["allowed"] = answer.allowed;
     value["reason"] = answer.reason;
-    value["lines"] = Json::arrayValue;
-    for (const int line : answer.lines) value["lines"].append(line);
+    value["lines"] = toArray(answer.lines);
     return value;
 }
 
 Json::Value toJson(const Difference& difference) {
-    const Device& device = difference.change.device;
+    const DeviceFacts& device = difference.change.device;
     Json::Value value;
     if (difference.count == 0) {
         value["what"] = difference.name;
     } else {
         value["count"] = Json::UInt64(difference.count);
         value["name"] = difference.name;
-        value["kind"] = device.deviceType == 0 ? "usb" : "input";
+        value["kind"] = kindName(device.deviceType);
     }
     if (device.vendorId != kUnknownId) value["vendor"] = device.vendorId;
     if (device.productId != kUnknownId) value["product"] = device.productId;
-    value["classes"] = Json::arrayValue;
-    const bool sampleOfNone = device.interfaceClassList == std::vector<int32_t>{-1};
-    if (!sampleOfNone) {
-        for (const std::string& name : classNames(device)) value["classes"].append(name);
-    }
+    const bool sampleOfNone = device.interfaceClassList == std::vector<int32_t>{kUnnamedClass};
+    value["classes"] = sampleOfNone ? Json::arrayValue : toArray(classNames(device));
     value["old"] = toJson(difference.change.before);
     value["new"] = toJson(difference.change.after);
     return value;
@@ -205,10 +200,7 @@ Json::Value toJson(const Difference& difference) {
 
 void printAsJson(const Report& report, bool byDevices) {
     Json::Value value;
-    value["changes"] = Json::arrayValue;
-    for (const Difference& difference : report.differences) {
-        value["changes"].append(toJson(difference));
-    }
+    value["changes"] = toArray(report.differences, [](const auto& each) { return toJson(each); });
     if (byDevices) {
         value["devices"] = Json::UInt64(report.counts.devices);
         value["nowAllowed"] = Json::UInt64(report.allowed);

@@ -2,6 +2,7 @@
 #include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <errno.h>
+#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 #include <utils/Vector.h>

@@ -3,10 +3,11 @@
 #include <android-base/unique_fd.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <getopt.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <optional>
@@ -50,7 +51,7 @@ struct Request {
     /** Empty for the rules file itself. */
     std::string output;
     Subject subject;
-    std::optional<Device> recorded;
+    std::optional<DeviceFacts> recorded;
 };
 
 int32_t onlyOne(const std::vector<int32_t>& codes) {
@@ -60,14 +61,11 @@ int32_t onlyOne(const std::vector<int32_t>& codes) {
 
 DeviceInfo findRecorded(const char* id) {
     const int32_t number = parseDeviceId(id);
-    std::vector<DeviceInfo> devices;
-    expectOk(connectToService()->getDeviceList(&devices));
+    const std::vector<DeviceInfo> devices = recordedDevices();
     const auto found = std::find_if(devices.begin(), devices.end(), [&](const DeviceInfo& device) {
         return device.deviceId == number;
     });
-    if (found == devices.end()) {
-        fail("no device " + std::to_string(number) + " is recorded: see 'kusctl list'");
-    }
+    if (found == devices.end()) failAsUnrecorded(number);
     return *found;
 }
 
@@ -75,6 +73,13 @@ bool isSameFile(const std::string& a, const std::string& b) {
     struct stat first, second;
     return stat(a.c_str(), &first) == 0 && stat(b.c_str(), &second) == 0 &&
            first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+/** The file that is in force: by whatever path, and even where it is not there yet. */
+bool isDevicesOwn(const std::string& path) {
+    return isSameFile(path, configFilePath) ||
+           (isSameFile(base::Dirname(path), configDirectory) &&
+            base::Basename(path) == base::Basename(configFilePath));
 }
 
 Request parseArguments(int argc, char** argv) {
@@ -113,7 +118,7 @@ Request parseArguments(int argc, char** argv) {
         const DeviceInfo device = findRecorded(id);
         subject.vendor = device.vendorId;
         subject.product = device.productId;
-        request.recorded = toDevice(device);
+        request.recorded = factsOf(device);
     }
     if (subject.classCode && Util::getClassName(*subject.classCode) == " ") {
         wrongUse("no rule can name a class that has no name: name devices by vendor and product");
@@ -137,23 +142,27 @@ void printNewWarnings(const std::string& path, const std::string& before,
     }
 }
 
-void replaceFile(const std::string& path, const std::string& text) {
+/**
+ * Of two edits at once the second waits for as long as the descriptor is open. Nothing is locked
+ * where there is no such file, which whoever reads it tells.
+ */
+base::unique_fd lockFolderOf(const std::string& path) {
     std::string target;
-    struct stat st;
-    if (!base::Realpath(path, &target) || stat(target.c_str(), &st) != 0) {
-        fail(path + ": " + strerror(errno));
+    if (!base::Realpath(path, &target)) return {};
+    const std::string folder = base::Dirname(target);
+    base::unique_fd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd.ok() || flock(fd.get(), LOCK_EX) != 0) {
+        fail("cannot lock " + folder + ": " + strerror(errno));
     }
-    const std::string beside = target + ".new";
-    base::unique_fd fd(
-        open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-    const bool written = fd >= 0 && base::WriteStringToFd(text, fd.get()) &&
-                         fchown(fd.get(), st.st_uid, st.st_gid) == 0 &&
-                         fchmod(fd.get(), st.st_mode & 07777) == 0 && fsync(fd.get()) == 0 &&
-                         rename(beside.c_str(), target.c_str()) == 0;
-    if (written) return;
-    const int error = errno;
-    unlink(beside.c_str());
-    fail(target + ": " + strerror(error));
+    return fd;
+}
+
+/** The file that a link leads to is replaced, not the link. */
+void replaceTarget(const std::string& path, const std::string& text) {
+    std::string target;
+    if (!base::Realpath(path, &target)) fail(path + ": " + strerror(errno));
+    const std::string problem = replaceFile(target, text);
+    if (!problem.empty()) fail(target + ": " + problem);
 }
 
 int apply(const std::string& text) {
@@ -169,6 +178,11 @@ int apply(const std::string& text) {
 
 int edit(int argc, char** argv, bool allow) {
     const Request request = parseArguments(argc, argv);
+    const std::string& path = request.output.empty() ? request.rules : request.output;
+    const bool byApply = isDevicesOwn(path);
+    base::unique_fd lock;
+    if (request.output.empty() && !byApply) lock = lockFolderOf(path);
+
     const std::string text = rulesText(request.rules);
     Rules before = loadRules(request.rules, text);
     const Edit edited = editRules(text, allow, request.subject);
@@ -183,21 +197,21 @@ int edit(int argc, char** argv, bool allow) {
         return kYes;
     }
     const bool changed = edited.text != text;
-    const bool byApply = request.output.empty() && request.rules == configFilePath;
-    const std::string& path = request.output.empty() ? request.rules : request.output;
-    if (!request.output.empty()) {
+    if (byApply && (changed || !request.output.empty())) {
+        if (const int status = apply(edited.text); status != kYes) return status;
+    } else if (!request.output.empty()) {
         if (!base::WriteStringToFile(edited.text, path, /*follow_symlinks=*/true)) {
             fail(path + ": " + strerror(errno));
         }
-    } else if (changed && !byApply) {
-        replaceFile(path, edited.text);
+    } else if (changed) {
+        replaceTarget(path, edited.text);
     }
     if (!printRuleChanges(&before, &after, request.rules, path)) {
         puts(changed ? "every device is decided on as before"
                      : "nothing to do: the rules say so already");
     }
     printNewWarnings(path, text, edited.text);
-    return changed && byApply ? apply(edited.text) : kYes;
+    return kYes;
 }
 
 int runAllow(int argc, char** argv) { return edit(argc, argv, /*allow=*/true); }

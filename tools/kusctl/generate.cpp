@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/strings.h>
+#include <stdio.h>
 
 #include <map>
 #include <set>
@@ -27,7 +28,7 @@ the file in place.
 using Vendors = std::map<int32_t, std::map<int32_t, std::set<std::string>>>;
 
 std::string describe(const DeviceInfo& device) {
-    return nameOf(device) + ": " + base::Join(classNames(toDevice(device)), ", ") +
+    return nameOf(device) + ": " + base::Join(classNames(factsOf(device)), ", ") +
            (device.status != 0 ? ", allowed" : ", refused");
 }
 
@@ -89,17 +90,13 @@ std::vector<DeviceInfo> select(const std::vector<DeviceInfo>& devices, const Opt
                 : options.only.count(device.deviceId) != 0;
         if (wanted) selected.push_back(device);
     }
-    if (!missing.empty()) {
-        fail("no device " + std::to_string(*missing.begin()) + " is recorded: see 'kusctl list'");
-    }
+    if (!missing.empty()) failAsUnrecorded(*missing.begin());
     return selected;
 }
 
 int run(int argc, char** argv) {
     const Options options = parseArguments(argc, argv);
-    std::vector<DeviceInfo> devices;
-    expectOk(connectToService()->getDeviceList(&devices));
-    const Vendors vendors = byVendor(select(devices, options));
+    const Vendors vendors = byVendor(select(recordedDevices(), options));
     if (vendors.empty()) fail("no such device is recorded: attach the devices to be named first");
     printRules(options.mode, vendors);
     return kYes;

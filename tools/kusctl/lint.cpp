@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
+#include <ctype.h>
 #include <stdio.h>
+#include <string.h>
 
 #include <algorithm>
 
@@ -40,13 +42,16 @@ struct FileReport {
     std::vector<Warning> warnings;
 };
 
-FileReport lintFile(const std::string& path) {
-    std::string text;
-    if (const std::string reason = readRulesFile(path, &text); !reason.empty()) {
-        return {path, "unreadable", reason, 0, {}};
-    }
+FileReport lintText(const std::string& path, const std::string& text) {
     const Verdict verdict = judgeText(text);
     return {path, nameOf(verdict.outcome), verdict.status, verdict.line, reviewRules(text)};
+}
+
+FileReport lintFile(const std::string& path) {
+    std::string text;
+    const std::string problem = readRulesFile(path, &text);
+    if (!problem.empty()) return {path, "unreadable", problem, 0, {}};
+    return lintText(path, text);
 }
 
 bool passes(const FileReport& report, bool strict) {
@@ -205,6 +210,12 @@ int run(int argc, char** argv) {
 }
 
 }  // namespace
+
+bool printLint(const std::string& path, const std::string& text) {
+    const FileReport report = lintText(path, text);
+    printText({report});
+    return passes(report, /*strict=*/false);
+}
 
 const Command kLintCommand = {"lint", "check rules files before they reach a device", kHelp, run};
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/strings.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -36,10 +37,10 @@ std::string categoryText(const DeviceInfo& device) {
 
 Row toRow(const DeviceInfo& device) {
     return {std::to_string(device.deviceId),
-            device.deviceType == 0 ? "usb" : "input",
+            kindName(device.deviceType),
             printable(nameOf(device)),
             std::to_string(device.vendorId) + ":" + std::to_string(device.productId),
-            base::Join(classNames(toDevice(device)), ','),
+            base::Join(classNames(factsOf(device)), ','),
             device.status != 0 ? "allowed" : "refused",
             categoryText(device),
             printable(device.reason)};
@@ -82,8 +83,7 @@ int run(int argc, char** argv) {
     parseOptions(argc, argv, {{"json", &json}});
     expectNoArguments(argc, argv);
 
-    std::vector<DeviceInfo> devices;
-    expectOk(connectToService()->getDeviceList(&devices));
+    const std::vector<DeviceInfo> devices = recordedDevices();
     if (json) {
         for (const DeviceInfo& device : devices) puts(jsonText(recordToJson(device), "").c_str());
     } else {

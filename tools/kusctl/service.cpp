@@ -32,12 +32,23 @@ sp<IKUsbService> connectToService() {
 }
 
 sp<IKUsbService> findService() {
-    const sp<IServiceManager> manager = defaultServiceManager();
-    const sp<IBinder> binder = manager->checkService(kServiceName);
-    if (binder == nullptr && IInterface::asBinder(manager)->pingBinder() != OK) {
+    return interface_cast<IKUsbService>(defaultServiceManager()->checkService(kServiceName));
+}
+
+void expectServiceManager() {
+    if (IInterface::asBinder(defaultServiceManager())->pingBinder() != OK) {
         fail("the service manager died, and with it the way to the service: run this again");
     }
-    return interface_cast<IKUsbService>(binder);
+}
+
+std::vector<DeviceInfo> recordedDevices() {
+    std::vector<DeviceInfo> devices;
+    expectOk(connectToService()->getDeviceList(&devices));
+    return devices;
+}
+
+void failAsUnrecorded(int32_t id) {
+    fail("no device " + std::to_string(id) + " is recorded: see 'kusctl list'");
 }
 
 void expectOk(const binder::Status& status) {

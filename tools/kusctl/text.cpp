@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -82,10 +81,10 @@ std::string commentText(const std::string& text) {
     return result;
 }
 
-Device toDevice(const DeviceInfo& device) {
-    Device result;
-    result.deviceId = device.deviceId;
-    result.deviceName = device.deviceName;
+std::string kindName(int32_t deviceType) { return deviceType == 0 ? "usb" : "input"; }
+
+DeviceFacts factsOf(const DeviceInfo& device) {
+    DeviceFacts result;
     result.deviceClass = device.deviceClass;
     result.interfaceClassList = device.interfaceClassList;
     result.vendorId = device.vendorId;
@@ -105,12 +104,11 @@ std::string verdictText(bool allowed) {
 Json::Value identityToJson(const DeviceInfo& device) {
     Json::Value value;
     value["id"] = device.deviceId;
-    value["kind"] = device.deviceType == 0 ? "usb" : "input";
+    value["kind"] = kindName(device.deviceType);
     value["name"] = device.deviceName;
     value["vendor"] = device.vendorId;
     value["product"] = device.productId;
-    value["classes"] = Json::arrayValue;
-    for (const std::string& name : classNames(toDevice(device))) value["classes"].append(name);
+    value["classes"] = toArray(classNames(factsOf(device)));
     return value;
 }
 

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/file.h>
+#include <android-base/stringprintf.h>
 #include <android-base/strings.h>
+#include <ctype.h>
 #include <errno.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <map>
@@ -77,11 +80,7 @@ bool containsAll(const std::string& text, const std::vector<std::string>& words)
     return true;
 }
 
-std::string hexadecimal(int32_t id) {
-    char digits[5];
-    snprintf(digits, sizeof(digits), "%04x", static_cast<unsigned int>(id) & 0xFFFF);
-    return digits;
-}
+std::string hexadecimal(int32_t id) { return base::StringPrintf("%04x", id); }
 
 /** As lsusb writes an id, as rules do, and as options take it: whatever is looked for. */
 std::string spellings(int32_t vendor, int32_t product) {
@@ -92,16 +91,11 @@ std::string spellings(int32_t vendor, int32_t product) {
 }
 
 void printRule(int32_t vendor, int32_t product, const Name& name) {
-    std::string rule = "<vid vendorid=\"" + std::to_string(vendor) + "\"";
     std::string text = hexadecimal(vendor);
-    if (product == kUnknownId) {
-        rule += "/>";
-    } else {
-        rule += "><pid>" + std::to_string(product) + "</pid></vid>";
-        text += ":" + hexadecimal(product);
-    }
+    if (product != kUnknownId) text += ":" + hexadecimal(product);
     text += " " + name.vendor + (name.product.empty() ? "" : ": " + name.product);
-    printf("%-45s <!-- %s -->\n", rule.c_str(), commentText(text).c_str());
+    printf("%-45s <!-- %s -->\n", ruleFor({{}, vendor, product}).c_str(),
+           commentText(text).c_str());
 }
 
 bool printMatches(const Names& names, const std::vector<std::string>& words) {
@@ -136,8 +130,9 @@ int run(int argc, char** argv) {
     }
     const Names names = parseList(text);
     if (names.empty()) fail(path + ": no list of USB ids");
-    if (!printMatches(names, words))
+    if (!printMatches(names, words)) {
         fail("no vendor or product has '" + base::Join(words, ' ') + "' in its name or ids");
+    }
     return kYes;
 }
 

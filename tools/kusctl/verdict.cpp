@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -46,6 +47,26 @@ std::string readRulesFile(const std::string& path, std::string* text) {
     if (stat(path.c_str(), &st) != 0) return strerror(errno);
     if (!S_ISREG(st.st_mode)) return "not a regular file";
     return base::ReadFileToString(path, text, /*follow_symlinks=*/true) ? "" : strerror(errno);
+}
+
+// A rename alone is not noticed by the daemon; but the file is closed after it, be it by the end of
+// this process, and that makes an event under the name that it has then (inotify(7)).
+std::string replaceFile(const std::string& path, const std::string& text) {
+    const std::string beside = path + ".new";
+    const unique_fd file(
+        open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+    struct stat old;
+    const bool replaces = stat(path.c_str(), &old) == 0;
+    // The daemon keeps others from its file while it restores it, which only the owner may.
+    const bool replaced = file.ok() &&
+                          (!replaces || (fchown(file.get(), old.st_uid, old.st_gid) == 0 &&
+                                         fchmod(file.get(), old.st_mode & 07777) == 0)) &&
+                          base::WriteStringToFd(text, file.get()) && fsync(file.get()) == 0 &&
+                          rename(beside.c_str(), path.c_str()) == 0;
+    if (replaced) return "";
+    const std::string problem = strerror(errno);
+    unlink(beside.c_str());
+    return problem;
 }
 
 Verdict judgeText(const std::string& text) {

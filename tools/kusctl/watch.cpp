@@ -3,12 +3,16 @@
 #include <android/kus/BnKUsbServiceCallback.h>
 #include <binder/IPCThreadState.h>
 #include <binder/ProcessState.h>
+#include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -76,7 +80,7 @@ std::string toText(const Event& event) {
         std::to_string(device.deviceId) + "  " + std::to_string(device.vendorId) + ":" +
         std::to_string(device.productId) + "  " + printable(device.deviceName);
     if (!event.added()) return "removed  " + identity;
-    return "added    " + identity + "  " + base::Join(classNames(toDevice(device)), ',') + "  " +
+    return "added    " + identity + "  " + base::Join(classNames(factsOf(device)), ',') + "  " +
            verdictText(device.status != 0) + ": " + printable(device.reason);
 }
 
@@ -184,6 +188,14 @@ class Events {
     bool died_ = false;
 };
 
+/** Tells in errno why not. */
+bool isProgram(const std::string& path) {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) return false;
+    errno = EACCES;  // as execve(2) has it of what is no file
+    return S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0;
+}
+
 /** The path of a program that is named like a shell's command. */
 std::string findProgram(const std::string& name) {
     const char* path = getenv("PATH");
@@ -196,7 +208,7 @@ std::string findProgram(const std::string& name) {
     }
     errno = ENOENT;
     for (const std::string& candidate : candidates) {
-        if (access(candidate.c_str(), X_OK) == 0) return candidate;
+        if (isProgram(candidate)) return candidate;
     }
     fail("cannot run '" + name + "': " + strerror(errno));
 }
@@ -325,6 +337,7 @@ int run(int argc, char** argv) {
             }
         }
         if (last && !runner.runs()) return runner.failed() ? kNoOrFailed : kYes;
+        if (!events.registered()) expectServiceManager();
         if (!events.registered() && events.registerAt(findService())) {
             events.add({"service-back"});
         } else {

@@ -42,15 +42,15 @@ class Editor {
     std::string text;
 
   private:
-    std::string addClass(int32_t code);
+    std::string addClass(const Subject& subject);
     std::string addVendor(const Subject& subject);
-    std::string removeClass(int32_t code);
-    std::string removeVendor(const Subject& subject);
+    std::string removeProduct(const Subject& subject);
 
     void mapElements(const XMLElement& element, const std::vector<ElementPlace>& places,
                      size_t* next);
     std::vector<const XMLElement*> rulesNamed(const char* name) const;
-    std::vector<const XMLElement*> rulesFor(int32_t vendor) const;
+    /** Those of the class, or those of the vendor, whatever their products. */
+    std::vector<const XMLElement*> rulesFor(const Subject& subject) const;
 
     /** What stands before the element in its line. */
     std::string indentOf(const ElementPlace& place) const;
@@ -97,43 +97,39 @@ std::vector<const XMLElement*> Editor::rulesNamed(const char* name) const {
     return rules;
 }
 
-std::vector<const XMLElement*> Editor::rulesFor(int32_t vendor) const {
-    std::vector<const XMLElement*> rules = rulesNamed("vid");
-    rules.erase(std::remove_if(rules.begin(), rules.end(),
-                               [&](const XMLElement* rule) {
-                                   return !isId(rule->Attribute("vendorid"), vendor);
-                               }),
-                rules.end());
+std::vector<const XMLElement*> Editor::rulesFor(const Subject& subject) const {
+    std::vector<const XMLElement*> rules = rulesNamed(subject.classCode ? "class" : "vid");
+    const auto isOther = [&](const XMLElement* rule) {
+        if (!subject.classCode) return !isId(rule->Attribute("vendorid"), subject.vendor);
+        return Util::convert(rule->GetText()) != static_cast<uint32_t>(*subject.classCode);
+    };
+    rules.erase(std::remove_if(rules.begin(), rules.end(), isOther), rules.end());
     return rules;
 }
 
 std::string Editor::add(const Subject& subject) {
-    return subject.classCode ? addClass(*subject.classCode) : addVendor(subject);
+    return subject.classCode ? addClass(subject) : addVendor(subject);
 }
 
-std::string Editor::addClass(int32_t code) {
-    if (Util::validateRestrictedClass(code)) {
-        return Util::getClassName(code) +
+std::string Editor::addClass(const Subject& subject) {
+    if (Util::validateRestrictedClass(*subject.classCode)) {
+        return Util::getClassName(*subject.classCode) +
                " is a restricted class, which no rule may name: name the devices by vendor and "
                "product";
     }
+    if (!rulesFor(subject).empty()) return "";
     const std::vector<const XMLElement*> rules = rulesNamed("class");
-    for (const XMLElement* rule : rules) {
-        if (Util::convert(rule->GetText()) == static_cast<uint32_t>(code)) return "";
-    }
-    const std::string added = "<class>" + Util::getClassName(code) + "</class>";
     if (rules.empty()) {
-        insertFirst(*root_, added);
+        insertFirst(*root_, ruleFor(subject));
     } else {
-        insertAfter(*rules.back(), added);
+        insertAfter(*rules.back(), ruleFor(subject));
     }
     return "";
 }
 
 std::string Editor::addVendor(const Subject& subject) {
-    const std::string product = "<pid>" + std::to_string(subject.product) + "</pid>";
     const XMLElement* withProducts = nullptr;
-    for (const XMLElement* rule : rulesFor(subject.vendor)) {
+    for (const XMLElement* rule : rulesFor(subject)) {
         const XMLElement* listed = rule->FirstChildElement("pid");
         if (listed == nullptr) return "";
         for (; listed != nullptr; listed = listed->NextSiblingElement()) {
@@ -142,45 +138,35 @@ std::string Editor::addVendor(const Subject& subject) {
         withProducts = rule;
     }
     if (withProducts != nullptr && subject.product != kUnknownId) {
-        insertAfter(*withProducts->LastChildElement(), product);
+        insertAfter(*withProducts->LastChildElement(),
+                    "<pid>" + std::to_string(subject.product) + "</pid>");
         return "";
     }
-    std::string added = "<vid vendorid=\"" + std::to_string(subject.vendor) + "\"";
-    added += subject.product == kUnknownId ? "/>" : ">" + product + "</vid>";
     if (root_->FirstChildElement() == nullptr) {
-        insertFirst(*root_, added);
+        insertFirst(*root_, ruleFor(subject));
     } else {
         const std::vector<const XMLElement*> vendors = rulesNamed("vid");
-        insertAfter(vendors.empty() ? *root_->LastChildElement() : *vendors.back(), added);
+        insertAfter(vendors.empty() ? *root_->LastChildElement() : *vendors.back(),
+                    ruleFor(subject));
     }
     return "";
 }
 
 std::string Editor::remove(const Subject& subject) {
-    return subject.classCode ? removeClass(*subject.classCode) : removeVendor(subject);
-}
-
-std::string Editor::removeClass(int32_t code) {
-    std::vector<const XMLElement*> removed;
-    for (const XMLElement* rule : rulesNamed("class")) {
-        if (Util::convert(rule->GetText()) == static_cast<uint32_t>(code)) removed.push_back(rule);
-    }
-    erase(removed);
+    if (!subject.classCode && subject.product != kUnknownId) return removeProduct(subject);
+    erase(rulesFor(subject));
     return "";
 }
 
-std::string Editor::removeVendor(const Subject& subject) {
+std::string Editor::removeProduct(const Subject& subject) {
     std::vector<const XMLElement*> removed;
-    for (const XMLElement* rule : rulesFor(subject.vendor)) {
+    for (const XMLElement* rule : rulesFor(subject)) {
         const XMLElement* product = rule->FirstChildElement("pid");
-        if (subject.product == kUnknownId) {
-            removed.push_back(rule);
-        } else if (product == nullptr) {
+        if (product == nullptr) {
             return "the rule in " + inLine(*rule) + " is for every product of vendor " +
                    std::to_string(subject.vendor) +
                    ", and there are no exceptions: list the other products instead";
         }
-        if (subject.product == kUnknownId) continue;
         std::vector<const XMLElement*> products;
         bool others = false, otherPids = false;
         for (; product != nullptr; product = product->NextSiblingElement()) {
@@ -268,22 +254,6 @@ void Editor::erase(const std::vector<const XMLElement*>& elements) {
     }
 }
 
-/** A device of which nothing is known but what the rule is about. */
-Device sampleOf(const Subject& subject) {
-    Device device;
-    device.vendorId = subject.vendor;
-    device.productId = subject.product;
-    if (!subject.classCode) {
-        device.interfaceClassList = {-1};
-    } else if (*subject.classCode <= 0xFF) {
-        device.interfaceClassList = {*subject.classCode};
-    } else {
-        device.deviceType = 1;
-        device.deviceClass = *subject.classCode;
-    }
-    return device;
-}
-
 std::string linesText(const std::vector<int>& lines) {
     std::vector<std::string> texts;
     for (const int line : lines) texts.push_back(std::to_string(line));
@@ -291,11 +261,12 @@ std::string linesText(const std::vector<int>& lines) {
 }
 
 /** Of other rules that decide on the device all the same; empty where none do. */
-std::string contradiction(Rules* rules, bool allow, const Device& device) {
+std::string contradiction(Rules* rules, bool allow, const DeviceFacts& device) {
     const Answer answer = rules->decide(device);
     if (answer.allowed == allow) return "";
-    const bool byClass = answer.reason.find("Match by ClassName") != std::string::npos;
-    std::string text = byClass ? "a class rule" : answer.lines.empty() ? "the rules" : "a rule";
+    std::string text = answer.byClass         ? "a class rule"
+                       : answer.lines.empty() ? "the rules"
+                                              : "a rule";
     text += allow ? " would still refuse it" : " would still allow it";
     if (!answer.lines.empty()) text += ": " + linesText(answer.lines);
     for (const Warning& warning : answer.warnings) text += "; " + withCure(warning);
@@ -304,7 +275,7 @@ std::string contradiction(Rules* rules, bool allow, const Device& device) {
 
 std::string classRulesText(Rules* rules, bool allow) {
     std::vector<int> lines;
-    for (const Device& device : rules->samples()) {
+    for (const DeviceFacts& device : rules->samples()) {
         if (device.vendorId != kUnknownId) continue;
         for (const int line : rules->decide(device).lines) lines.push_back(line);
     }
@@ -330,7 +301,7 @@ Edit editRules(const std::string& text, bool allow, const Subject& subject) {
 }
 
 EditReview reviewEdit(Rules* edited, bool allow, const Subject& subject,
-                      const std::optional<Device>& recorded) {
+                      const std::optional<DeviceFacts>& recorded) {
     EditReview review;
     review.problem = contradiction(edited, allow, recorded ? *recorded : sampleOf(subject));
     const bool added = allow == (edited->mode() == "whitelist");

@@ -16,10 +16,19 @@ namespace android::kus {
 /** A vendor or product id that is in no rule. */
 inline constexpr int32_t kUnknownId = -1;
 
+/** The USB class of a device of which none is known: in no class rule, and not restricted. */
+inline constexpr int32_t kUnnamedClass = -1;
+
+/** The greatest that a device can have. */
+inline constexpr int32_t kMaxUsbId = 0xFFFF;
+inline constexpr int32_t kMaxUsbClass = 0xFF;
+
+/** What the full names of classes begin with. */
+inline constexpr char kUsbClassPrefix[] = "USB_CLASS_";
+inline constexpr char kInputSourcePrefix[] = "AINPUT_SOURCE_";
+
 /** The fields of a DeviceInfo that a decision looks at, and what it asks the kernel. */
-struct Device {
-    int32_t deviceId = 0;
-    std::string deviceName;
+struct DeviceFacts {
     /** For an input device its input-source bits, with or without the source-class byte. */
     int32_t deviceClass = 0;
     /** Codes of the interfaces of a USB device; empty for an input device. */
@@ -32,6 +41,20 @@ struct Device {
     bool vendorHid = false;
 };
 
+/** What a rule is about: a class, or a vendor, or one of its products. */
+struct Subject {
+    /** In the table of class names; none where a vendor is meant. */
+    std::optional<int32_t> classCode;
+    int32_t vendor = kUnknownId;
+    int32_t product = kUnknownId;
+};
+
+/** The element that names the subject alone. */
+std::string ruleFor(const Subject& subject);
+
+/** A device of which nothing is known but the subject. */
+DeviceFacts sampleOf(const Subject& subject);
+
 /** The code of a full name, a short name ("mass_storage", "keyboard") or a number. */
 std::optional<int32_t> usbClassCode(const std::string& text);
 std::optional<int32_t> inputSourceCode(const std::string& text);
@@ -41,7 +64,7 @@ int32_t keyboardSources();
 int32_t pointerSources();
 
 /** Names of the device's USB classes or input sources, each once; a number for one without. */
-std::vector<std::string> classNames(const Device& device);
+std::vector<std::string> classNames(const DeviceFacts& device);
 
 // Rules files
 
@@ -94,6 +117,8 @@ struct Answer {
     bool leftToInput;
     /** The daemon's words; empty for a device that is left to the input subsystem. */
     std::string reason;
+    /** It was class rules that matched. */
+    bool byClass;
     /** Lines of the rules that matched, ascending. */
     std::vector<int> lines;
     /** Elements that would turn a whitelist's refusal, one of which is enough. */
@@ -119,27 +144,29 @@ class Rules {
     /** "default", "whitelist", "blacklist", or what a refused text gave as its mode. */
     const std::string& mode() const { return mode_; }
 
-    Answer decide(const Device& device);
+    Answer decide(const DeviceFacts& device);
 
     /** The answer alone, for many devices. */
-    bool allows(const Device& device, std::string* reason);
+    bool allows(const DeviceFacts& device, std::string* reason);
 
     /** What the rules' part of the decision logs, line by line. Takes over the process's logger. */
-    std::vector<std::string> trace(const Device& device);
+    std::vector<std::string> trace(const DeviceFacts& device);
 
     /** True when a rule names single products of the vendor. */
     bool namesProductsOf(int32_t vendor) const;
 
     /** A device for each class, vendor and product that a rule names, and one that none does. */
-    std::vector<Device> samples() const;
+    std::vector<DeviceFacts> samples() const;
 
   private:
     class InForce;
+    enum class Match { kNone, kClass, kVendor, kProduct };
 
     void indexLines(const std::string& text);
-    std::vector<int> linesOf(const Device& device, const std::string& reason) const;
-    std::vector<Warning> warningsOn(const Device& device, const std::string& reason) const;
-    std::vector<std::string> remediesFor(const Device& device) const;
+    static Match matchOf(const std::string& reason);
+    std::vector<int> linesOf(const DeviceFacts& device, Match match) const;
+    std::vector<Warning> warningsOn(const DeviceFacts& device, Match match) const;
+    std::vector<std::string> remediesFor(const DeviceFacts& device) const;
 
     // The daemon's rule tables while other rules are in them: see rule_tables.h.
     std::string mode_ = "default";
@@ -155,7 +182,7 @@ class Rules {
 
 /** A device that two files decide on differently. */
 struct Change {
-    Device device;
+    DeviceFacts device;
     Answer before, after;
 };
 
@@ -167,14 +194,6 @@ struct Change {
 std::vector<Change> changesBetween(Rules* before, Rules* after);
 
 // Edits
-
-/** What a rule is to be about: a class, or a vendor, or one of its products. */
-struct Subject {
-    /** In the table of class names; none where a vendor is meant. */
-    std::optional<int32_t> classCode;
-    int32_t vendor = kUnknownId;
-    int32_t product = kUnknownId;
-};
 
 struct Edit {
     /** The whole file as it would be; unchanged where the rules say so already. */
@@ -201,6 +220,6 @@ struct EditReview {
 
 /** `recorded` is the device itself, where more of it is known than what the rule is about. */
 EditReview reviewEdit(Rules* edited, bool allow, const Subject& subject,
-                      const std::optional<Device>& recorded = {});
+                      const std::optional<DeviceFacts>& recorded = {});
 
 }  // namespace android::kus

@@ -8,6 +8,7 @@
 #include <limits>
 #include <map>
 #include <optional>
+#include <string_view>
 
 #include "markup.h"
 #include "policy.h"
@@ -22,8 +23,6 @@ using tinyxml2::XMLAttribute;
 using tinyxml2::XMLDocument;
 using tinyxml2::XMLElement;
 using tinyxml2::XMLNode;
-
-constexpr uint32_t kMaxUsbId = 0xFFFF;
 
 std::string quoted(const std::string& text) { return "'" + text + "'"; }
 
@@ -60,6 +59,8 @@ class RulesReview {
     void reviewNoNumber(const XMLElement& element, const std::string& value);
     void warn(const XMLNode& node, const std::string& kind, const std::string& message,
               const std::string& cure = "");
+    void warn(int line, const std::string& kind, const std::string& message,
+              const std::string& cure = "");
 
     /** Rule to the line that gave it first. */
     std::map<std::string, int> classes_;
@@ -74,8 +75,7 @@ class RulesReview {
 RulesReview::RulesReview(const std::string& text, const XMLDocument& document) {
     const XMLElement* root = document.FirstChildElement();
     if (root == nullptr) {
-        warnings.push_back(
-            {0, kCrashKind, "the document has no element, which ends the daemon", ""});
+        warn(0, kCrashKind, "the document has no element, which ends the daemon");
     } else if (root->Name() == std::string("usbconfig")) {
         reviewRoot(*root);
     }
@@ -91,10 +91,10 @@ void RulesReview::reviewEnd(const std::string& text) {
     const size_t rest = text.find_first_not_of(kNothing, end);
     if (rest == std::string::npos) return;
     const bool byNul = text[end] == '\0';
-    warnings.push_back({lineAt(text, end), "ignored",
-                        std::string(byNul ? "a NUL byte" : "an end tag that closes nothing") +
-                            " ends the document: everything after it is ignored",
-                        byNul ? "save the file as UTF-8 text" : "remove the tag"});
+    warn(lineAt(text, end), "ignored",
+         std::string(byNul ? "a NUL byte" : "an end tag that closes nothing") +
+             " ends the document: everything after it is ignored",
+         byNul ? "save the file as UTF-8 text" : "remove the tag");
 }
 
 void RulesReview::reviewRoot(const XMLElement& root) {
@@ -150,8 +150,7 @@ void RulesReview::reviewClass(const XMLElement& element) {
     }
 }
 
-/** The code of a class that goes by another name, if any: in lower case, with the other prefix ...
- */
+/** The code of a class by another name, if any: in lower case, with the other prefix ... */
 std::optional<int32_t> codeMeantBy(const std::string& name) {
     const std::string text = base::Trim(name);
     const size_t prefix = text.rfind("_CLASS_"), otherPrefix = text.rfind("_SOURCE_");
@@ -252,10 +251,9 @@ void RulesReview::reviewWholeVendors() {
         if (whole->first != vendor) {
             listed.emplace(vendor, line);
         } else {
-            warnings.push_back({line, "duplicate",
-                                "vendor " + std::to_string(vendor) + " is listed as a whole too" +
-                                    inLine(whole->second),
-                                ""});
+            warn(line, "duplicate",
+                 "vendor " + std::to_string(vendor) + " is listed as a whole too" +
+                     inLine(whole->second));
         }
     }
     if (listed.empty()) return;
@@ -354,7 +352,8 @@ std::optional<int32_t> RulesReview::reviewId(const XMLElement& element, const ch
         return {};
     }
     uint32_t hexadecimal;
-    if (value[0] == '0' && base::ParseUint(std::string("0x") + value, &hexadecimal, kMaxUsbId) &&
+    if (value[0] == '0' &&
+        base::ParseUint(std::string("0x") + value, &hexadecimal, uint32_t{kMaxUsbId}) &&
         hexadecimal != number) {
         warn(element, "hexadecimal",
              quoted(value) + " is read as decimal " + std::to_string(number) + "; " + value +
@@ -371,13 +370,18 @@ void RulesReview::reviewNoNumber(const XMLElement& element, const std::string& v
     const std::string digits = value.substr(base::StartsWithIgnoreCase(value, "0x") ? 2 : 0);
     uint32_t id;
     // C libraries disagree on a prefix without digits.
-    if (digits.empty() || !base::ParseUint("0x" + digits, &id, kMaxUsbId)) return;
+    if (digits.empty() || !base::ParseUint("0x" + digits, &id, uint32_t{kMaxUsbId})) return;
     warn(element, "hexadecimal", quoted(value) + " is hexadecimal", "write " + std::to_string(id));
 }
 
 void RulesReview::warn(const XMLNode& node, const std::string& kind, const std::string& message,
                        const std::string& cure) {
-    warnings.push_back({node.GetLineNum(), kind, message, cure});
+    warn(node.GetLineNum(), kind, message, cure);
+}
+
+void RulesReview::warn(int line, const std::string& kind, const std::string& message,
+                       const std::string& cure) {
+    warnings.push_back({line, kind, message, cure});
 }
 
 /** "vendors 1, 2 and 3", each with its line if so wanted. */

@@ -3,10 +3,11 @@
 #include <android-base/parseint.h>
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
+#include <ctype.h>
 #include <tinyxml2.h>
 
 #include <algorithm>
-#include <mutex>
+#include <shared_mutex>
 
 #include "ku_service/admission_rules.h"
 #include "policy.h"
@@ -18,10 +19,6 @@ namespace android::kus {
 namespace {
 
 using tinyxml2::XMLElement;
-
-constexpr char kUsbClassPrefix[] = "USB_CLASS_";
-constexpr char kInputSourcePrefix[] = "AINPUT_SOURCE_";
-constexpr int32_t kMaxUsbClass = 0xFF;
 
 std::string upperCase(std::string text) {
     for (char& c : text) c = c == '-' ? '_' : toupper(static_cast<unsigned char>(c));
@@ -39,13 +36,13 @@ std::optional<int32_t> codeOf(const std::string& prefix, const std::string& text
     return number;
 }
 
-std::vector<int32_t> codesOf(const Device& device) {
+std::vector<int32_t> codesOf(const DeviceFacts& device) {
     return device.deviceType == 0 ? device.interfaceClassList
                                   : Util::checkMultiClass(device.deviceClass);
 }
 
 /** The codes that class rules have to name for the device to match; empty when they never can. */
-std::vector<int32_t> codesToName(const Device& device) {
+std::vector<int32_t> codesToName(const DeviceFacts& device) {
     std::vector<int32_t> codes;
     for (const int32_t code : codesOf(device)) {
         if (Util::validateRestrictedClass(code)) continue;
@@ -61,11 +58,32 @@ int32_t sourceBits(std::initializer_list<const char*> names) {
     return bits;
 }
 
-bool isLeftToInput(const Device& device) {
+bool isLeftToInput(const DeviceFacts& device) {
     return device.deviceType == 0 && hasOnlyHidInterfaces(device) && !device.vendorHid;
 }
 
 }  // namespace
+
+std::string ruleFor(const Subject& subject) {
+    if (subject.classCode) return "<class>" + Util::getClassName(*subject.classCode) + "</class>";
+    const std::string vendor = "<vid vendorid=\"" + std::to_string(subject.vendor) + "\"";
+    if (subject.product == kUnknownId) return vendor + "/>";
+    return vendor + "><pid>" + std::to_string(subject.product) + "</pid></vid>";
+}
+
+DeviceFacts sampleOf(const Subject& subject) {
+    DeviceFacts device;
+    device.vendorId = subject.vendor;
+    device.productId = subject.product;
+    const int32_t code = subject.classCode.value_or(kUnnamedClass);
+    if (code <= kMaxUsbClass) {
+        device.interfaceClassList = {code};
+    } else {
+        device.deviceType = 1;
+        device.deviceClass = code;
+    }
+    return device;
+}
 
 std::optional<int32_t> usbClassCode(const std::string& text) {
     return codeOf(kUsbClassPrefix, text, kMaxUsbClass);
@@ -82,7 +100,7 @@ int32_t pointerSources() {
         {"mouse", "mouse_relative", "trackball", "touchpad", "touchscreen", "stylus"});
 }
 
-std::vector<std::string> classNames(const Device& device) {
+std::vector<std::string> classNames(const DeviceFacts& device) {
     std::vector<std::string> names;
     for (const int32_t code : codesOf(device)) {
         std::string name = Util::getClassName(code);
@@ -146,28 +164,30 @@ Verdict Rules::parse(const std::string& text) {
     return verdict;
 }
 
-bool Rules::allows(const Device& device, std::string* reason) {
+bool Rules::allows(const DeviceFacts& device, std::string* reason) {
     if (isLeftToInput(device)) {
         reason->clear();
         return false;
     }
     const InForce inForce(this);
-    const std::unique_lock lock(ruleTablesLock);
+    const std::shared_lock lock(ruleTablesLock);
     return evaluateRules(device, Util::getMode(), reason);
 }
 
-Answer Rules::decide(const Device& device) {
+Answer Rules::decide(const DeviceFacts& device) {
     Answer answer = {};
     answer.leftToInput = isLeftToInput(device);
     if (answer.leftToInput) return answer;
     answer.allowed = allows(device, &answer.reason);
-    answer.lines = linesOf(device, answer.reason);
-    answer.warnings = warningsOn(device, answer.reason);
+    const Match match = matchOf(answer.reason);
+    answer.byClass = match == Match::kClass;
+    answer.lines = linesOf(device, match);
+    answer.warnings = warningsOn(device, match);
     if (!answer.allowed && mode_ == "whitelist") answer.remedies = remediesFor(device);
     return answer;
 }
 
-std::vector<std::string> Rules::trace(const Device& device) {
+std::vector<std::string> Rules::trace(const DeviceFacts& device) {
     std::vector<std::string> lines;
     // Not for longer than this call: what is logged later must not find it.
     static std::vector<std::string>* trace;
@@ -217,17 +237,25 @@ void Rules::indexLines(const std::string& text) {
     }
 }
 
-std::vector<int> Rules::linesOf(const Device& device, const std::string& reason) const {
-    const auto matched = [&](const char* how) { return reason.find(how) != std::string::npos; };
+// The daemon tells what matched by its words alone.
+Rules::Match Rules::matchOf(const std::string& reason) {
+    const auto says = [&](const char* how) { return reason.find(how) != std::string::npos; };
+    return says("Match by ClassName") ? Match::kClass
+           : says("Match by VID_PID") ? Match::kProduct
+           : says("Match by VID,")    ? Match::kVendor
+                                      : Match::kNone;
+}
+
+std::vector<int> Rules::linesOf(const DeviceFacts& device, Match match) const {
     std::vector<int> lines;
-    if (matched("Match by ClassName")) {
+    if (match == Match::kClass) {
         for (const int32_t code : codesOf(device)) {
             const auto rule = classLines_.find(code);
             if (rule != classLines_.end()) lines.push_back(rule->second);
         }
-    } else if (matched("Match by VID_PID")) {
+    } else if (match == Match::kProduct) {
         lines.push_back(productLines_.at({device.vendorId, device.productId}));
-    } else if (matched("Match by VID,")) {
+    } else if (match == Match::kVendor) {
         // Its own rule, and where that has products the one of a greater vendor: see
         // Util::validateVid.
         auto rule = productLines_.lower_bound({device.vendorId, ANY_PRODUCT});
@@ -241,8 +269,8 @@ std::vector<int> Rules::linesOf(const Device& device, const std::string& reason)
 }
 
 // See Util::validateVid.
-std::vector<Warning> Rules::warningsOn(const Device& device, const std::string& reason) const {
-    if (reason.find("Match by VID,") == std::string::npos) return {};
+std::vector<Warning> Rules::warningsOn(const DeviceFacts& device, Match match) const {
+    if (match != Match::kVendor) return {};
     const auto rule = productLines_.lower_bound({device.vendorId, ANY_PRODUCT});
     if (rule->first.second == ANY_PRODUCT) return {};
     std::map<int32_t, int> whole;
@@ -257,19 +285,18 @@ bool Rules::namesProductsOf(int32_t vendor) const {
     return product != productLines_.end() && product->first.first == vendor;
 }
 
-std::vector<std::string> Rules::remediesFor(const Device& device) const {
+std::vector<std::string> Rules::remediesFor(const DeviceFacts& device) const {
     std::vector<std::string> remedies;
     std::string classes;
     for (const int32_t code : codesToName(device)) {
-        const std::string rule = "<class>" + Util::getClassName(code) + "</class>";
+        const std::string rule = ruleFor({code});
         if (classNames_.count(code) == 0 && classes.find(rule) == std::string::npos) {
             classes += rule;
         }
     }
     if (!classes.empty()) remedies.push_back(classes);
     if (device.vendorId != kUnknownId) {
-        remedies.push_back("<vid vendorid=\"" + std::to_string(device.vendorId) + "\"><pid>" +
-                           std::to_string(device.productId) + "</pid></vid>");
+        remedies.push_back(ruleFor({{}, device.vendorId, device.productId}));
     }
     return remedies;
 }

@@ -61,7 +61,8 @@ function fromRecord(record, names) {
   for (const [name, id] of [['vendor', vendor], ['product', product]]) {
     if (id !== (id | 0)) throw new Error(`'${name}' is no number of 32 bits`);
   }
-  if (!Array.isArray(classes) || classes.length === 0) throw new Error("'classes' is no list of some");
+  // The service records input devices that have no source with a name, but no USB device without classes.
+  if (!Array.isArray(classes) || (kind === 'usb' && classes.length === 0)) throw new Error("'classes' is no list of some");
   const codes = classes.map((entry) => codeOf(String(entry), kind, names));
   return {
     name: String(record.name || 'unnamed'), kind, vendor, product, classes: codes,
@@ -149,7 +150,7 @@ export function parseDevices(text, names) {
   return found;
 }
 
-const hex = (value, digits) => value.toString(16).padStart(digits, '0');
+export const hex = (value, digits) => value.toString(16).padStart(digits, '0');
 
 export const idsText = ({ vendor, product }) => vendor === UNKNOWN
   ? 'no ids' : `${hex(vendor, 4)}:${hex(product, 4)}`;
@@ -161,5 +162,5 @@ export const shortName = (name) => name.replace(/^(USB_CLASS|AINPUT_SOURCE)_/, '
 
 export function classesText({ classes }, namesByCode) {
   const names = classes.map((code) => namesByCode.get(code) ?? `0x${hex(code, 2)}`);
-  return [...new Set(names)].map(shortName).join(', ');
+  return [...new Set(names)].map(shortName).join(', ') || 'no known source';
 }

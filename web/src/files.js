@@ -48,7 +48,7 @@ export async function droppedFile(transfer) {
   return item ? read(item) : null;
 }
 
-/** Writes to the file that `handle` stands for, or to one that the user names. Its handle, or null. */
+/** Writes to the file that `handle` stands for, or else to one that the user names; its handle. */
 async function saveByHandle(handle, name, bytes) {
   const target = handle ?? await showSaveFilePicker({ suggestedName: name });
   const stream = await target.createWritable();

@@ -1,20 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 import { nextDiagnostic } from '@codemirror/lint';
 
+import EXAMPLE from '../../emulator/rootfs/system/etc/demo_rules.xml';
 import { Bench, Judgement } from './bench.js';
-import { parseDevices, parseId, READY_MADE, shortName } from './devices.js';
+import { decimalIdsText, hex, idsText, parseDevices, parseId, READY_MADE, shortName } from './devices.js';
 import { byId, element } from './dom.js';
 import { Editor } from './editor.js';
 import { Engine } from './engine.js';
 import { decode, droppedFile, encode, openFile, saveFile } from './files.js';
 import { Names } from './names.js';
-import { changeBetween, EXAMPLE } from './rules.js';
+import { changeBetween } from './rules.js';
 
 const TYPING_PAUSE_MS = 120;
 const TOAST_MS = 6000;
 // Listed at most; the rest is counted.
 const MOST_FINDINGS = 200;
 const MOST_FOUND = 60;
+// Of the ready-made ones, on the bench from the beginning.
 const FIRST_DEVICES = 12;
 
 const engine = new Engine();
@@ -44,7 +46,7 @@ const guarded = (action) => async (event) => {
 };
 const onClick = (id, action) => byId(id).addEventListener('click', guarded(action));
 
-const plural = (count, what) => `${count} ${what}${count === 1 ? '' : 's'}`;
+const plural = (count, one, many = `${one}s`) => `${count} ${count === 1 ? one : many}`;
 
 /** Control characters, which a status text quotes from a file, as pictures of them. */
 const visible = (text) => text.replace(/[\0-\x1f]/g, (c) => String.fromCharCode(0x2400 + c.charCodeAt(0)));
@@ -264,13 +266,12 @@ function drawFound() {
   const found = names.search(query);
   byId('found-count').textContent = query.trim() === ''
     ? 'The public USB id list is in this page.'
-    : `${plural(found.length, 'entry').replace('entrys', 'entries')}${
+    : `${plural(found.length, 'entry', 'entries')}${
       found.length > MOST_FOUND ? `, the first ${MOST_FOUND} shown` : ''}`;
   byId('found').replaceChildren(...found.slice(0, MOST_FOUND).map((entry) => {
     const { vendor, product, vendorName, name } = entry;
-    const hex = (id) => id.toString(16).padStart(4, '0');
-    const ids = product === null ? `${hex(vendor)} · ${vendor}`
-      : `${hex(vendor)}:${hex(product)} · ${vendor}:${product}`;
+    const ids = product === null ? `${hex(vendor, 4)} · ${vendor}`
+      : `${idsText(entry)} · ${decimalIdsText(entry)}`;
     const what = product === null ? `every product of ${vendorName}` : `${vendorName} ${name}`;
     const subject = { vendor, product: product ?? -1 };
     const choice = (label, allow) => element('button', { type: 'button',
@@ -362,10 +363,9 @@ function readOwn() {
     classes, vendorHid: kind.value === 'usb' && vendorHid.checked };
 }
 
-/** A dialog's form whose "add" may be refused, with the reason in `errorId`. */
+/** A dialog's form, which `add` may refuse, with the reason in `errorId`. */
 function onSubmit(form, errorId, add) {
   form.addEventListener('submit', (event) => {
-    if (event.submitter?.value !== 'add') return;
     try {
       add();
       showTab('bench');
@@ -422,7 +422,7 @@ addEventListener('keydown', (event) => {
   guarded(KEYS[key])();
 }, { capture: true });
 
-byId('help').addEventListener('click', KEYS.F1);
+onClick('help', KEYS.F1);
 onClick('open', open);
 onClick('save', save);
 onClick('example', showExample);
@@ -438,6 +438,9 @@ byId('query').addEventListener('input', drawFound);
 ownForm.elements.kind.addEventListener('change', drawOwnClasses);
 onSubmit(ownForm, 'own-error', () => addDevices([readOwn()]));
 onSubmit(byId('paste-form'), 'paste-error', readPasted);
+for (const button of document.querySelectorAll('dialog .cancel')) {
+  button.addEventListener('click', () => button.closest('dialog').close());
+}
 
 for (const [tab, other] of [['bench', 'find'], ['find', 'bench']]) {
   byId(`tab-${tab}`).addEventListener('click', () => showTab(tab));

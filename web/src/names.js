@@ -29,7 +29,7 @@ function parse(text) {
 const ID = /^(?:(0x)?([0-9a-f]{1,5}))(?::(?:0x)?([0-9a-f]{1,5}))?$/;
 
 /** What a query such as 046d, 0x046d, 1133 or 046d:c31c may mean, as a filter; null for none. */
-function byId(query) {
+function idFilter(query) {
   const [, prefix, first, second] = query.match(ID) ?? [];
   if (!first) return null;
   const readings = [];
@@ -61,7 +61,7 @@ export class Names {
     if (!wanted) return [];
     const words = wanted.split(/\s+/);
     const named = (entry) => words.every((word) => entry.text.includes(word));
-    const identified = byId(wanted) ?? (() => false);
+    const identified = idFilter(wanted) ?? (() => false);
     const found = this.#entries.filter((entry) => identified(entry) || named(entry));
     const rank = (entry) => (identified(entry) ? 0 : 2) + (entry.product === null ? 0 : 1);
     return found.sort((a, b) => rank(a) - rank(b));

@@ -1,16 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-export const EXAMPLE = `<?xml version="1.0" encoding="UTF-8"?>
-<usbconfig mode="whitelist">
-  <class>USB_CLASS_MASS_STORAGE</class>
-  <class>AINPUT_SOURCE_KEYBOARD</class>
-  <vid vendorid="1133"/>
-  <vid vendorid="1155">
-    <pid>22336</pid>
-    <pid>22337</pid>
-  </vid>
-</usbconfig>
-`;
-
 /** What the elements of a remedy are about: {className} or {vendor, product}. */
 export function subjectsOf(remedy) {
   return [
