@@ -109,7 +109,11 @@ TEST_F(Admission, HidDevicesAreLeftToTheInputSubsystem) {
     setVendors({{1, -1}});
     for (const char* mode : {"default", "whitelist", "blacklist"}) {
         configMode = mode;
-        for (const auto& device : {usb({}), usb({3}), usb({3, 3})}) EXPECT_FALSE(isAllowed(device));
+        for (const auto& device : {usb({}), usb({3}), usb({3, 3})}) {
+            bool allowed = true;
+            EXPECT_TRUE(service_->isDeviceAllowed(device, &allowed).isOk());
+            EXPECT_FALSE(allowed);
+        }
     }
     EXPECT_THAT(deviceList(), IsEmpty());
     EXPECT_TRUE(isAuthorized());
