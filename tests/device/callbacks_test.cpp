@@ -2,9 +2,6 @@
 #include <android-base/stringprintf.h>
 #include <android/kus/BnKUsbServiceCallback.h>
 
-#include <atomic>
-#include <optional>
-
 #include "device_test.h"
 #include "process.h"
 
@@ -87,14 +84,6 @@ class Deadline : public Process {
     bool passed() const { return ends(0s); }
 };
 
-DeviceInfo madeUp(int id, const std::string& name) {
-    DeviceInfo device;
-    device.deviceName = name;
-    device.deviceId = id;
-    device.interfaceClassList = {8};
-    return device;
-}
-
 TEST_F(CallbacksTest, AClientThatTakesNothingDelaysNobody) {
     setRules("blacklist", "<class>USB_CLASS_MASS_STORAGE</class>");
     Client healthy(1), sleeping(1), hung(1, /*hangs=*/true);
@@ -118,58 +107,6 @@ TEST_F(CallbacksTest, AClientThatTakesNothingDelaysNobody) {
     EXPECT_EQ(lines(&sleeping, told.size()), told);
     EXPECT_THAT(sleeping.line(), StartsWith("removed "));
     EXPECT_THAT(watch.line(), HasSubstr("stick"));
-}
-
-// Notices for one client together have half a megabyte in the kernel; the kernel refuses more.
-TEST_F(CallbacksTest, AFullBufferCostsItsClientAloneItsNotices) {
-    constexpr int kDevices = 8;
-    const auto errors = [] { return logged("^[^ ]* E .*onDevice\\(Added\\|Removed\\)"); };
-    Client healthy(1), sleeping(1);
-    const int before = errors();
-    const Deadline deadline(std::to_string(sleeping.pid()));
-    std::optional<Stopped> stopped(sleeping.pid());
-    for (int id = 1; id <= kDevices; ++id) {
-        const DeviceInfo device = madeUp(id, std::string(60000, 'n'));
-        bool allowed;
-        service()->isDeviceAllowed(device, &allowed);
-        EXPECT_EQ(healthy.line(), StringPrintf("added %d 1", id));
-        service()->updateDeviceList(device, 0);
-        EXPECT_EQ(healthy.line(), StringPrintf("removed %d", id));
-    }
-    ASSERT_FALSE(deadline.passed()) << "decisions or notices waited for a client";
-    const int lost = errors() - before;
-    EXPECT_GT(lost, 0) << "its buffer was never full, or nothing was logged";
-    service()->updateDeviceList(madeUp(9, "last"), 0);
-    stopped.reset();
-    int heard = 0;
-    for (std::string line; !(line = sleeping.line()).empty() && line != "removed 9";) ++heard;
-    EXPECT_EQ(heard + lost, 2 * kDevices) << "one line for each lost notice";
-}
-
-struct CountedCallback : BnKUsbServiceCallback {
-    CountedCallback() { ++alive; }
-    ~CountedCallback() { --alive; }
-    binder::Status onDeviceAdded(const DeviceInfo&) override { return binder::Status::ok(); }
-    binder::Status onDeviceRemoved(const DeviceInfo&) override { return binder::Status::ok(); }
-    static inline std::atomic<int> alive = 0;
-};
-
-TEST_F(CallbacksTest, RegistrationsThatComeAndGoLeakNothing) {
-    const pid_t daemon = daemonPid();
-    const auto comeAndGo = [](int times) {
-        for (int i = 0; i < times; ++i) {
-            const sp<CountedCallback> callback = new CountedCallback();
-            service()->registerKusCallback(callback);
-            service()->unregisterKusCallback(callback);
-        }
-    };
-    comeAndGo(300);
-    const long before = residentKilobytes(daemon);
-    comeAndGo(fullRun() ? 10000 : 1000);
-    EXPECT_TRUE(eventually([] { return CountedCallback::alive == 0; })) << CountedCallback::alive;
-    // A leaked registration would cost some hundred bytes.
-    EXPECT_LT(residentKilobytes(daemon) - before, 128);
-    EXPECT_EQ(daemonPid(), daemon);
 }
 
 }  // namespace

@@ -46,8 +46,6 @@ std::string shell(const std::string& command) {
     return Trim(output);
 }
 
-bool fullRun() { return getenv("KUS_FULL_RUN") != nullptr; }
-
 std::string contentOf(const std::string& path) {
     std::string content;
     base::ReadFileToString(path, &content);
@@ -60,10 +58,6 @@ void writeFile(const std::string& path, const std::string& content) {
 
 std::string rulesText(const std::string& mode, const std::string& rules) {
     return "<usbconfig mode=\"" + mode + "\">" + rules + "</usbconfig>\n";
-}
-
-int logged(const std::string& pattern) {
-    return stoi(shell("grep -c '" + pattern + "' " + kLog + " || true"));
 }
 
 // The event of the backup comes in the log after the reset.
@@ -141,19 +135,15 @@ int idOf(const std::string& entry) {
     return devnum.empty() ? 0 : atoi(contentOf(device + "/busnum").c_str()) * 1000 + stoi(devnum);
 }
 
-std::string stateOf(const std::string& interface) {
-    std::error_code unbound;
-    const fs::path driver = fs::read_symlink(kUsbDevices + interface + "/driver", unbound);
-    return driver.filename().string() + " " + contentOf(kUsbDevices + interface + "/authorized");
-}
-
 std::vector<std::string> statesOf(const std::string& entry) {
     std::vector<std::string> states;
-    const std::string interfaces = entry + ":1.";
-    for (int i = 0; fs::exists(kUsbDevices + interfaces + std::to_string(i)); ++i) {
-        states.push_back(stateOf(interfaces + std::to_string(i)));
+    for (int number = 0;; ++number) {
+        const fs::path interface = kUsbDevices + entry + ":1." + std::to_string(number);
+        if (!fs::exists(interface)) return states;
+        std::error_code unbound;
+        const fs::path driver = fs::read_symlink(interface / "driver", unbound);
+        states.push_back(driver.filename().string() + " " + contentOf(interface / "authorized"));
     }
-    return states;
 }
 
 Plugged::Plugged(const std::string& name, const std::string& options)
@@ -188,9 +178,12 @@ void DeviceTest::SetUp() {
 }
 
 void DeviceTest::setRules(const std::string& mode, const std::string& rules) {
-    const int before = logged(kParse);
+    const auto parses = [] {
+        return stoi(shell(std::string("grep -c '") + kParse + "' " + kLog + " || true"));
+    };
+    const int before = parses();
     writeFile(configFilePath, rulesText(mode, rules));
-    ASSERT_TRUE(eventually([&] { return logged(kParse) > before && isSettled(); }));
+    ASSERT_TRUE(eventually([&] { return parses() > before && isSettled(); }));
     ASSERT_EQ(contentOf(statusFilePath), "SUCCESS");
     std::this_thread::sleep_for(kRoleSwitchTime);
 }

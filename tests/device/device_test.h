@@ -22,9 +22,6 @@ using namespace std::chrono_literals;
 /** Runs a shell command and returns what it prints, without the last line feed. Must succeed. */
 std::string shell(const std::string& command);
 
-/** Whether the long random runs are wanted in full: KUS_FULL_RUN is set. */
-bool fullRun();
-
 /** The content of a file without white space around it; empty when it cannot be read. */
 std::string contentOf(const std::string& path);
 
@@ -33,9 +30,6 @@ void writeFile(const std::string& path, const std::string& content);
 
 /** A rules file's text with this mode and these elements. */
 std::string rulesText(const std::string& mode, const std::string& rules);
-
-/** Counts the lines of the daemon's log that match a pattern of grep's. */
-int logged(const std::string& pattern);
 
 /** Whether the daemon is through with the last rewrite, a good one, and with the reset after it. */
 bool isSettled();
@@ -73,10 +67,10 @@ void awaitDaemon();
 /** Id of the present enumeration of a sysfs entry, such as 4-1; 0 while there is none. */
 int idOf(const std::string& entry);
 
-/** Driver and `authorized` of an interface, such as "usb-storage 1", " 0" without a driver. */
-std::string stateOf(const std::string& interface);
-
-/** Those of the interfaces that a sysfs entry has, by number. */
+/**
+ * Driver and `authorized`, such as "usb-storage 1", or " 0" without a driver, of each interface
+ * that a sysfs entry has, by number.
+ */
 std::vector<std::string> statesOf(const std::string& entry);
 
 /** Options of plug: a stick, a serial adapter, and a keyboard that comes as "Virtual NAME". */

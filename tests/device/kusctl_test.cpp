@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <android-base/strings.h>
 #include <pty.h>
-#include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,7 +14,6 @@ namespace android::kus {
 namespace {
 
 using testing::AllOf;
-using testing::AnyOf;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
@@ -51,13 +49,9 @@ TEST_F(KusctlTest, ListsWhatIsRecordedAndWhy) {
                 StartsWith("refused: Blacklisted: Match by VID, VID : 2385"));
 
     const std::string table = onTerminal("kusctl list");
-    for (const std::string& line : base::Split(table, "\n")) {
-        EXPECT_THAT(line.substr(table.find("STATUS")),
-                    AnyOf(StartsWith("STATUS   CATEGORY"), StartsWith("\033[32mallowed\033[0m  "),
-                          StartsWith("\033[31mrefused\033[0m  ")));
-    }
-    EXPECT_THAT(table, AllOf(HasSubstr("\033[31mrefused\033[0m  4 sdcard"),
-                             HasSubstr("\033[32mallowed\033[0m  2 ttyACM0")));
+    EXPECT_THAT(table,
+                AllOf(HasSubstr("STATUS   CATEGORY"), HasSubstr("\033[31mrefused\033[0m  4 sdcard"),
+                      HasSubstr("\033[32mallowed\033[0m  2 ttyACM0")));
     EXPECT_THAT(onTerminal("NO_COLOR= kusctl list"), Not(HasSubstr("\033")));
 }
 
@@ -145,29 +139,12 @@ std::string apply(const char* mode, const char* rules, const char* option = "") 
     return shell(std::string("kusctl apply ") + option + " /tmp/new.xml 2>&1; echo status $?");
 }
 
-/** Kills it when it has made this many system calls since it made the new file. */
-void applyUntilCall(int calls) {
-    const std::string newRules = std::string(configFilePath) + ".new";
-    unlink(newRules.c_str());
-    const pid_t child = fork();
-    if (child == 0) {
-        ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-        execlp("kusctl", "kusctl", "apply", "--force", "/tmp/new.xml", nullptr);
-    }
-    // Each call stops it twice.
-    int status, stops = 0;
-    while (waitpid(child, &status, 0) == child && WIFSTOPPED(status)) {
-        if (stops > 0 || access(newRules.c_str(), F_OK) == 0) ++stops;
-        if (stops > 2 * calls) kill(child, SIGKILL);
-        ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
-    }
-    EXPECT_TRUE(WIFSIGNALED(status)) << "has ended before";
-}
-
 TEST_F(KusctlTest, ApplyTellsWhatWouldChangeAndWhatDid) {
     constexpr char kMice[] = "<class>AINPUT_SOURCE_MOUSE</class>\n<vid vendorid=\"1133\"/>";
     const Plugged stick("stick", kStick);
     const int before = stick.decision().deviceId;
+    // As one leaves it that was killed in the middle of its write.
+    writeFile(std::string(configFilePath) + ".new", std::string(1000, 'x'));
     shell(std::string("chmod 640 ") + configFilePath);
     const std::string wouldBe = "would be refused: stick (usb " + std::to_string(before);
     EXPECT_THAT(apply("whitelist", kMice, "--dry-run"),
@@ -175,7 +152,11 @@ TEST_F(KusctlTest, ApplyTellsWhatWouldChangeAndWhatDid) {
     EXPECT_EQ(stick.id(), before);
     EXPECT_NE(contentOf(configFilePath), contentOf("/tmp/new.xml"));
 
+    // Another file, so that at no moment the rules are neither the old nor the new ones.
+    const auto fileNumber = [] { return shell(std::string("stat -c %i ") + configFilePath); };
+    const std::string oldFile = fileNumber();
     const std::string told = apply("whitelist", kMice);
+    EXPECT_NE(fileNumber(), oldFile) << "written in place";
     EXPECT_EQ(stick.decision().status, 0);
     EXPECT_THAT(told, AllOf(HasSubstr(wouldBe), EndsWith("status 0"),
                             HasSubstr("now refused: stick (usb " + std::to_string(stick.id()))));
@@ -211,24 +192,6 @@ TEST_F(KusctlTest, ApplyHasAppliedTheRulesWhereTheServiceManagerDiesThereafter) 
     kill(stoi(shell("services pid servicemanager")), SIGKILL);
     EXPECT_EQ(applied.exitStatus(), 0);
     EXPECT_TRUE(eventually([] { return shell("kusctl list >&2; echo $?") == "0"; }));
-}
-
-TEST_F(KusctlTest, ApplyLeavesOneOfTheTwoFilesWhereverItIsKilled) {
-    int applied = 0;
-    for (int calls = 0; applied < 3; ++calls) {
-        SCOPED_TRACE(calls);
-        const Rules old = Rules::rewrite();
-        Rules next = Rules::next();
-        next.text += "<!-- " + std::string(100'000, 'x') + " -->\n";
-        writeFile("/tmp/new.xml", next.text);
-        applyUntilCall(calls);
-        const std::string found = contentOf(configFilePath);
-        const bool isNew = found == base::Trim(next.text);
-        applied += isNew;
-        ASSERT_TRUE(isNew || found == base::Trim(old.text)) << found.size() << " bytes";
-        ASSERT_TRUE(eventually([&] { return (isNew ? next : old).areAccepted(); }));
-    }
-    EXPECT_TRUE(eventually(isSettled));
 }
 
 TEST_F(KusctlTest, SaysWhatToDoWithoutAService) {
