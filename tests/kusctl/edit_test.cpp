@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 
 #include <array>
 #include <filesystem>
@@ -163,6 +165,26 @@ TEST(EditTest, LeavesTheDevicesOwnFileToApply) {
                           "device\n"}));
         EXPECT_EQ(result.out.find("now refused"), std::string::npos) << result.out;
         EXPECT_EQ(filesHere(), files);
+    }
+}
+
+// 'kusctl apply' writes in the same way.
+TEST(EditTest, LeavesOneOfTheTwoFilesWhereverItIsKilled) {
+    const std::string edited = with("\t<class>AINPUT_SOURCE_MOUSE</class>\n", "");
+    const std::string block = KUSCTL_PATH " block --rules a.xml --input mouse >/dev/null";
+    for (const char* call : {"openat", "fchown", "fchmod", "write", "fsync", "rename", "close"}) {
+        bool killed = true;
+        for (int when = 1; killed; ++when) {
+            SCOPED_TRACE(call + std::to_string(when));
+            enterDevicesFolder({{"a.xml", kRules}});
+            const std::string strace =
+                "ASAN_OPTIONS=detect_leaks=0 strace -o /dev/null -P $PWD/a.xml -P $PWD/a.xml.new "
+                "--inject=" +
+                std::string(call) + ":signal=SIGKILL:when=" + std::to_string(when);
+            killed = WEXITSTATUS(system((strace + " " + block).c_str())) == 128 + SIGKILL;
+            const std::string found = filesHere()["a.xml"];
+            EXPECT_TRUE(found == edited || (killed && found == kRules)) << found;
+        }
     }
 }
 
