@@ -1,27 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The virtual device's own part: what init and the kernel do for the services of a real one.
+// The virtual device's own part: what the kernel does for the services of a real one.
 #include "device_test.h"
 
 namespace android::kus {
 namespace {
 
 class ServicesTest : public DeviceTest {};
-
-TEST_F(ServicesTest, WhoDependsOnTheServiceManagerIsRestartedWithIt) {
-    setRules("whitelist", "<class>USB_CLASS_AUDIO</class>");
-    const std::string unchanged =
-        "services pid servicemanager kusd kusgate >/tmp/after;"
-        "sort /tmp/before /tmp/after | uniq -d";
-    shell(
-        "services pid servicemanager kusd kusgate >/tmp/before;"
-        "kill -KILL $(services pid servicemanager)");
-    EXPECT_TRUE(eventually([&] { return shell(unchanged).empty(); })) << shell(unchanged);
-    // Not asked by this process: one that calls a dead service manager has lost it for good.
-    EXPECT_TRUE(eventually([] { return shell("kusctl list 2>&1; echo $?").back() == '0'; }));
-    const Plugged stick("stick", kStick);
-    EXPECT_EQ(stick.decision().reason, "No matching rule found to Whitelist the device");
-}
 
 TEST_F(ServicesTest, ARoleIsFollowedAsSoonAsTheRoleSwitchCountsAsStarted) {
     const Plugged stick("stick", std::string(kStick) + " --port 0");

@@ -10,6 +10,7 @@ start_recording() {
     echo 0 >$tracefs/events/enable
     echo 'p:kus/added device_add device=+0(+0($arg1)):string
 p:kus/bound driver_bound device=+0(+0($arg1)):string
+p:kus/unbound usb_unbind_interface device=+0(+0($arg1)):string
 p:kus/written interface_authorized_store device=+0(+0($arg1)):string value=+0($arg3):string' \
         >$tracefs/kprobe_events
     echo mono >$tracefs/trace_clock

@@ -43,8 +43,6 @@ namespace kernel_probes {
 inline constexpr char kAdded[] = "added device_add device=+0(+0($arg1)):string";
 /** A device has its driver: the event "bind" goes out next, after those of its interfaces. */
 inline constexpr char kBound[] = "bound driver_bound device=+0(+0($arg1)):string";
-/** An interface is taken from its driver. */
-inline constexpr char kUnbound[] = "unbound usb_unbind_interface device=+0(+0($arg1)):string";
 /** An interface's `authorized` is written. */
 inline constexpr char kWritten[] =
     "written interface_authorized_store device=+0(+0($arg1)):string value=+0($arg3):string";
