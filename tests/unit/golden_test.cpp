@@ -154,13 +154,14 @@ TEST_F(Golden, TheTopologyIsScannedAnewAndPrintedOnRequest) {
 
 TEST_F(Golden, WithoutADescriptorForItsMemoryADumpIsPrintedStraight) {
     TemporaryFile file;
+    dump(file.fd);
     rlimit before;
     getrlimit(RLIMIT_NOFILE, &before);
     const rlimit none = {0, before.rlim_max};
     setrlimit(RLIMIT_NOFILE, &none);
     service_->dump(file.fd, {});
     setrlimit(RLIMIT_NOFILE, &before);
-    EXPECT_EQ(readFile(file.path), "USB DEVICE INFO ");
+    EXPECT_EQ(readFile(file.path), "USB DEVICE INFO USB DEVICE INFO ") << "as with one";
 }
 
 /** A pipe that takes one page, whose reader does not read. */

@@ -57,7 +57,10 @@ class Observer {
 
     void interrupt() { pthread_kill(thread_.native_handle(), SIGUSR1); }
 
-    /** Takes its descriptor away, and makes it read again. */
+    /**
+     * Takes its descriptor away, and makes it read again. That of an observer which an earlier test
+     * has left, too: it would have this one's events.
+     */
     void end() {
         if (!thread_.joinable()) return;
         for (const fs::directory_entry& fd : fs::directory_iterator("/proc/self/fd")) {
@@ -66,7 +69,6 @@ class Observer {
             // Not close(): that the thread still reads from it is the point, but a race to the
             // thread sanitizer.
             syscall(SYS_close, stoi(fd.path().filename().string()));
-            break;
         }
         while (!ended_) {
             interrupt();
