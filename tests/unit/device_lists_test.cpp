@@ -103,6 +103,7 @@ TEST_F(DeviceLists, ClientMayCallTheServiceFromItsCallback) {
         EXPECT_THAT(deviceList(), IsEmpty()) << "recorded before every client has been told";
         service_->registerKusCallback(late);
         service_->unregisterKusCallback(client_);
+        remove(usbDevice(1, {8}));
         isAllowed(inputDevice(7, 0x101));
     };
     add(usbDevice(1, {8}));

@@ -79,6 +79,11 @@ TEST_F(DeviceMap, CategoriesOfInterfaces) {
     EXPECT_EQ(categorise(2, {}), "0 empty");
     EXPECT_LOG("I Cannot open directory ", "I " + kPath);
     EXPECT_EQ(categorise(8, {}), "4 sdcard");
+    // A path is cut to 254 characters.
+    const std::string longName = "1-1:1." + std::string(248, '0');
+    addInterface(longName, 2);
+    scan("1-1 " + longName);
+    EXPECT_THAT(takeLog(), Contains("I " + ("/sys/bus/usb/devices/" + longName).substr(0, 254)));
 
     // The path is never shortened again: later subdirectories are looked for inside the first.
     EXPECT_EQ(categorise(3, {"0003:1/input/", "0003:2/input/"}), "8 empty");

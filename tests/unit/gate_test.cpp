@@ -225,6 +225,24 @@ TEST_F(GateTest, WhatIsPostponedIsLookedAtAgainAndLaterEachTime) {
     EXPECT_TRUE(table.has("1-2"));
     EXPECT_GE(looks[1] - looks[0], milliseconds(100));
     EXPECT_GE(looks[2] - looks[1], milliseconds(200));
+    // The kernel has told something of it: at once, and then soon again.
+    table.add(device("1-2"));
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 2; ++i) table.postpone(table.nextTask().undecided);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(300));
+}
+
+TEST_F(GateTest, WhatItCannotStartWithIsOneLine) {
+    const auto run = [](const char* arguments) {
+        const int status = system((std::string(KUSGATE_PATH) + arguments + " 2>/data/log").c_str());
+        return std::to_string(WEXITSTATUS(status)) + readFile("/data/log");
+    };
+    EXPECT_THAT(
+        run(" --closed --open"),
+        testing::MatchesRegex("2[^\n]*unknown argument --open: usage: kusgate \\[--closed]\n"));
+    writeFile(kUsbDevices, "no directory");
+    EXPECT_THAT(run(""),
+                testing::MatchesRegex("1[^\n]*there is no /sys/bus/usb/devices: [^\n]*\n"));
 }
 
 }  // namespace
