@@ -179,6 +179,18 @@ TEST_F(GateTest, WhatTheKernelRefusesIsLoggedAndStaysClosed) {
     EXPECT_LOG("E no driver for 1-1:1.1 of 1-1: Bad file descriptor",
                "E cannot write 1-1:1.2/authorized" + missing, "E no driver for 1-1:1.0" + missing,
                "E no driver for 1-1:1.2" + missing);
+
+    addMouse("input2");
+    const Device mouse("input2");
+    fs::remove(inputPath("input2", "inhibited"));
+    for (int i = 0; i < 2; ++i) setSilenced(mouse, true);
+    EXPECT_LOG(StartsWith("W refused input devices stay usable: this kernel is older than 5.11"));
+    fs::create_directory(inputPath("input2", "inhibited"));
+    setSilenced(mouse, true);
+    EXPECT_LOG("E cannot write inhibited of input2: Is a directory");
+    fs::remove_all("/sys/class/input/input2");
+    setSilenced(mouse, true);
+    EXPECT_THAT(takeLog(), IsEmpty());
 }
 
 TEST_F(GateTest, ARemovalComesFirstAndAnAnswerAfterItDecidesNothing) {
