@@ -249,9 +249,11 @@ TEST_F(GateTest, WhatItCannotStartWithIsOneLine) {
         const int status = system((std::string(KUSGATE_PATH) + arguments + " 2>/data/log").c_str());
         return std::to_string(WEXITSTATUS(status)) + readFile("/data/log");
     };
-    EXPECT_THAT(
-        run(" --closed --open"),
-        testing::MatchesRegex("2[^\n]*unknown argument --open: usage: kusgate \\[--closed]\n"));
+    for (const char* arguments : {" --closed --open", " --open --closed"}) {
+        EXPECT_THAT(
+            run(arguments),
+            testing::MatchesRegex("2[^\n]*unknown argument --open: usage: kusgate \\[--closed]\n"));
+    }
     writeFile(kUsbDevices, "no directory");
     EXPECT_THAT(run(""),
                 testing::MatchesRegex("1[^\n]*there is no /sys/bus/usb/devices: [^\n]*\n"));

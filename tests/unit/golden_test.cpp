@@ -142,12 +142,11 @@ TEST_F(Golden, TheTopologyIsScannedAnewAndPrintedOnRequest) {
     addDevice("1-2", 4);
     addInterface("1-2:1.0", 8);
     // Without a bus entry there is no tree; the interfaces and the map are printed all the same.
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_THAT(
-            dumped({"test", "ignored"}),
-            AllOf(StartsWith("USB Test \n\nprint_interfacelist  usbinterface:"),
-                  HasSubstr("\nDeviceIdMap size1\n \n DeviceId : 1004, Interface name : 1-2")));
-    }
+    const auto hasMap = HasSubstr("\nDeviceIdMap size1\n \n DeviceId : 1004, Interface name : 1-2");
+    EXPECT_THAT(dumped({"test", "ignored"}),
+                AllOf(StartsWith("USB Test \n\nprint_interfacelist  usbinterface:"), hasMap));
+    addEntry("usb1");
+    EXPECT_THAT(dumped({"test"}), AllOf(StartsWith("USB Test \n   |__  Port : 2"), hasMap));
     EXPECT_TRUE(UsbDevice::device_list.empty());
     EXPECT_THAT(takeLog(), Contains(StartsWith("I dump_print_test called ")));
 }
