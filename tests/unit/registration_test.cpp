@@ -81,8 +81,9 @@ TEST_F(RegistrationDeathTest, RefusedRulesStopNothingAndAreNotUndone) {
     const auto registerService = [&] {
         KUsbService::Register();
         fputs(takeLogText().c_str(), stderr);
-        _exit(manager_->added == nullptr || Util::getMode() != "whitelist" || isUserDebugBuild ||
-              rulesAreLeftByCrash);
+        const bool isWrong =
+            manager_->added == nullptr || Util::getMode() != "whitelist" || isUserDebugBuild;
+        _exit(isWrong ? 1 : rulesAreLeftByCrash ? 2 : 0);
     };
     EXPECT_EXIT(registerService(), ExitedWithCode(0),
                 "I  parsing failed\nI Register called in ku_service\n"
@@ -90,6 +91,12 @@ TEST_F(RegistrationDeathTest, RefusedRulesStopNothingAndAreNotUndone) {
     EXPECT_EQ(readFile(statusFilePath), "INVALID TAG:foo");
     EXPECT_EQ(readFile(backupFilePath), "the last good rules");
     EXPECT_EQ(readFile(configFilePath), rules);
+    // Unless a crash came before they were read: then the observer undoes them.
+    writeFile(statusFilePath, crashStatus);
+    EXPECT_EXIT(registerService(), ExitedWithCode(2), "");
+    for (const char* path : {configFilePath, backupFilePath}) writeFile(path, rules + "\n");
+    writeFile(statusFilePath, crashStatus);
+    EXPECT_EXIT(registerService(), ExitedWithCode(0), "") << "the backup is no other";
 }
 
 TEST_F(RegistrationDeathTest, RefusedServiceAndBrokenInvariantsAreFatal) {
