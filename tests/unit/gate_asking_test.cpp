@@ -13,7 +13,6 @@ namespace android::kus {
 namespace {
 
 const auto kAlive = [] { return true; };
-const auto kDead = [] { return false; };
 
 /** The service as the gate sees it from another process. */
 class FakeService : public BnKUsbService {
@@ -100,7 +99,7 @@ TEST_F(GateAsking, ANewServiceIsAskedAboutEverything) {
         service_->recipient->binderDied(service_.get());
         return true;
     };
-    run({kAlive, death, kDead, kAlive}, {true, true});
+    run({kAlive, death, [] { return false; }, kAlive}, {true, true});
     EXPECT_THAT(service_->calls, ElementsAre("asked 12015", "asked 12015"));
     EXPECT_LOG("I connected to kusbservice", "I allowed 1-1 0951:1666 8", "I lost kusbservice",
                "I connected to kusbservice", "I allowed 1-1 0951:1666 8");
