@@ -24,7 +24,7 @@ TEST_F(LiveRulesTest, AGoodRewriteDecidesAttachedDevicesAgainAndABadOneDoesNot) 
     // One of each controller.
     const Plugged attached[] = {{"first", std::string(kStick) + " --port 0"},
                                 {"second", std::string(kStick) + " --port 3"}};
-    for (const bool allowed : {false, true, false}) {
+    for (const bool allowed : {false, true}) {
         const int ids[] = {attached[0].decision().deviceId, attached[1].decision().deviceId};
         const std::string good = contentOf(configFilePath);
         writeFile(configFilePath, "<usbconfig mode='blacklist'><foo/></usbconfig>");

@@ -20,7 +20,8 @@ bool eventually(const std::function<bool()>& condition, std::chrono::seconds tim
     const auto end = std::chrono::steady_clock::now() + timeout;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        // A look takes the emulated processor from what it waits for.
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     return true;
 }

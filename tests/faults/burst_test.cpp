@@ -108,12 +108,10 @@ void Bursts::expectAgreement(const std::vector<Rules>& rewrites) {
 TEST_F(Bursts, OfThree) {
     settleOn(inForce_);
     const int bursts = (getenv("KUS_FULL_RUN") ? 600 : 4) * kKindCount * kKindCount;
-    int tried = 0;
-    for (; tried < bursts && !HasFailure(); ++tried) {
+    for (int tried = 0; tried < bursts && !HasFailure(); ++tried) {
         burst({static_cast<int>(random_() % kKindCount), tried / kKindCount % kKindCount,
                tried % kKindCount});
     }
-    printf("%d bursts\n", tried);
 }
 
 // Slow to open its rules, so that they are rewritten between its watch and its look at them.

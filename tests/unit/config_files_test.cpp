@@ -85,6 +85,9 @@ TEST_F(ConfigFiles, BackupsAndRestoresGoByWhatWasParsed) {
     fs::remove(configFilePath);
     EXPECT_EQ(Util::restoreRules(), Util::Restored::kWhole);
     EXPECT_EQ(readFile(configFilePath), "parsed\n");
+    for (const char* path : {configFilePath, backupFilePath}) fs::remove(path);
+    EXPECT_EQ(Util::restoreRules(), Util::Restored::kNotWhole);
+    EXPECT_TRUE(Util::readWhatWasRestored()) << "of that no copy comes";
 }
 
 // Between the look at the file and its end, one who opens it waits; one who has it open is awaited.

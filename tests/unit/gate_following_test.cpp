@@ -198,15 +198,15 @@ TEST_F(GateFollowing, OnClosedBusesOnlyHidsAreClosed) {
 // Its controller has left the host role and come back.
 TEST_F(GateFollowing, ARootHubIsOpenedAgain) {
     detach("1-1");
-    writeFile(sysfsPath("usb1", "interface_authorized_default"), "0");
     writeFile("/sys/bus/usb/drivers/hub/bind", "");
     run(true, {[] {
+            addRootHub("usb2");
             for (const char* attribute : {"bInterfaceNumber", "bInterfaceClass"}) {
-                writeFile(sysfsPath("usb1/1-0:1.0", attribute), "09");
+                writeFile(sysfsPath("usb2/2-0:1.0", attribute), "09");
             }
-            return "add usb usb_interface 1-0:1.0";
+            return "add usb usb_interface 2-0:1.0";
         }});
-    awaitHubDriverFor("1-0:1.0");
+    awaitHubDriverFor("2-0:1.0");
 }
 
 }  // namespace

@@ -167,6 +167,7 @@ TEST_F(GateTest, WhatTheKernelRefusesIsLoggedAndStaysClosed) {
     const Device device("1-1");
     writeFile(sysfsPath("1-1", "1-1:1.0/driver"), "");
     const Texts interfaces = describe(device)->interfaces;
+    EXPECT_THAT(device.directory.entries(), Each(Not(StartsWith("."))));
     closeDevice(device, interfaces);
     writeFile(kDrivers + "usbhid/bind", "");
     openFor("usbhid", device, interfaces);
@@ -249,13 +250,14 @@ TEST_F(GateTest, WhatItCannotStartWithIsOneLine) {
         return std::to_string(WEXITSTATUS(status)) + readFile("/data/log");
     };
     for (const char* arguments : {" --closed --open", " --open --closed"}) {
-        EXPECT_THAT(
-            run(arguments),
-            testing::MatchesRegex("2[^\n]*unknown argument --open: usage: kusgate \\[--closed]\n"));
+        EXPECT_THAT(run(arguments), MatchesRegex("2[^\n]*unknown argument --open: usage: kusgate "
+                                                 "\\[--closed]\n"));
     }
+    fs::create_directories(kUsbDevices);
+    EXPECT_THAT(run(""), Not(HasSubstr("there is no")));
+    fs::remove(kUsbDevices);
     writeFile(kUsbDevices, "no directory");
-    EXPECT_THAT(run(""),
-                testing::MatchesRegex("1[^\n]*there is no /sys/bus/usb/devices: [^\n]*\n"));
+    EXPECT_THAT(run(""), MatchesRegex("1[^\n]*there is no /sys/bus/usb/devices: [^\n]*\n"));
 }
 
 }  // namespace

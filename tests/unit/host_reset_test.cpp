@@ -162,7 +162,7 @@ TEST_F(HostReset, ControllerOfADisplayLinkAdapter) {
         {"/soc/hsusb@c200000\n", kHsusb},
         {"/soc/ssusb@a800000/dwc3@a800000", kSsusb},
         {"", ""},
-        {"/soc", "empty"},
+        {"/", "empty"},
         {"/soc/ssusb", "empty"}};
     for (const auto& [devspec, path] : cases) {
         attachDisplayLink(devspec);

@@ -23,8 +23,9 @@ namespace fs = std::filesystem;
 using std::chrono::milliseconds, std::this_thread::sleep_for;
 using testing::_, testing::AllOf, testing::AnyOf, testing::Contains, testing::Each,
     testing::ElementsAre, testing::EndsWith, testing::ExitedWithCode, testing::Ge,
-    testing::HasSubstr, testing::IsEmpty, testing::KilledBySignal, testing::Le, testing::Not,
-    testing::Pair, testing::PrintToString, testing::SizeIs, testing::StartsWith;
+    testing::HasSubstr, testing::IsEmpty, testing::KilledBySignal, testing::Le,
+    testing::MatchesRegex, testing::Not, testing::Pair, testing::PrintToString, testing::SizeIs,
+    testing::StartsWith;
 
 using Texts = std::vector<std::string>;
 using Vendors = std::multimap<int32_t, int32_t>;

@@ -17,7 +17,7 @@ TEST_F(Registration, ServiceIsPublishedWithItsRulesInForce) {
     writeFile(configFilePath, "<usbconfig mode=\"default\"/>");
     KUsbService::Register();
     // The observer's thread outlives the test: it must be watching this test's directory.
-    Texts log = takeLogUntil("registered successfully file observer");
+    Texts log = takeLogUntil("I registered successfully file observer");
     log.resize(11);
     EXPECT_THAT(
         log,

@@ -72,9 +72,10 @@ TEST_F(Startup, AnyOtherArgumentStartsTheDaemon) {
     run("run-startup-tasks-x");
     EXPECT_NE(status_, 0);
     EXPECT_EQ(log_[1], "I  parsing register createmap called");
-    EXPECT_THAT(log_, Contains("I Segmentation faultsignum6"));
+    EXPECT_THAT(log_, testing::IsSupersetOf({"I Segmentation faultsignum6", "I Stack Trace"}));
     EXPECT_THAT(log_, Not(Contains(HasSubstr("sysfs path")))) << "no controller was off";
     EXPECT_EQ(readFile(statusFilePath), crashStatus);
+    EXPECT_EQ(readFile(configFilePath), std::string(kDefaultRules) + "\n") << "no copy";
 }
 
 }  // namespace
