@@ -26,11 +26,11 @@ class SysfsScan : public KusTest {};
 
 TEST_F(SysfsScan, EntriesAreToldApartByTheirNames) {
     const std::string errors = scan(
-        "usb1 usb12 1-1 1-1.1 1-1.3 90-1.2 1- 1-2:1.0 1-2: 1-2:1 1-2:1. 1-2:x 1-2:1.x 1-0:1.0 "
+        "usb1 usb12 1-1.1 1-1 1-1.3 90-1.2 1- 1-2:1.0 1-2: 1-2:1 1-2:1. 1-2:x 1-2:1.x 1-0:1.0 "
         "12-0:0.0 12-0:0.1 . .. .x usb usb/ usb: usbmon us1 Usb1 uevent lost+found");
     EXPECT_EQ(chain(UsbDevice::bus_list, &usbbusnode::next), " usb1 usb12");
-    EXPECT_EQ(namesIn(UsbDevice::device_list), " 1-1 1-1.1 1-1.3 90-1.2 1-");
-    EXPECT_EQ((*++UsbDevice::device_list.begin()).first_child, nullptr);
+    EXPECT_EQ(namesIn(UsbDevice::device_list), " 1-1.1 1-1 1-1.3 90-1.2 1-");
+    EXPECT_EQ((*UsbDevice::device_list.begin()).first_child, nullptr);
     EXPECT_EQ(namesIn(UsbDevice::interface_list), " 1-2:1.0 1-0:1.0 12-0:0.0 12-0:0.1");
     // By the digit after the colon, so never a root hub's own. The other links show in a dump.
     EXPECT_EQ(UsbDevice::bus_list->first_interface, nullptr);
