@@ -50,9 +50,9 @@ build_native() {
     cmake -G Ninja -S "$repo" -B "$build" -DKUS_SANITIZER="$2" && ninja -C "$build" "${@:3}"
 }
 
-# build_asan TARGET...: for this machine under the address and undefined behaviour sanitizers, the fuzz
-# targets (fuzzers) and what they are made of, too. Clang is the platform's compiler, and takes half
-# the time of GCC.
+# build_asan TARGET...: for this machine under the address and undefined behaviour sanitizers, and
+# such that the fuzz targets (fuzzers) are made of it, too. Clang is the platform's compiler, and
+# takes half the time of GCC.
 build_asan() {
     CXX=clang++ build_native asan address,undefined,fuzzer-no-link "$@"
 }

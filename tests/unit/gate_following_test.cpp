@@ -195,8 +195,8 @@ TEST_F(GateFollowing, OnClosedBusesOnlyHidsAreClosed) {
     EXPECT_EQ(readFile(sysfsPath("usb2", "interface_authorized_default"))[0], '0');
 }
 
-// Its controller has left the host role and come back.
-TEST_F(GateFollowing, ARootHubIsOpenedAgain) {
+// As after its controller has left the host role and come back.
+TEST_F(GateFollowing, ARootHubIsOpenedWhenItsInterfaceComes) {
     detach("1-1");
     writeFile("/sys/bus/usb/drivers/hub/bind", "");
     run(true, {[] {

@@ -30,6 +30,7 @@ TEST_F(SysfsScan, EntriesAreToldApartByTheirNames) {
         "12-0:0.0 12-0:0.1 . .. .x usb usb/ usb: usbmon us1 Usb1 uevent lost+found");
     EXPECT_EQ(chain(UsbDevice::bus_list, &usbbusnode::next), " usb1 usb12");
     EXPECT_EQ(namesIn(UsbDevice::device_list), " 1-1.1 1-1 1-1.3 90-1.2 1-");
+    // 1-1.3 begins like it, but is behind 1-1.
     EXPECT_EQ((*UsbDevice::device_list.begin()).first_child, nullptr);
     EXPECT_EQ(namesIn(UsbDevice::interface_list), " 1-2:1.0 1-0:1.0 12-0:0.0 12-0:0.1");
     // By the digit after the colon, so never a root hub's own. The other links show in a dump.
