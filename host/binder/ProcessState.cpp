@@ -144,7 +144,8 @@ status_t ProcessState::setThreadPoolMaxThreadCount(size_t maxThreads) {
 
 String8 ProcessState::makeBinderThreadName() {
     AutoMutex lock(mLock);
-    return String8::format("binder:%d_%X", getpid(), ++mThreadPoolSeq);
+    mThreadPoolSeq = mThreadPoolSeq + 1;
+    return String8::format("binder:%d_%X", getpid(), mThreadPoolSeq);
 }
 
 // Names the calling thread.

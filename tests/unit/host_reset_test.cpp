@@ -193,7 +193,7 @@ TEST_F(HostReset, DisplayLinkControllerGetsItsRoleBackOnlyWithPower) {
     // A supply that is no number ends the process.
     writeFile(kSsusb, "host");
     writeFile(kUsbOnline, "on");
-    EXPECT_EXIT([]() noexcept { UsbDevice::usb_host_reset(1); }(), KilledBySignal(SIGABRT),
+    EXPECT_EXIT(std::thread([] { UsbDevice::usb_host_reset(1); }).join(), KilledBySignal(SIGABRT),
                 "invalid_argument");
 }
 
