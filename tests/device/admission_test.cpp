@@ -6,11 +6,6 @@
 namespace android::kus {
 namespace {
 
-using testing::ElementsAreArray;
-using testing::UnorderedElementsAreArray;
-
-using Texts = std::vector<std::string>;
-
 constexpr char kIds[] = "--vendor 1678 --product 7 ";
 constexpr char kNoMatch[] = "No matching rule found to Whitelist the device";
 

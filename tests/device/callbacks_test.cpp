@@ -9,9 +9,6 @@ namespace android::kus {
 namespace {
 
 using android::base::StringPrintf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::StartsWith;
 
 constexpr int kQuietMs = 1500;
 

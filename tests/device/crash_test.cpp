@@ -14,8 +14,6 @@
 namespace android::kus {
 namespace {
 
-using testing::HasSubstr;
-
 constexpr char kLog[] = "/tmp/kusd.log";
 constexpr char kTooLarge[] =
     "<usbconfig mode='whitelist'><vid vendorid='1'><pid>2147483648</pid></vid></usbconfig>";

@@ -14,10 +14,6 @@ namespace android::kus {
 namespace {
 
 using android::base::Trim;
-using testing::AllOf;
-using testing::Each;
-using testing::IsEmpty;
-using testing::Not;
 namespace fs = std::filesystem;
 
 constexpr char kUsbDevices[] = "/sys/bus/usb/devices/";

@@ -18,6 +18,10 @@
 namespace android::kus {
 
 using namespace std::chrono_literals;
+using testing::AllOf, testing::Each, testing::ElementsAre, testing::ElementsAreArray,
+    testing::EndsWith, testing::HasSubstr, testing::IsEmpty, testing::Ne, testing::Not,
+    testing::Pointwise, testing::SizeIs, testing::StartsWith, testing::UnorderedElementsAreArray;
+using Texts = std::vector<std::string>;
 
 /** Runs a shell command and returns what it prints, without the last line feed. Must succeed. */
 std::string shell(const std::string& command);

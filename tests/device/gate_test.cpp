@@ -13,14 +13,6 @@
 namespace android::kus {
 namespace {
 
-using testing::AllOf;
-using testing::Each;
-using testing::Ne;
-using testing::Pointwise;
-using testing::SizeIs;
-
-using Texts = std::vector<std::string>;
-
 constexpr char kOptions[] = "/system/etc/kusgate.options";
 constexpr char kLog[] = "/data/log/kusgate.log";
 constexpr char kNothingAllowed[] = "<class>USB_CLASS_AUDIO</class>";

@@ -13,12 +13,6 @@
 namespace android::kus {
 namespace {
 
-using testing::AllOf;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::Not;
-using testing::StartsWith;
-
 class KusctlTest : public DeviceTest {};
 
 /** What a shell command prints where its output is a terminal. */
