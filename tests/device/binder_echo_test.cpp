@@ -133,7 +133,7 @@ TEST_F(BinderTest, OnewayCallsWaitForNothingAndComeInOrder) {
     const auto send = [&] {
         Parcel data;
         data.writeInt32(sent);
-        data.writeInplace(252);
+        data.writeInplace(1020);
         return mEcho->transact(PRINT, data, nullptr, IBinder::FLAG_ONEWAY) == OK;
     };
     mProcess->kill(SIGSTOP);
@@ -154,7 +154,7 @@ TEST_F(BinderTest, ProxyThatComesAndGoesInManyThreadsKeepsItsNotice) {
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&] {
             const sp<Counter> recipient = new Counter;
-            for (int round = 0; round < 1000; ++round) {
+            for (int round = 0; round < 250; ++round) {
                 const sp<IBinder> proxy = checkService(kName);
                 EXPECT_EQ(proxy->linkToDeath(recipient), OK);
                 if (round % 2 == 0) continue;
