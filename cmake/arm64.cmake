@@ -8,9 +8,8 @@ set(CMAKE_CXX_COMPILER clang++)
 set(CMAKE_CXX_COMPILER_TARGET aarch64-linux-gnu)
 set(CMAKE_CXX_STANDARD 20)
 # Stack traces need the tables that else go with exceptions.
-set(CMAKE_CXX_FLAGS_INIT "-fno-exceptions -fasynchronous-unwind-tables")
+add_compile_options(-fno-exceptions -fasynchronous-unwind-tables)
 # A library that is named and not used may need one that is only in the virtual device.
-set(CMAKE_EXE_LINKER_FLAGS_INIT -Wl,--as-needed)
-set(CMAKE_SHARED_LINKER_FLAGS_INIT -Wl,--as-needed)
+add_link_options(-Wl,--as-needed)
 set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
